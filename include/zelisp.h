@@ -1,0 +1,253 @@
+/*
+ * zelisp.h - public interface of libzelisp, the user-space library for the
+ * ISP camera nodes of the board (/dev/video0..23 and /dev/isp_misc).
+ *
+ * Handles are the addresses of library objects carried in an unsigned long;
+ * 0 is never a valid handle. Every function returns 0 or a negative
+ * IspResult unless its comment says otherwise. Nothing is copied on the frame
+ * path: a frame is handed over as a 256-byte _isp_buf_t that points into
+ * buffers mapped once by isp_init_video.
+ */
+#ifndef ZELISP_H
+#define ZELISP_H
+
+#include <stddef.h>
+#include <stdint.h>
+#include <sys/time.h>
+
+#if defined(ZELISP_BUILDING_LIBRARY)
+#define ZELISP_API __attribute__((visibility("default")))
+#else
+#define ZELISP_API
+#endif
+
+/* Result codes shared by every function of the library. */
+enum IspResult : int {
+    ISP_OK = 0,
+    ISP_ERR_SELECT = -1,            /* select() failed with an error other than EINTR */
+    ISP_ERR_BUFFER_COUNT = -2,      /* buffer count outside 3..8 */
+    ISP_ERR_STATE = -4,             /* object not in a state that allows the call */
+    ISP_ERR_NO_NODE = -7,           /* video node missing, or valid-camera table unreadable */
+    ISP_ERR_MISSING = -8,           /* something needed is missing or too large */
+    ISP_ERR_OPEN = -9,              /* a node could not be opened, or bus ownership refused */
+    ISP_ERR_CLOSE = -10,            /* closing the video node failed */
+    ISP_ERR_REQUEST = -11,          /* a driver request failed, or a frame was refused */
+    ISP_ERR_MAP = -12,              /* mapping a buffer plane failed */
+    ISP_ERR_TIMEOUT = -13,          /* no frame within the time limit */
+    ISP_ERR_NOT_READY = -14,        /* no filled buffer yet, or the wait was interrupted */
+    ISP_ERR_INVALID = -15,          /* invalid argument */
+    ISP_ERR_WAIT_INTERRUPTED = -16, /* multi-camera wait interrupted by a signal */
+    ISP_ERR_NO_VALID_CAMERA = -17,  /* a group has no valid camera */
+};
+
+namespace zelvideo {
+
+/* One view of one capture buffer (72 bytes). */
+struct _isp_view_buf_t {
+    uint32_t reserved0;
+    uint32_t index;       /* V4L2 index of the buffer */
+    int32_t fd;           /* DMA-buf descriptor of the plane; -1 when the export failed */
+    uint32_t reserved1;
+    uint32_t length;      /* size of the plane buffer in bytes */
+    uint32_t reserved2;
+    void *addr;           /* where the plane is mapped; MAP_FAILED when mapping failed */
+    uint64_t timestamp;   /* capture time of the last frame in this buffer, microseconds */
+    uint32_t sequence;    /* driver sequence number of that frame */
+    uint32_t driver_data; /* the driver's reserved word of the dequeued buffer */
+    uint8_t reserved3[24];
+};
+
+/* One capture buffer: the frame descriptor of the interface (256 bytes). */
+struct _isp_buf_t {
+    _isp_view_buf_t views[3]; /* entry k describes view k */
+    uint32_t index;           /* V4L2 index; the put functions hand this back */
+    uint8_t reserved[36];
+};
+
+/* Format of one view (12 bytes). */
+struct _view_format_t {
+    uint32_t format; /* V4L2 fourcc */
+    uint32_t width;
+    uint32_t height;
+};
+
+struct _resize_crop_t {
+    uint16_t x;
+    uint16_t y;
+    uint16_t width;
+    uint16_t height;
+};
+
+struct _resize_scale_t {
+    uint16_t width; /* 0 together with height 0: no scaling */
+    uint16_t height;
+};
+
+/* Crop, scale, crop resize record (22 bytes), stored before isp_init_video. */
+struct _resize_param_t {
+    _resize_crop_t cropBefore;
+    _resize_crop_t cropAfter;
+    _resize_scale_t scale;
+    uint8_t sel;      /* 0, 1 or 2 */
+    uint8_t reserved;
+};
+
+/* Manual exposure parameters (24 bytes); each is sent as its low 16 bits. */
+struct _mec_param_t {
+    uint32_t param[6];
+};
+
+/* One record of the platform's valid-camera table (40 bytes), as the driver wrote it. */
+struct _camera_info_t {
+    uint8_t driver_data[32];
+    int32_t camera_index;
+    uint8_t driver_data_tail[4];
+};
+
+static_assert(sizeof(void *) == 8, "the records carry 64-bit addresses");
+
+static_assert(sizeof(_isp_view_buf_t) == 72, "_isp_view_buf_t is 72 bytes");
+static_assert(offsetof(_isp_view_buf_t, index) == 4, "_isp_view_buf_t layout");
+static_assert(offsetof(_isp_view_buf_t, fd) == 8, "_isp_view_buf_t layout");
+static_assert(offsetof(_isp_view_buf_t, length) == 16, "_isp_view_buf_t layout");
+static_assert(offsetof(_isp_view_buf_t, addr) == 24, "_isp_view_buf_t layout");
+static_assert(offsetof(_isp_view_buf_t, timestamp) == 32, "_isp_view_buf_t layout");
+static_assert(offsetof(_isp_view_buf_t, sequence) == 40, "_isp_view_buf_t layout");
+static_assert(offsetof(_isp_view_buf_t, driver_data) == 44, "_isp_view_buf_t layout");
+static_assert(offsetof(_isp_view_buf_t, reserved3) == 48, "_isp_view_buf_t layout");
+
+static_assert(sizeof(_isp_buf_t) == 256, "_isp_buf_t is 256 bytes");
+static_assert(alignof(_isp_buf_t) == 8, "_isp_buf_t is 8-byte aligned");
+static_assert(offsetof(_isp_buf_t, views) == 0, "_isp_buf_t layout");
+static_assert(offsetof(_isp_buf_t, index) == 216, "_isp_buf_t layout");
+static_assert(offsetof(_isp_buf_t, reserved) == 220, "_isp_buf_t layout");
+
+static_assert(sizeof(_view_format_t) == 12, "_view_format_t is 12 bytes");
+static_assert(offsetof(_view_format_t, width) == 4, "_view_format_t layout");
+static_assert(offsetof(_view_format_t, height) == 8, "_view_format_t layout");
+
+static_assert(sizeof(_resize_param_t) == 22, "_resize_param_t is 22 bytes");
+static_assert(offsetof(_resize_param_t, cropBefore) == 0, "_resize_param_t layout");
+static_assert(offsetof(_resize_param_t, cropAfter) == 8, "_resize_param_t layout");
+static_assert(offsetof(_resize_param_t, scale) == 16, "_resize_param_t layout");
+static_assert(offsetof(_resize_param_t, sel) == 20, "_resize_param_t layout");
+static_assert(offsetof(_resize_param_t, reserved) == 21, "_resize_param_t layout");
+
+static_assert(sizeof(_mec_param_t) == 24, "_mec_param_t is 24 bytes");
+
+static_assert(sizeof(_camera_info_t) == 40, "_camera_info_t is 40 bytes");
+static_assert(offsetof(_camera_info_t, camera_index) == 32, "_camera_info_t layout");
+static_assert(offsetof(_camera_info_t, driver_data_tail) == 36, "_camera_info_t layout");
+
+/* Group operations that take public records (C++ symbols). */
+ZELISP_API int isp_group_set_view_format(unsigned long group, int view, _view_format_t view_format);
+ZELISP_API int isp_group_get_view_format(unsigned long group, int view, _view_format_t *formats);
+ZELISP_API int isp_group_get_sync_frame(unsigned long group, _isp_buf_t *frames, int frame_count,
+                                        int timeout_ms);
+ZELISP_API int isp_group_put_frame(unsigned long group, _isp_buf_t *frames, int frame_count);
+
+} // namespace zelvideo
+
+extern "C" {
+
+/* ---- Library and camera handles ---- */
+ZELISP_API const char *isp_get_sdk_version(void);
+/* Words for a result code; a constant string, also for unknown codes. */
+ZELISP_API const char *isp_get_result_text(int result);
+/* Returns the camera handle, or 0 (bad index or mode, or the node could not be opened). */
+ZELISP_API unsigned long isp_open_video(uint32_t camera_index, int32_t mode);
+ZELISP_API int isp_close_video(unsigned long handle);
+ZELISP_API int isp_camera_get_native_fd(unsigned long handle, int64_t *fd);
+
+/* ---- Stream setup, resize ---- */
+ZELISP_API int isp_init_video(unsigned long handle, uint32_t combination, int32_t buffer_num);
+ZELISP_API int isp_resize_resolution(unsigned long handle, const zelvideo::_resize_param_t *param);
+
+/* ---- Capture and frames ---- */
+ZELISP_API int isp_start_capture(unsigned long handle);
+ZELISP_API int isp_stop_capture(unsigned long handle);
+ZELISP_API int isp_get_frame_buf(unsigned long handle, zelvideo::_isp_buf_t *buf, int32_t timeout_ms);
+ZELISP_API int isp_put_frame_buf(unsigned long handle, const zelvideo::_isp_buf_t *buf);
+ZELISP_API int isp_put_frame_buf_by_index(unsigned long handle, int32_t index);
+
+/* ---- Views ---- */
+ZELISP_API int isp_get_view_format(unsigned long handle, uint32_t view, zelvideo::_view_format_t *format);
+/* Returns the DMA-buf descriptor (owned by the camera) or a negative result. */
+ZELISP_API int isp_get_view_buf_fd(unsigned long handle, uint32_t buffer_index, uint32_t view);
+
+/* ---- Frame decimation ---- */
+ZELISP_API int isp_set_frame_drop_num(unsigned long handle, int32_t total_num, int32_t drop_num);
+ZELISP_API int isp_get_expected_frame(unsigned long handle, zelvideo::_isp_buf_t *buf, int32_t timeout_ms);
+
+/* ---- Picture controls ---- */
+ZELISP_API int isp_camera_set_brightness(unsigned long handle, uint32_t value);
+ZELISP_API int isp_camera_get_brightness(unsigned long handle, uint32_t *value);
+ZELISP_API int isp_camera_set_contrast(unsigned long handle, uint32_t value);
+ZELISP_API int isp_camera_get_contrast(unsigned long handle, uint32_t *value);
+ZELISP_API int isp_camera_set_saturation(unsigned long handle, uint32_t value);
+ZELISP_API int isp_camera_get_saturation(unsigned long handle, uint32_t *value);
+ZELISP_API int isp_camera_set_hue(unsigned long handle, uint32_t value);
+ZELISP_API int isp_camera_get_hue(unsigned long handle, uint32_t *value);
+ZELISP_API int isp_camera_set_gamma(unsigned long handle, uint32_t value);
+ZELISP_API int isp_camera_get_gamma(unsigned long handle, uint32_t *value);
+ZELISP_API int isp_camera_set_sharpness(unsigned long handle, uint32_t value);
+ZELISP_API int isp_camera_get_sharpness(unsigned long handle, uint32_t *value);
+
+/* ---- Denoise, exposure, white balance, abnormal information ---- */
+ZELISP_API int isp_camera_set_denoise(unsigned long handle, uint32_t luma, uint32_t chroma);
+ZELISP_API int isp_camera_get_denoise(unsigned long handle, uint32_t *luma, uint32_t *chroma);
+ZELISP_API int isp_camera_set_awb(unsigned long handle, uint8_t value);
+ZELISP_API int isp_camera_get_awb(unsigned long handle, uint8_t *value);
+ZELISP_API int isp_camera_set_mwb(unsigned long handle, uint32_t gain1, uint32_t gain2, uint32_t gain3);
+ZELISP_API int isp_camera_set_aec(unsigned long handle, uint8_t value);
+ZELISP_API int isp_camera_get_aec(unsigned long handle, uint8_t *value);
+ZELISP_API int isp_camera_set_mec(unsigned long handle, const zelvideo::_mec_param_t *param);
+/* info: a buffer of at least 14 bytes, filled by the driver. */
+ZELISP_API int isp_camera_get_abnormal_info(unsigned long handle, void *info);
+
+/* ---- Platform: discovery, sensor bus, trigger modes ---- */
+ZELISP_API int isp_get_valid_camera_count(uint32_t *count);
+ZELISP_API int isp_get_valid_camera_info(zelvideo::_camera_info_t *info, uint32_t camera_num, uint32_t *count);
+ZELISP_API int isp_set_i2c_ctrl(uint32_t camera_index, uint32_t i2c_bus_ctrler);
+ZELISP_API int isp_set_internal_trigger(unsigned long handle, uint32_t trigger_param1, uint32_t trigger_param2,
+                                        uint32_t internal_param3);
+ZELISP_API int isp_set_external_trigger(unsigned long handle, uint32_t trigger_param1, uint32_t trigger_param2,
+                                        uint32_t external_param3);
+ZELISP_API int isp_group_set_internal_trigger(unsigned long group, uint32_t trigger_param1,
+                                              uint32_t trigger_param2, uint32_t internal_param3);
+ZELISP_API int isp_group_set_external_trigger(unsigned long group, uint32_t trigger_param1,
+                                              uint32_t trigger_param2, uint32_t external_param3);
+
+/* ---- Multi-camera wait: returns the number of ready cameras (> 0) or a negative result ---- */
+ZELISP_API int isp_camera_wait_for_data(const unsigned long *handles, int *ready, int count,
+                                        struct timeval *timeout);
+
+/* ---- Camera groups ---- */
+ZELISP_API int isp_create_empty_video_group(unsigned long *group, uint32_t group_type, const char *name,
+                                            int camera_count);
+ZELISP_API int isp_create_video_group(unsigned long *group, uint32_t group_type, const char *name,
+                                      const int *camera_index_list, int camera_count);
+ZELISP_API int isp_get_single_camera_handle(unsigned long group, int camera_index);
+ZELISP_API int isp_group_get_video_handle(unsigned long group, int camera_index);
+ZELISP_API int isp_group_get_video_info(unsigned long group, int camera_index, zelvideo::_camera_info_t *info);
+ZELISP_API int isp_group_open_video(unsigned long group, int mode, int *open_results);
+ZELISP_API int isp_group_init_video(unsigned long group, uint32_t combination, uint32_t buffer_num);
+ZELISP_API int isp_group_start_captrue(unsigned long group);
+ZELISP_API int isp_group_stop_captrue(unsigned long group);
+ZELISP_API int isp_group_close_video(unsigned long group);
+/*
+ * The camera handle of member camera_index, for the per-camera control
+ * functions. The group keeps owning the camera: never pass this handle to
+ * isp_close_video. Valid until isp_destroy_video_group.
+ */
+ZELISP_API int isp_group_get_camera_handle(unsigned long group, int camera_index, unsigned long *handle);
+/*
+ * Frees a group: members still open are closed first, then /dev/isp_misc is
+ * closed and every member camera object is released. The handle is invalid
+ * afterwards.
+ */
+ZELISP_API int isp_destroy_video_group(unsigned long group);
+
+} /* extern "C" */
+
+#endif /* ZELISP_H */

@@ -1,0 +1,27 @@
+#!/usr/bin/env bash
+# Installs what the project needs beyond a stock Debian 12 machine with g++,
+# CMake and GoogleTest. Safe to run again: it installs only what is missing.
+set -euo pipefail
+
+packages=(
+  cmake g++ make pkg-config
+  libgtest-dev libgmock-dev libbenchmark-dev
+  libinih-dev            # the simulator's configuration files
+  v4l-utils              # v4l2-ctl, a V4L2 client we did not write, runs on the simulator
+  libcli11-dev libpng-dev libyuv-dev nlohmann-json3-dev   # zelisp-cam
+  valgrind gcovr cppcheck clang-tidy
+)
+if [ "${ZELISP_SETUP_CROSS:-0}" = 1 ]; then
+  packages+=(g++-aarch64-linux-gnu qemu-user)
+fi
+
+missing=()
+for package in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" || missing+=("$package")
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+sudo=""
+[ "$(id -u)" -eq 0 ] || sudo="sudo"
+$sudo apt-get update -qq
+DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"

@@ -1,0 +1,58 @@
+/*
+ * sim_internal.h - the seams between the simulator's core (descriptor table,
+ * dispatch, log, faults, video nodes, hardware thread) and its parts that
+ * keep their own state: the camera controls, the platform node, the test
+ * pattern and the configuration file.
+ *
+ * The core applies faults and logs every request before it calls a handler,
+ * so handlers only model the driver. Handlers take their own lock and never
+ * call back into the core while holding it.
+ */
+#ifndef ZELISP_SIM_INTERNAL_H
+#define ZELISP_SIM_INTERNAL_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "zelisp_sim/sim.h"
+
+namespace zsim::detail {
+
+// What a handler adds to the request's log entry.
+struct LogNote {
+    std::string detail;       // decoded fields, "id=0x00980900 value=128"
+    std::vector<uint8_t> raw; // the record as the program sent it, when the
+    bool raw_set = false;     // encoded size is not the real one
+};
+
+// ---- controls.cpp: the controls of camera `camera` (0..11), reached from
+// both of its nodes. Handles VIDIOC_QUERYCTRL, VIDIOC_QUERY_EXT_CTRL,
+// VIDIOC_QUERYMENU, VIDIOC_G_CTRL, VIDIOC_S_CTRL, VIDIOC_G_EXT_CTRLS,
+// VIDIOC_S_EXT_CTRLS, VIDIOC_TRY_EXT_CTRLS and the ISP's
+// VIDIOC_ISP_GET_ABNORMAL_INFO. Returns false when `request` is none of
+// them; otherwise true with *error = 0 or the errno to answer with.
+bool handle_control_request(int camera, uint32_t request, void *arg, int *error, LogNote *note);
+void reset_controls();
+
+// ---- misc_device.cpp: requests on /dev/isp_misc. Returns false for a
+// request the platform driver does not know (the core answers ENOTTY).
+bool handle_misc_request(uint32_t request, void *arg, int *error, LogNote *note);
+void reset_misc();
+
+// ---- core: facts the parts above need.
+bool camera_present(int camera);
+
+// ---- pattern.cpp: the test pattern. Colour bars painted once per buffer,
+// then per frame a small moving block and the frame number, so that many
+// cameras at high rates stay cheap.
+size_t image_size(const ViewFormat &format);       // bytes of one image
+void paint_background(uint8_t *plane, size_t length, const ViewFormat &format);
+void paint_frame(uint8_t *plane, size_t length, const ViewFormat &format, uint32_t sequence);
+// Reads back the frame number paint_frame wrote; false if none is found.
+bool read_frame_number(const uint8_t *plane, size_t length, const ViewFormat &format, uint32_t *sequence);
+
+} // namespace zsim::detail
+
+#endif

@@ -1,0 +1,101 @@
+/*
+ * isp_video.h - the camera object: one ISP camera on one V4L2 multi-planar
+ * capture node, with its buffer table, frame history and stored settings.
+ *
+ * The object is a plain record (no base class, nothing virtual); its handle
+ * is its address. It owns the node descriptor, the plane mappings and the
+ * exported DMA-buf descriptors, and only Close releases them: destroying the
+ * object releases nothing by itself.
+ */
+#ifndef ZELISP_CAMERA_ISP_VIDEO_H
+#define ZELISP_CAMERA_ISP_VIDEO_H
+
+#include <cstdint>
+
+#include "zelisp.h"
+
+namespace zelisp {
+
+constexpr int kMaxCameras = 12;      // camera numbers 0..11
+constexpr int kModeTwoNodeOffset = 12; // mode 2 opens /dev/video<camera + 12>
+constexpr int kMaxViews = 3;
+constexpr int kMaxBuffers = 8;
+constexpr int kMinBuffers = 3;
+constexpr int kPathSize = 32;
+
+enum VideoState : uint32_t {
+    VIDEO_CLOSED = 0,
+    VIDEO_OPENED = 1,
+    VIDEO_INITED = 2,
+    VIDEO_CAPTURING = 4,
+};
+
+enum DecimationMode : uint32_t {
+    DECIMATION_OFF = 0,
+    DECIMATION_KEEP_ONE = 1,
+    DECIMATION_DROP_ONE = 2,
+};
+
+struct IspVideo {
+    char dev_path[kPathSize] = {};
+    uint32_t mode = 0;
+    int32_t fd = -1;
+    int32_t buffer_count = 0;
+    int32_t plane_count = 0;
+    zelvideo::_isp_buf_t buffers[kMaxBuffers] = {};
+    zelvideo::_view_format_t view_formats[kMaxViews] = {};
+    uint64_t last_timestamp_us = 0;
+    uint32_t last_sequence = 0;
+    uint32_t view_mask = 0;
+    uint32_t state = VIDEO_CLOSED;
+    zelvideo::_resize_param_t resize_param = {};
+    uint32_t decimation_mode = DECIMATION_OFF;
+    uint32_t keep_interval = 0;
+    uint32_t drop_interval = 0;
+
+    // Node lifetime.
+    int Open(uint32_t camera_index, int32_t open_mode);
+    int Close();
+    int GetVideoFd() const { return fd; }
+    static int IoctlRetry(int descriptor, unsigned long request, void *argument);
+
+    // Stream setup and buffers.
+    int Init(uint32_t combination, int32_t buffer_num);
+    int StoreResize(const zelvideo::_resize_param_t &record);
+    int ApplyResize(zelvideo::_resize_param_t record, int32_t bound_width, int32_t bound_height);
+
+    // Frame loop.
+    int StartCapture();
+    int StopCapture();
+    int GetFrame(zelvideo::_isp_buf_t *out, int32_t timeout_ms);
+    int PutFrame(const zelvideo::_isp_buf_t &buf);
+    int PutFrameByIndex(int32_t index);
+
+    // Views.
+    int GetViewFormat(int32_t view, zelvideo::_view_format_t *out);
+    int SetViewFormat(int32_t view, zelvideo::_view_format_t format);
+    int GetViewBufFd(int32_t buffer_index, uint32_t view);
+
+    // Frame decimation.
+    int SetFrameDropNum(int32_t total_num, int32_t drop_num);
+    int GetExpectedFrame(zelvideo::_isp_buf_t *out, int32_t timeout_ms);
+
+    // State rule: true when state is one of the accepted ones; otherwise
+    // prints the bad-state line with the operation's name.
+    bool StateAllows(const char *operation, uint32_t accepted_mask) const;
+    // One flushed line on stdout: dev_path immediately followed by text.
+    void DeviceMessage(const char *format, ...) const __attribute__((format(printf, 2, 3)));
+};
+
+// Bit for a state in the accepted mask of StateAllows.
+constexpr uint32_t StateBit(uint32_t state) { return 1u << state; }
+
+// View carried by plane `plane` of a buffer under `view_mask`, or -1.
+int ViewOfPlane(uint32_t view_mask, int plane);
+
+// Turns a handle into its camera object (handles are object addresses).
+inline IspVideo *VideoFromHandle(unsigned long handle) { return reinterpret_cast<IspVideo *>(handle); }
+
+} // namespace zelisp
+
+#endif

@@ -61,10 +61,15 @@ struct IspVideo {
 
     // Stream setup and buffers.
     int Init(uint32_t combination, int32_t buffer_num);
+    // Buffer phase of Init: request, map and export; state 2 on success.
+    int SetupBuffers(int32_t buffer_num);
+    // Close's half of the buffer phase: unmaps every plane, closes exports.
+    void ReleaseBuffers();
     int StoreResize(const zelvideo::_resize_param_t &record);
     int ApplyResize(zelvideo::_resize_param_t record, int32_t bound_width, int32_t bound_height);
 
     // Frame loop.
+    int QueueBuffer(uint32_t index); // VIDIOC_QBUF; the ioctl's result
     int StartCapture();
     int StopCapture();
     int GetFrame(zelvideo::_isp_buf_t *out, int32_t timeout_ms);
@@ -83,7 +88,8 @@ struct IspVideo {
     // State rule: true when state is one of the accepted ones; otherwise
     // prints the bad-state line with the operation's name.
     bool StateAllows(const char *operation, uint32_t accepted_mask) const;
-    // One flushed line on stdout: dev_path immediately followed by text.
+    // One flushed line on stdout: dev_path immediately followed by text
+    // (the line end is added here).
     void DeviceMessage(const char *format, ...) const __attribute__((format(printf, 2, 3)));
 };
 

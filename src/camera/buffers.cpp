@@ -1,0 +1,128 @@
+/*
+ * buffers.cpp - the buffer phase of stream setup and its undo at Close.
+ *
+ * The driver allocates the capture buffers; the camera maps every plane
+ * once and exports every plane as a DMA-buf descriptor, so that frames are
+ * later handed over as descriptors into these mappings and never copied.
+ */
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+
+#include "isp_video.h"
+#include "v4l2_records.h"
+
+namespace zelisp {
+
+namespace {
+
+zelvideo::_isp_view_buf_t &PlaneEntry(IspVideo &video, int buffer, int plane)
+{
+    return video.buffers[buffer].views[ViewOfPlane(video.view_mask, plane)];
+}
+
+// Undoes the mappings of a failed buffer phase: every plane of the first
+// `whole_buffers` buffers and the first `planes_of_next` planes of the next.
+void UnmapPlanes(IspVideo &video, int whole_buffers, int planes_of_next)
+{
+    for (int buffer = 0; buffer <= whole_buffers && buffer < video.buffer_count; ++buffer) {
+        int planes = buffer < whole_buffers ? video.plane_count : planes_of_next;
+        for (int plane = 0; plane < planes; ++plane) {
+            zelvideo::_isp_view_buf_t &entry = PlaneEntry(video, buffer, plane);
+            munmap(entry.addr, entry.length);
+        }
+    }
+}
+
+int MapBuffer(IspVideo &video, int buffer)
+{
+    v4l2_plane planes[kMaxViews];
+    v4l2_buffer query = PlaneBufferRecord(uint32_t(buffer), planes, video.plane_count);
+    if (IspVideo::IoctlRetry(video.fd, VIDIOC_QUERYBUF, &query) < 0) {
+        video.DeviceMessage("query buffer %d failed", buffer);
+        perror("query buf");
+        UnmapPlanes(video, buffer, 0);
+        return ISP_ERR_REQUEST;
+    }
+
+    video.buffers[buffer].index = uint32_t(buffer);
+    for (int plane = 0; plane < video.plane_count; ++plane) {
+        zelvideo::_isp_view_buf_t &entry = PlaneEntry(video, buffer, plane);
+        entry.index = uint32_t(buffer);
+        entry.length = planes[plane].length;
+        entry.addr = mmap(nullptr, entry.length, PROT_READ | PROT_WRITE, MAP_SHARED, video.fd,
+                          planes[plane].m.mem_offset);
+        if (entry.addr == MAP_FAILED) {
+            printf("mmap failed buffer  = %d plane = %d\n", buffer, plane);
+            fflush(stdout);
+            UnmapPlanes(video, buffer, plane);
+            return ISP_ERR_MAP;
+        }
+    }
+    return ISP_OK;
+}
+
+// A plane that cannot be exported is still usable through its mapping, so
+// a failed export is reported and marked (-1) but does not fail the setup.
+void ExportPlane(IspVideo &video, int buffer, int plane)
+{
+    v4l2_exportbuffer request = ExportRequest(uint32_t(buffer), uint32_t(plane));
+    zelvideo::_isp_view_buf_t &entry = PlaneEntry(video, buffer, plane);
+    if (IspVideo::IoctlRetry(video.fd, VIDIOC_EXPBUF, &request) < 0 || request.fd < 0) {
+        printf("export buf failed, index %d plane %d\n", buffer, plane);
+        fflush(stdout);
+        entry.fd = -1;
+        return;
+    }
+    entry.fd = request.fd;
+}
+
+} // namespace
+
+int IspVideo::SetupBuffers(int32_t buffer_num)
+{
+    v4l2_requestbuffers request = BufferRequest(uint32_t(buffer_num));
+    if (IoctlRetry(fd, VIDIOC_REQBUFS, &request) < 0) {
+        DeviceMessage(" request buffers failed");
+        perror("request buf");
+        return ISP_ERR_REQUEST;
+    }
+
+    // A driver may grant fewer buffers than asked, 0 included. It should
+    // never grant more than the 8 we ask for at most, but the table has room
+    // for 8 only: the camera then uses the first 8. The others stay with
+    // the driver, never queued and therefore never filled, so they cannot
+    // reach the frame loop.
+    buffer_count = int32_t(std::min<uint32_t>(request.count, kMaxBuffers));
+
+    for (int buffer = 0; buffer < buffer_count; ++buffer) {
+        int result = MapBuffer(*this, buffer);
+        if (result != ISP_OK)
+            return result;
+    }
+    for (int buffer = 0; buffer < buffer_count; ++buffer) {
+        for (int plane = 0; plane < plane_count; ++plane)
+            ExportPlane(*this, buffer, plane);
+    }
+    state = VIDEO_INITED;
+    return ISP_OK;
+}
+
+void IspVideo::ReleaseBuffers()
+{
+    for (int buffer = 0; buffer < buffer_count; ++buffer) {
+        for (int plane = 0; plane < plane_count; ++plane) {
+            const zelvideo::_isp_view_buf_t &entry = PlaneEntry(*this, buffer, plane);
+            if (entry.addr == MAP_FAILED)
+                continue;
+            munmap(entry.addr, entry.length);
+            // -1 marks a plane whose export failed: nothing to close.
+            if (entry.fd > 0)
+                close(entry.fd);
+        }
+    }
+}
+
+} // namespace zelisp

@@ -1,0 +1,128 @@
+/*
+ * stream_setup.cpp - Init: choose the ISP's views, give each enabled view
+ * the format the driver reports for it, apply a stored resize, then hand
+ * over to the buffer phase.
+ *
+ * On this ISP the V4L2 input number is the view combination (bit k enables
+ * view k) and every enabled view becomes one plane of each capture buffer.
+ * Nothing is undone on failure: the driver keeps what it accepted, and the
+ * camera stays opened so that Init can be tried again.
+ */
+#include <cstdio>
+#include <cstring>
+
+#include "isp_video.h"
+#include "v4l2_records.h"
+
+namespace zelisp {
+
+namespace {
+
+int SelectInput(IspVideo &video, uint32_t combination)
+{
+    // The ISP overwrites index with the combination it supports; the
+    // record is sent zeroed and nothing else is read from it.
+    v4l2_input supported;
+    std::memset(&supported, 0, sizeof(supported));
+    if (IspVideo::IoctlRetry(video.fd, VIDIOC_ENUMINPUT, &supported) < 0) {
+        video.DeviceMessage(" enum view input combination failed");
+        perror("enum input");
+        return ISP_ERR_REQUEST;
+    }
+    video.DeviceMessage(" view input supported combination: %u", supported.index);
+
+    int input = int(combination);
+    if (IspVideo::IoctlRetry(video.fd, VIDIOC_S_INPUT, &input) < 0) {
+        video.DeviceMessage(" set view input combination %d failed", int(combination));
+        perror("set input");
+        return ISP_ERR_REQUEST;
+    }
+
+    // Read back for the console only; the caller's combination is in force.
+    int selected = 0;
+    if (IspVideo::IoctlRetry(video.fd, VIDIOC_G_INPUT, &selected) < 0) {
+        video.DeviceMessage(" get view input combination failed");
+        perror("get input");
+        return ISP_ERR_REQUEST;
+    }
+    video.DeviceMessage(" view input combination: %d", selected);
+    return ISP_OK;
+}
+
+int ReadDriverFormats(IspVideo &video)
+{
+    v4l2_format reply = FormatQuery();
+    if (IspVideo::IoctlRetry(video.fd, VIDIOC_G_FMT, &reply) < 0) {
+        video.DeviceMessage(" get view format failed");
+        perror("get format");
+        return ISP_ERR_REQUEST;
+    }
+    for (int view = 0; view < kMaxViews; ++view)
+        video.view_formats[view] = ViewFormatFromReply(reply, view);
+    return ISP_OK;
+}
+
+// Confirms each enabled view's format to the driver, in view order, which
+// is also the order of the planes. A view is counted before its request, so
+// a failure leaves the count reached.
+int SetEnabledViewFormats(IspVideo &video, uint32_t combination)
+{
+    video.plane_count = 0;
+    for (int view = 0; view < kMaxViews; ++view) {
+        if ((combination & (1u << view)) == 0)
+            continue;
+        ++video.plane_count;
+        v4l2_format request = ViewFormatRequest(view, video.view_formats[view]);
+        if (IspVideo::IoctlRetry(video.fd, VIDIOC_S_FMT, &request) < 0) {
+            video.DeviceMessage(" set view index %d format failed", view);
+            perror("set format");
+            return ISP_ERR_REQUEST;
+        }
+    }
+    return ISP_OK;
+}
+
+bool ResizeStored(const zelvideo::_resize_param_t &record)
+{
+    static const zelvideo::_resize_param_t none = {};
+    return std::memcmp(&record, &none, sizeof(record)) != 0;
+}
+
+} // namespace
+
+int IspVideo::Init(uint32_t combination, int32_t buffer_num)
+{
+    if (!StateAllows("Init", StateBit(VIDEO_OPENED)))
+        return ISP_ERR_STATE;
+    if (uint32_t(buffer_num) < uint32_t(kMinBuffers) || uint32_t(buffer_num) > uint32_t(kMaxBuffers)) {
+        DeviceMessage("request buffer number invalid");
+        return ISP_ERR_BUFFER_COUNT;
+    }
+
+    // The mode 2 node carries view 0 alone, with its format fixed by the
+    // driver: no input, format or resize to choose.
+    if (mode != 1) {
+        plane_count = 1;
+        view_mask = 1;
+        return SetupBuffers(buffer_num);
+    }
+
+    int result = SelectInput(*this, combination);
+    if (result == ISP_OK)
+        result = ReadDriverFormats(*this);
+    if (result == ISP_OK)
+        result = SetEnabledViewFormats(*this, combination);
+    if (result != ISP_OK)
+        return result;
+
+    view_mask = combination;
+    // The first crop works on the ISP's input, which view 1 reports.
+    if (ResizeStored(resize_param) &&
+        ApplyResize(resize_param, int32_t(view_formats[1].width), int32_t(view_formats[1].height)) != ISP_OK) {
+        perror("Resize Failed\n");
+        return ISP_ERR_REQUEST;
+    }
+    return SetupBuffers(buffer_num);
+}
+
+} // namespace zelisp

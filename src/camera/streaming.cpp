@@ -1,0 +1,53 @@
+/*
+ * streaming.cpp - switching the camera's stream on and off, and handing a
+ * buffer to the driver.
+ */
+#include "isp_video.h"
+#include "v4l2_records.h"
+
+namespace zelisp {
+
+int IspVideo::QueueBuffer(uint32_t index)
+{
+    v4l2_plane planes[kMaxViews];
+    v4l2_buffer record = PlaneBufferRecord(index, planes, plane_count);
+    return IoctlRetry(fd, VIDIOC_QBUF, &record);
+}
+
+int IspVideo::StartCapture()
+{
+    if (!StateAllows("StartCapture", StateBit(VIDEO_INITED)))
+        return ISP_ERR_STATE;
+
+    // Every buffer goes to the driver, including any the application still
+    // held when the stream was last stopped: stream-off took them all back.
+    for (int buffer = 0; buffer < buffer_count; ++buffer) {
+        if (QueueBuffer(uint32_t(buffer)) < 0) {
+            DeviceMessage(" queue buffer %d failed", buffer);
+            return ISP_ERR_REQUEST;
+        }
+    }
+    int type = kCaptureType;
+    if (IoctlRetry(fd, VIDIOC_STREAMON, &type) < 0) {
+        DeviceMessage(" stream on failed");
+        return ISP_ERR_REQUEST;
+    }
+    state = VIDEO_CAPTURING;
+    return ISP_OK;
+}
+
+int IspVideo::StopCapture()
+{
+    if (!StateAllows("StopCapture", StateBit(VIDEO_CAPTURING)))
+        return ISP_ERR_STATE;
+
+    int type = kCaptureType;
+    if (IoctlRetry(fd, VIDIOC_STREAMOFF, &type) < 0) {
+        DeviceMessage("stream off failed");
+        return ISP_ERR_REQUEST;
+    }
+    state = VIDEO_INITED;
+    return ISP_OK;
+}
+
+} // namespace zelisp

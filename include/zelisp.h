@@ -144,6 +144,13 @@ ZELISP_API int isp_group_set_view_format(unsigned long group, int view, _view_fo
 ZELISP_API int isp_group_get_view_format(unsigned long group, int view, _view_format_t *formats);
 ZELISP_API int isp_group_get_sync_frame(unsigned long group, _isp_buf_t *frames, int frame_count,
                                         int timeout_ms);
+/*
+ * Gives back one frame per member, frames[i] to member position i. Like the
+ * sync read it refuses a frame_count below the member count ("buffers sum
+ * less than camera_count!", -8) and gives nothing back. After a sync read
+ * that failed at a later member, give the earlier members' frames back one
+ * by one (isp_group_get_camera_handle, isp_put_frame_buf).
+ */
 ZELISP_API int isp_group_put_frame(unsigned long group, _isp_buf_t *frames, int frame_count);
 
 } // namespace zelvideo
@@ -222,7 +229,15 @@ ZELISP_API int isp_group_set_external_trigger(unsigned long group, uint32_t trig
 ZELISP_API int isp_camera_wait_for_data(const unsigned long *handles, int *ready, int count,
                                         struct timeval *timeout);
 
-/* ---- Camera groups ---- */
+/*
+ * ---- Camera groups ----
+ * A creation that fails hands nothing out and leaves nothing behind (group
+ * object, member cameras made so far, /dev/isp_misc descriptor); *group
+ * keeps its value. The group functions take the handle a creator gave out
+ * and do not test it; NULL pointer arguments are refused with -15.
+ * isp_group_get_video_info refuses a camera index that the platform's table
+ * does not list with -15 ("camera_index is invailed !!!"), *info untouched.
+ */
 ZELISP_API int isp_create_empty_video_group(unsigned long *group, uint32_t group_type, const char *name,
                                             int camera_count);
 ZELISP_API int isp_create_video_group(unsigned long *group, uint32_t group_type, const char *name,
@@ -236,15 +251,30 @@ ZELISP_API int isp_group_start_captrue(unsigned long group);
 ZELISP_API int isp_group_stop_captrue(unsigned long group);
 ZELISP_API int isp_group_close_video(unsigned long group);
 /*
- * The camera handle of member camera_index, for the per-camera control
- * functions. The group keeps owning the camera: never pass this handle to
- * isp_close_video. Valid until isp_destroy_video_group.
+ * The camera handle of member camera_index, for the per-camera functions
+ * (picture controls, single frames, isp_put_frame_buf for the frames of an
+ * incomplete frame set). The group keeps owning the camera: never pass this
+ * handle to isp_close_video. Valid until isp_destroy_video_group; the camera
+ * is usable once the group has opened it.
+ * Refusals, with the membership lookup's messages (perror):
+ *   -15 group 0 or handle NULL (nothing printed);
+ *   -4  "Haven't create group !!!" for a closed group, "Empty group !!!" for
+ *       a group made by isp_create_empty_video_group;
+ *   -15 "camera_index is invailed !!!" for an index that is not a member.
+ * A group handle is an address, so an unknown group cannot be recognised:
+ * "unknown" can only mean a camera index that is not in the group. *handle
+ * is written only on success.
  */
 ZELISP_API int isp_group_get_camera_handle(unsigned long group, int camera_index, unsigned long *handle);
 /*
- * Frees a group: members still open are closed first, then /dev/isp_misc is
- * closed and every member camera object is released. The handle is invalid
- * afterwards.
+ * Frees a group in any state, closed and empty groups included: member
+ * cameras still open are closed first (a failed isp_group_open_video leaves
+ * some open), then /dev/isp_misc is closed and every member camera object is
+ * released, a repeated member once. Returns 0, also when a member's close
+ * fails (its line is printed); -15 for group 0. A group handle is an
+ * address, so an unknown or already destroyed handle cannot be recognised
+ * and must not be passed. The group handle and the member camera handles are
+ * invalid afterwards.
  */
 ZELISP_API int isp_destroy_video_group(unsigned long group);
 

@@ -43,8 +43,9 @@ struct MipiTriggerRecord {
 };
 static_assert(sizeof(MipiTriggerRecord) == 20, "the driver reads 20 bytes");
 
-// Reads the valid-camera table: stores the count, copies that many records
-// (at most the table's 12) to destination when it is not null. 0, -9 or -11.
+// Reads the valid-camera table: stores the count (held to the table's 12
+// slots), copies that many records to destination when it is not null.
+// 0, -9 or -11.
 int isp_get_all_valid_camera_info(zelvideo::_camera_info_t *destination, uint32_t *count);
 
 MipiTriggerRecord InternalTriggerRecord(uint32_t param1, uint32_t param2, uint32_t internal_param3);

@@ -1,0 +1,95 @@
+/*
+ * camera_discovery.cpp - the platform driver's valid-camera table: which
+ * camera slots have a working sensor. Every call reads the driver's current
+ * table afresh; groups keep a copy of their own.
+ */
+#include <sys/ioctl.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "platform/misc_node.h"
+#include "platform/misc_session.h"
+
+namespace zelisp {
+
+namespace {
+
+// Reads the table through a descriptor of its own. The request is sent
+// once: the platform driver fills the table in one go and an interrupted
+// read is reported like any other failure. 0, -9 or -11.
+int ReadValidCameraTable(CameraInfoTable *table)
+{
+    MiscSession node;
+    if (!node.opened()) {
+        perror("open error\n");
+        return ISP_ERR_OPEN;
+    }
+    if (ioctl(node.fd(), GET_VAILED_CAMERA_INFO, table) != 0) {
+        puts("ioctl GET_VAILED_CAMERA_INFO failed! ");
+        return ISP_ERR_REQUEST;
+    }
+    return ISP_OK;
+}
+
+// The table has twelve slots. A driver that reports more cannot have
+// delivered them, so the count is held to what the table can carry; every
+// later copy is bounded by it.
+uint32_t RecordCount(const CameraInfoTable &table)
+{
+    constexpr uint32_t kSlots = kValidCameraSlots;
+    return table.count < kSlots ? table.count : kSlots;
+}
+
+void CopyRecords(zelvideo::_camera_info_t *destination, const CameraInfoTable &table, uint32_t records)
+{
+    if (records == 0)
+        return;
+    memcpy(destination, table.cameras, records * sizeof(zelvideo::_camera_info_t));
+}
+
+} // namespace
+
+int isp_get_all_valid_camera_info(zelvideo::_camera_info_t *destination, uint32_t *count)
+{
+    CameraInfoTable table{};
+    const int result = ReadValidCameraTable(&table);
+    if (result != ISP_OK)
+        return result;
+    *count = RecordCount(table);
+    if (destination != nullptr)
+        CopyRecords(destination, table, *count);
+    return ISP_OK;
+}
+
+} // namespace zelisp
+
+int isp_get_valid_camera_count(uint32_t *count)
+{
+    if (count == nullptr)
+        return ISP_ERR_INVALID;
+    // A table that cannot be read counts as no camera.
+    uint32_t found = 0;
+    const int result = zelisp::isp_get_all_valid_camera_info(nullptr, &found);
+    *count = found;
+    return result;
+}
+
+int isp_get_valid_camera_info(zelvideo::_camera_info_t *info, uint32_t camera_num, uint32_t *count)
+{
+    if (count == nullptr || (info == nullptr && camera_num > 0))
+        return ISP_ERR_INVALID;
+    zelisp::CameraInfoTable table{};
+    const int result = zelisp::ReadValidCameraTable(&table);
+    if (result != ISP_OK)
+        return result;
+    // The count is stored first so that a caller who asked for too many
+    // still learns how many there are.
+    *count = zelisp::RecordCount(table);
+    if (*count < camera_num) {
+        puts("invailed camera_num! ");
+        return ISP_ERR_INVALID;
+    }
+    zelisp::CopyRecords(info, table, camera_num);
+    return ISP_OK;
+}

@@ -1,0 +1,57 @@
+/*
+ * sensor_bus.cpp - who drives a camera sensor's I2C bus: the ISP (its own
+ * sensor control loop) or the ARM side (an application talking to the
+ * sensor directly). The platform driver switches it per camera slot; the
+ * camera itself need not be open.
+ */
+#include <sys/ioctl.h>
+
+#include <cstdio>
+
+#include "camera/isp_video.h"
+#include "platform/misc_node.h"
+#include "platform/misc_session.h"
+
+namespace zelisp {
+
+namespace {
+
+constexpr uint32_t kBusIsp = 0;
+constexpr uint32_t kBusArm = 1;
+
+I2cCtrlRecord I2cCtrl(uint32_t camera_index, uint32_t i2c_bus_ctrler)
+{
+    I2cCtrlRecord record{};
+    record.camera_index = camera_index;
+    record.i2c_bus_ctrler = i2c_bus_ctrler;
+    return record;
+}
+
+} // namespace
+
+} // namespace zelisp
+
+int isp_set_i2c_ctrl(uint32_t camera_index, uint32_t i2c_bus_ctrler)
+{
+    using namespace zelisp;
+    if (camera_index >= static_cast<uint32_t>(kMaxCameras) || i2c_bus_ctrler > kBusArm)
+        return ISP_ERR_INVALID;
+    MiscSession node;
+    if (!node.opened()) {
+        perror("open isp_misc error\n");
+        return ISP_ERR_OPEN;
+    }
+    I2cCtrlRecord record = I2cCtrl(camera_index, i2c_bus_ctrler);
+    // Giving the bus back to the ISP must survive a signal, or its sensor
+    // loop would stay locked out; it is repeated while interrupted. Handing
+    // the bus to the ARM side is sent once: an interrupted hand-over is a
+    // failure the application sees and decides about.
+    const int sent = i2c_bus_ctrler == kBusIsp ? IspVideo::IoctlRetry(node.fd(), IOC_SET_I2C_CTRL, &record)
+                                               : ioctl(node.fd(), IOC_SET_I2C_CTRL, &record);
+    if (sent != 0) {
+        puts("ioctl IOC_SET_I2C_CTRL failed! ");
+        return ISP_ERR_OPEN;
+    }
+    puts(i2c_bus_ctrler == kBusIsp ? "set ISP to control i2c bus!" : "set ARM to control i2c bus!");
+    return ISP_OK;
+}

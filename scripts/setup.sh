@@ -12,7 +12,9 @@ packages=(
   valgrind gcovr cppcheck clang-tidy
 )
 if [ "${ZELISP_SETUP_CROSS:-0}" = 1 ]; then
-  packages+=(g++-aarch64-linux-gnu qemu-user)
+  # The Arm64 build (scripts/cross-test.sh): the cross compiler, qemu to run
+  # the tests, and the target's libraries through Debian multiarch.
+  packages+=(g++-aarch64-linux-gnu qemu-user libinih-dev:arm64 libgtest-dev:arm64 libgmock-dev:arm64)
 fi
 
 missing=()
@@ -23,5 +25,8 @@ done
 
 sudo=""
 [ "$(id -u)" -eq 0 ] || sudo="sudo"
+if [ "${ZELISP_SETUP_CROSS:-0}" = 1 ] && ! dpkg --print-foreign-architectures | grep -qx arm64; then
+  $sudo dpkg --add-architecture arm64
+fi
 $sudo apt-get update -qq
 DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"

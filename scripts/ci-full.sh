@@ -1,0 +1,70 @@
+#!/usr/bin/env bash
+# The full check, as CI runs it: every stage below in this order, each in
+# its own build directory, with the time each took. scripts/test.sh stays the
+# quick everyday command; this one adds the slow jobs.
+#
+#   plain      build + whole suite (build/)
+#   sanitize   whole suite under ASan + UBSan (build-asan/)
+#   valgrind   whole suite under valgrind memcheck (on build/)
+#   lint       clang-tidy and cppcheck on src/ (build-lint/, configure only)
+#   coverage   line coverage of src/ with gcovr (build-coverage/)
+#   cross      Arm64 build, whole suite under qemu-aarch64 (build-arm64/)
+#
+# Usage: scripts/ci-full.sh [stage...]   (default: all, in the order above)
+# ZELISP_CI_BUILD_PREFIX changes the "build" prefix of the directories.
+# Every stage runs even after a failure; the summary lists each result and
+# the script fails if any stage failed.
+set -uo pipefail
+cd "$(dirname "$0")/.."
+prefix=${ZELISP_CI_BUILD_PREFIX:-build}
+export ZELISP_JOBS=${ZELISP_JOBS:-$(nproc)}
+
+stage_plain() {
+  ZELISP_BUILD_DIR=$prefix ./scripts/build.sh &&
+    ctest --test-dir "$prefix" --output-on-failure -j"$ZELISP_JOBS"
+}
+stage_sanitize() { ZELISP_BUILD_DIR=$prefix-asan ./scripts/sanitize-test.sh; }
+stage_valgrind() { ZELISP_BUILD_DIR=$prefix ./scripts/valgrind-test.sh; }
+stage_coverage() { ZELISP_BUILD_DIR=$prefix-coverage ./scripts/coverage.sh; }
+stage_cross() { ZELISP_BUILD_DIR=$prefix-arm64 ZELISP_HOST_BUILD_DIR=$prefix ./scripts/cross-test.sh; }
+
+# clang-tidy with the checks of .clang-tidy, and cppcheck, over every source
+# file of the library; both fail on any finding.
+stage_lint() {
+  ./scripts/setup.sh || return 1
+  local dir=$prefix-lint status=0
+  cmake -S . -B "$dir" -DCMAKE_EXPORT_COMPILE_COMMANDS=ON -DZELISP_BUILD_TESTS=OFF \
+    -DZELISP_BUILD_TOOLS=OFF -DZELISP_BUILD_EXAMPLES=OFF >/dev/null || return 1
+  mapfile -t sources < <(find src -name '*.cpp' | sort)
+  echo "clang-tidy: ${#sources[@]} files"
+  printf '%s\n' "${sources[@]}" | xargs -P "$ZELISP_JOBS" -n 4 clang-tidy -p "$dir" --quiet || status=1
+  echo "cppcheck"
+  cppcheck --project="$dir/compile_commands.json" --file-filter="$PWD/src/*" \
+    --enable=warning,style,performance,portability --std=c++17 --inline-suppr \
+    --suppress=missingIncludeSystem --suppress=unmatchedSuppression \
+    --error-exitcode=1 --quiet -j "$ZELISP_JOBS" || status=1
+  return $status
+}
+
+stages=("$@")
+[ ${#stages[@]} -eq 0 ] && stages=(plain sanitize valgrind lint coverage cross)
+results=()
+failed=0
+total_start=$SECONDS
+for stage in "${stages[@]}"; do
+  if ! declare -F "stage_$stage" >/dev/null; then
+    echo "unknown stage: $stage"; exit 2
+  fi
+  echo "=== $stage ==="
+  start=$SECONDS
+  if "stage_$stage"; then outcome=passed; else outcome=FAILED; failed=1; fi
+  elapsed=$((SECONDS - start))
+  results+=("$(printf '%-9s %-7s %3dm%02ds' "$stage" "$outcome" $((elapsed / 60)) $((elapsed % 60)))")
+  echo "=== $stage $outcome in ${elapsed}s ==="
+done
+total=$((SECONDS - total_start))
+echo
+echo "=== summary ==="
+printf '%s\n' "${results[@]}"
+printf 'total %dm%02ds\n' $((total / 60)) $((total % 60))
+exit $failed

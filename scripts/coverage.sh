@@ -1,0 +1,24 @@
+#!/usr/bin/env bash
+# Line coverage of src/ by the whole test suite: a separate Debug build with
+# --coverage in build-coverage/ (or $ZELISP_BUILD_DIR), the suite run once,
+# then gcovr's summary on stdout and an HTML report in
+# <build>/coverage/index.html. Fails below ZELISP_COVERAGE_MIN percent.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+./scripts/setup.sh
+build_dir=${ZELISP_BUILD_DIR:-build-coverage}
+jobs=${ZELISP_JOBS:-$(nproc)}
+minimum=${ZELISP_COVERAGE_MIN:-90}
+
+cmake -S . -B "$build_dir" -DCMAKE_BUILD_TYPE=Debug \
+  -DCMAKE_C_FLAGS=--coverage -DCMAKE_CXX_FLAGS=--coverage -DCMAKE_EXE_LINKER_FLAGS=--coverage \
+  -DCMAKE_SHARED_LINKER_FLAGS=--coverage >/dev/null
+cmake --build "$build_dir" -j"$jobs"
+find "$build_dir" -name '*.gcda' -delete
+ctest --test-dir "$build_dir" --output-on-failure -j"$jobs" "$@"
+
+mkdir -p "$build_dir/coverage"
+gcovr --root . --object-directory "$build_dir" --filter 'src/' \
+  --exclude-unreachable-branches --exclude-throw-branches \
+  --html-details "$build_dir/coverage/index.html" \
+  --txt - --print-summary --fail-under-line "$minimum"

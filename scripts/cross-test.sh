@@ -1,0 +1,33 @@
+#!/usr/bin/env bash
+# Cross-builds the library, the simulator and the tests for the board
+# (64-bit Arm, cmake/aarch64-linux-gnu.cmake) in build-arm64/ (or
+# $ZELISP_BUILD_DIR) and runs the whole suite under qemu-aarch64. Then
+# checks that the Arm64 library exports exactly the symbols of the host
+# build (build/, or $ZELISP_HOST_BUILD_DIR, when present).
+#
+# packaging.install_and_consume is left out: it compiles a consumer with the
+# host compiler and runs it, which an Arm64 install tree cannot serve; the
+# exported-symbol and header checks of the same folder do run.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+ZELISP_SETUP_CROSS=1 ./scripts/setup.sh
+build_dir=${ZELISP_BUILD_DIR:-build-arm64}
+host_build_dir=${ZELISP_HOST_BUILD_DIR:-build}
+jobs=${ZELISP_JOBS:-$(nproc)}
+
+cmake -S . -B "$build_dir" -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/aarch64-linux-gnu.cmake" >/dev/null
+cmake --build "$build_dir" -j"$jobs"
+
+library="$build_dir/src/libzelisp.so.1"
+readelf -h "$library" | grep -q 'Machine:.*AArch64' || { echo "$library is not an Arm64 library"; exit 1; }
+
+ctest --test-dir "$build_dir" --output-on-failure -j"$jobs" -E '^packaging\.install_and_consume$' "$@"
+
+exported() { nm -D --defined-only "$1" | awk '$2 ~ /^[TWDBRV]$/ {print $3}' | sort -u; }
+if [ -e "$host_build_dir/src/libzelisp.so.1" ]; then
+  if ! diff <(exported "$host_build_dir/src/libzelisp.so.1") <(exported "$library"); then
+    echo "exported symbols differ between x86-64 (<) and Arm64 (>)"
+    exit 1
+  fi
+  echo "exported symbol set identical on x86-64 and Arm64 ($(exported "$library" | wc -l) symbols)"
+fi

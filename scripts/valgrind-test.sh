@@ -1,0 +1,36 @@
+#!/usr/bin/env bash
+# Runs the whole test suite under valgrind memcheck (ctest -T memcheck) on
+# the plain build in build/ (or $ZELISP_BUILD_DIR), building it first. A
+# test fails on any memcheck error or any definite, indirect or possible
+# leak; tests/reliability/valgrind.supp lists the only suppressions, each
+# for code outside this project.
+#
+# The packaging checks are left out: they run the compiler, cmake and shell
+# tools, not the library. The random API sequences run fewer sequences here
+# (ZELISP_RANDOM_SEQUENCES) because every call is some 30 times slower.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+build_dir=${ZELISP_BUILD_DIR:-build}
+jobs=${ZELISP_JOBS:-$(nproc)}
+ZELISP_BUILD_DIR=$build_dir ./scripts/build.sh
+
+suppressions=$PWD/tests/reliability/valgrind.supp
+# ctest's memory checker reads its settings from this file, which a full
+# CTest/CDash setup would generate; the plain build does not need one.
+cat >"$build_dir/DartConfiguration.tcl" <<CONF
+SourceDirectory: $PWD
+BuildDirectory: $PWD/$build_dir
+MemoryCheckCommand: $(command -v valgrind)
+MemoryCheckCommandOptions: --tool=memcheck --error-exitcode=97 --leak-check=full --show-leak-kinds=definite,indirect,possible --errors-for-leak-kinds=definite,indirect,possible --track-origins=yes --num-callers=30 --gen-suppressions=all
+MemoryCheckSuppressionFile: $suppressions
+CONF
+
+export ZELISP_RANDOM_SEQUENCES=${ZELISP_RANDOM_SEQUENCES:-500}
+cd "$build_dir"
+status=0
+ctest -T memcheck --output-on-failure -j"$jobs" -E '^packaging\.' "$@" || status=$?
+# ctest prints the defect summary; point at the logs of the failing tests.
+if [ "$status" -ne 0 ]; then
+  echo "memcheck logs: $PWD/Testing/Temporary/MemoryChecker.*.log"
+fi
+exit "$status"

@@ -45,11 +45,12 @@ struct IspVideoGroup {
 
     // Teardown (group_teardown.cpp). Teardown closes misc_fd and frees the
     // camera objects of the first `positions` member positions, each distinct
-    // camera once. Destroy first closes every member camera that is still
+    // camera once. Destroy first closes the member cameras that are still
     // open, whatever the group's state (a failed group open leaves members
     // open in GROUP_READY), then tears the whole group down.
     void Teardown(int32_t positions);
     void Destroy();
+    void CloseOpenMembers(int32_t positions);
 
     // Membership (group_membership.cpp).
     int LookUpMember(int camera_index) const;

@@ -1,9 +1,228 @@
-// Placeholder until the test pattern lands: planes stay as they are.
+// pattern.cpp - the simulated sensor's test pattern.
+//
+// Each buffer gets eight vertical colour bars once (75% bars, BT.601
+// limited range). Every frame then repaints only two small regions: a strip
+// with the frame number and a band with a block that moves along with the
+// frame number, so many cameras at high rates stay cheap.
+//
+// The frame number is written as two rows of 32 square cells in luma, most
+// significant bit first: the upper row white for a 1 and black for a 0, the
+// lower row the complement. The cells are large (a 48th of the width, at
+// least 2 pixels, always even so that chroma samples line up) and neutral
+// in chroma, so the number survives conversion to RGB, PNG and mild scaling:
+// a reader thresholds each cell at mid-grey and needs the two rows to be
+// complements, which colour bars never are.
+#include <algorithm>
+#include <cstring>
+
 #include "sim_internal.h"
 
 namespace zsim::detail {
-size_t image_size(const ViewFormat &format) { return size_t(format.width) * format.height * 2; }
-void paint_background(uint8_t *, size_t, const ViewFormat &) {}
-void paint_frame(uint8_t *, size_t, const ViewFormat &, uint32_t) {}
-bool read_frame_number(const uint8_t *, size_t, const ViewFormat &, uint32_t *) { return false; }
+
+namespace {
+
+constexpr int kBits = 32;
+
+struct Colour {
+    uint8_t y, u, v, r, g, b;
+};
+
+constexpr Colour kBars[8] = {
+    {180, 128, 128, 191, 191, 191}, // white
+    {162, 44, 142, 191, 191, 0},    // yellow
+    {131, 156, 44, 0, 191, 191},    // cyan
+    {112, 72, 58, 0, 191, 0},       // green
+    {84, 184, 198, 191, 0, 191},    // magenta
+    {65, 100, 212, 191, 0, 0},      // red
+    {35, 212, 114, 0, 0, 191},      // blue
+    {16, 128, 128, 0, 0, 0},        // black
+};
+constexpr Colour kWhite = {235, 128, 128, 255, 255, 255};
+constexpr Colour kBlack = {16, 128, 128, 0, 0, 0};
+
+bool known(uint32_t fourcc)
+{
+    return fourcc == kNV12 || fourcc == kNV21 || fourcc == kYUYV || fourcc == kRGB24 || fourcc == kGREY;
+}
+
+// Where the frame number and the moving block go, in even pixel units:
+// strip rows at y = cell and 2 * cell, block band at 4 * cell, bars below.
+struct Layout {
+    uint32_t cell = 0; // 0: the image is too small to carry a number
+};
+
+Layout layout_of(const ViewFormat &format)
+{
+    Layout layout;
+    if (format.height < 2)
+        return layout;
+    uint32_t cell = std::min(format.width / 48, (format.height - 2) / 5) & ~1u;
+    layout.cell = cell >= 2 ? cell : 0;
+    return layout;
+}
+
+// A plane the pattern can be painted into: a format we know, and room for
+// the whole image.
+bool paintable(const ViewFormat &format, size_t length)
+{
+    return known(format.fourcc) && format.width > 0 && format.height > 0 && length >= image_size(format);
+}
+
+void fill_pairs(uint8_t *out, size_t pairs, uint8_t first, uint8_t second)
+{
+    for (size_t i = 0; i < pairs; ++i) {
+        out[2 * i] = first;
+        out[2 * i + 1] = second;
+    }
+}
+
+// Fills the rectangle [x0, x1) x [y0, y1) with one colour. x0, x1, y0 and y1
+// are even for the subsampled formats (the callers keep them so), except
+// possibly at the image's right or bottom edge.
+void fill_rect(uint8_t *plane, const ViewFormat &format, uint32_t x0, uint32_t y0, uint32_t x1, uint32_t y1,
+               const Colour &colour)
+{
+    const size_t w = format.width;
+    switch (format.fourcc) {
+    case kGREY:
+    case kNV12:
+    case kNV21:
+        for (uint32_t y = y0; y < y1; ++y)
+            memset(plane + y * w + x0, colour.y, x1 - x0);
+        if (format.fourcc != kGREY) {
+            uint8_t *chroma = plane + w * format.height;
+            const uint8_t first = format.fourcc == kNV12 ? colour.u : colour.v;
+            const uint8_t second = format.fourcc == kNV12 ? colour.v : colour.u;
+            for (uint32_t y = y0 / 2; y < y1 / 2; ++y)
+                fill_pairs(chroma + y * (w & ~size_t(1)) + (x0 & ~1u), (x1 - (x0 & ~1u)) / 2, first, second);
+        }
+        break;
+    case kYUYV:
+        for (uint32_t y = y0; y < y1; ++y) {
+            uint8_t *row = plane + (y * w + (x0 & ~1u)) * 2;
+            for (uint32_t x = x0 & ~1u; x + 2 <= x1 && x + 2 <= format.width; x += 2, row += 4) {
+                row[0] = colour.y;
+                row[1] = colour.u;
+                row[2] = colour.y;
+                row[3] = colour.v;
+            }
+        }
+        break;
+    case kRGB24:
+        for (uint32_t y = y0; y < y1; ++y) {
+            uint8_t *row = plane + (y * w + x0) * 3;
+            if (colour.r == colour.g && colour.g == colour.b) {
+                memset(row, colour.r, (x1 - x0) * 3);
+                continue;
+            }
+            for (uint32_t x = x0; x < x1; ++x, row += 3) {
+                row[0] = colour.r;
+                row[1] = colour.g;
+                row[2] = colour.b;
+            }
+        }
+        break;
+    }
+}
+
+void paint_bars(uint8_t *plane, const ViewFormat &format, uint32_t y0, uint32_t y1)
+{
+    for (uint32_t bar = 0; bar < 8; ++bar) {
+        uint32_t x0 = (bar * format.width / 8) & ~1u;
+        uint32_t x1 = bar == 7 ? format.width : ((bar + 1) * format.width / 8) & ~1u;
+        fill_rect(plane, format, x0, y0, x1, y1, kBars[bar]);
+    }
+}
+
+uint32_t luma_at(const uint8_t *plane, const ViewFormat &format, uint32_t x, uint32_t y)
+{
+    const size_t at = size_t(y) * format.width + x;
+    switch (format.fourcc) {
+    case kYUYV:
+        return plane[at * 2];
+    case kRGB24: {
+        const uint8_t *p = plane + at * 3;
+        return (77u * p[0] + 150u * p[1] + 29u * p[2]) >> 8;
+    }
+    default:
+        return plane[at];
+    }
+}
+
+// Mean luma of the middle of a cell, sampled on a 3 x 3 grid so that a
+// blurred edge does not count.
+uint32_t cell_luma(const uint8_t *plane, const ViewFormat &format, uint32_t x0, uint32_t y0, uint32_t cell)
+{
+    uint32_t sum = 0;
+    for (uint32_t j = 1; j <= 3; ++j)
+        for (uint32_t i = 1; i <= 3; ++i)
+            sum += luma_at(plane, format, x0 + cell * i / 4, y0 + cell * j / 4);
+    return sum / 9;
+}
+
+} // namespace
+
+size_t image_size(const ViewFormat &format)
+{
+    const size_t pixels = size_t(format.width) * format.height;
+    switch (format.fourcc) {
+    case kNV12:
+    case kNV21:
+        return pixels * 3 / 2;
+    case kYUYV:
+        return pixels * 2;
+    case kRGB24:
+        return pixels * 3;
+    case kGREY:
+        return pixels;
+    default:
+        return 0; // the ISP produces no other format
+    }
+}
+
+void paint_background(uint8_t *plane, size_t length, const ViewFormat &format)
+{
+    if (paintable(format, length))
+        paint_bars(plane, format, 0, format.height);
+}
+
+void paint_frame(uint8_t *plane, size_t length, const ViewFormat &format, uint32_t sequence)
+{
+    const uint32_t cell = layout_of(format).cell;
+    if (!paintable(format, length) || !cell)
+        return;
+    for (int bit = 0; bit < kBits; ++bit) {
+        const bool one = (sequence >> (kBits - 1 - bit)) & 1;
+        const uint32_t x = cell * (bit + 1);
+        fill_rect(plane, format, x, cell, x + cell, 2 * cell, one ? kWhite : kBlack);
+        fill_rect(plane, format, x, 2 * cell, x + cell, 3 * cell, one ? kBlack : kWhite);
+    }
+    // The block's band is repainted whole, since the buffer held some older
+    // frame whose block stood elsewhere.
+    const uint32_t band = 4 * cell;
+    paint_bars(plane, format, band, band + cell);
+    const uint32_t travel = format.width - 2 * cell;
+    const uint32_t x = uint32_t(uint64_t(sequence) * (cell / 2) % travel) & ~1u;
+    fill_rect(plane, format, x, band, x + 2 * cell, band + cell, kWhite);
+}
+
+bool read_frame_number(const uint8_t *plane, size_t length, const ViewFormat &format, uint32_t *sequence)
+{
+    const uint32_t cell = layout_of(format).cell;
+    if (!plane || !paintable(format, length) || !cell)
+        return false;
+    uint32_t number = 0;
+    for (int bit = 0; bit < kBits; ++bit) {
+        const uint32_t x = cell * (bit + 1);
+        const bool upper = cell_luma(plane, format, x, cell, cell) >= 128;
+        const bool lower = cell_luma(plane, format, x, 2 * cell, cell) >= 128;
+        if (upper == lower)
+            return false; // no complement: this is not a frame number
+        number = number << 1 | (upper ? 1 : 0);
+    }
+    if (sequence)
+        *sequence = number;
+    return true;
+}
+
 } // namespace zsim::detail

@@ -1,11 +1,439 @@
-// Placeholder until configuration files land.
+// config_file.cpp - the simulator's configuration file: an INI file (read
+// with libinih) that describes the simulated board for programs run under
+// LD_PRELOAD or zelisp-sim-run, where no test code can call the API:
+//
+//   [cameras]            present = 0,1,2,3
+//   [camera 2]           fps, view0..view2 ("NV12 1920x1080"), sensor,
+//                        supported_combination, max_buffers, mode
+//   [node /dev/video5]   kind, open_errno, close_errno
+//   [platform]           valid_camera_count
+//
+// The whole file is checked before anything is applied, so a file with an
+// error changes nothing; the error names the file and the line.
+#include <ini.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
 #include "sim_internal.h"
 
 namespace zsim {
-bool load_config(const std::string &, std::string *error)
+
+namespace {
+
+constexpr int kCameras = 12;
+constexpr uint32_t kMaxFps = 240;
+constexpr uint32_t kMaxBuffers = 32;
+constexpr uint32_t kMaxDimension = 65535; // the driver reports view sizes in 16-bit words
+
+struct CameraPlan {
+    bool configured = false;
+    int line = 0; // of the section header
+    CameraConfig config;
+    bool has_mode = false;
+    FrameMode mode = FrameMode::FreeRunning;
+    int view_line[3] = {0, 0, 0};
+};
+
+struct NodePlan {
+    std::string path;
+    bool has_kind = false;
+    NodeKind kind = NodeKind::CharDevice;
+    bool has_open_errno = false;
+    int open_errno = 0;
+    bool has_close_errno = false;
+    int close_errno = 0;
+};
+
+struct Plan {
+    bool has_present = false;
+    bool present[kCameras] = {};
+    CameraPlan cameras[kCameras];
+    std::vector<NodePlan> nodes;
+    bool has_valid_count = false;
+    int valid_count = -1;
+};
+
+enum class Section { None, Cameras, Camera, Node, Platform };
+
+struct Parser {
+    FILE *file = nullptr;
+    int line = 0;
+    Section section = Section::None;
+    int camera = -1; // of a [camera N] section
+    std::string error; // first error, without its location
+    int error_line = 0;
+    Plan plan;
+
+    bool fail(const std::string &message)
+    {
+        if (error.empty()) {
+            error = message;
+            error_line = line;
+        }
+        return false;
+    }
+};
+
+std::string trim(const std::string &text)
 {
-    if (error)
-        *error = "configuration files are not supported yet";
+    const size_t first = text.find_first_not_of(" \t\r\n");
+    if (first == std::string::npos)
+        return "";
+    return text.substr(first, text.find_last_not_of(" \t\r\n") - first + 1);
+}
+
+bool parse_uint(const std::string &text, uint32_t max, uint32_t *value)
+{
+    if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos || text.size() > 10)
+        return false;
+    const unsigned long long parsed = strtoull(text.c_str(), nullptr, 10);
+    if (parsed > max)
+        return false;
+    *value = uint32_t(parsed);
+    return true;
+}
+
+bool parse_size(const std::string &text, uint32_t *width, uint32_t *height)
+{
+    const size_t x = text.find('x');
+    return x != std::string::npos && parse_uint(text.substr(0, x), kMaxDimension, width) &&
+           parse_uint(text.substr(x + 1), kMaxDimension, height) && *width > 0 && *height > 0;
+}
+
+bool parse_fourcc(const std::string &text, uint32_t *fourcc)
+{
+    static const struct {
+        const char *name;
+        uint32_t fourcc;
+    } kFormats[] = {{"NV12", kNV12}, {"NV21", kNV21}, {"YUYV", kYUYV},
+                    {"RGB3", kRGB24}, {"RGB24", kRGB24}, {"GREY", kGREY}};
+    for (const auto &format : kFormats) {
+        if (text == format.name) {
+            *fourcc = format.fourcc;
+            return true;
+        }
+    }
     return false;
 }
+
+// "NV12 1920x1080"
+bool parse_view(const std::string &text, ViewFormat *view)
+{
+    const size_t blank = text.find_first_of(" \t");
+    if (blank == std::string::npos)
+        return false;
+    ViewFormat parsed{};
+    if (!parse_fourcc(text.substr(0, blank), &parsed.fourcc) ||
+        !parse_size(trim(text.substr(blank)), &parsed.width, &parsed.height))
+        return false;
+    // Chroma is shared by pixel pairs (and line pairs) in these formats.
+    if (parsed.fourcc != kGREY && parsed.fourcc != kRGB24 && (parsed.width % 2 || parsed.height % 2))
+        return false;
+    *view = parsed;
+    return true;
+}
+
+// An errno by its name ("EACCES") or number; 0 for none.
+bool parse_errno(const std::string &text, int *err)
+{
+    uint32_t number;
+    if (parse_uint(text, 4095, &number)) {
+        *err = int(number);
+        return true;
+    }
+    for (int candidate = 1; candidate < 4096; ++candidate) {
+        const char *name = strerrorname_np(candidate);
+        if (name && text == name) {
+            *err = candidate;
+            return true;
+        }
+    }
+    return false;
+}
+
+bool parse_kind(const std::string &text, NodeKind *kind)
+{
+    static const struct {
+        const char *name;
+        NodeKind kind;
+    } kKinds[] = {{"char", NodeKind::CharDevice},
+                  {"regular", NodeKind::RegularFile},
+                  {"directory", NodeKind::Directory},
+                  {"missing", NodeKind::Missing}};
+    for (const auto &each : kKinds) {
+        if (text == each.name) {
+            *kind = each.kind;
+            return true;
+        }
+    }
+    return false;
+}
+
+bool valid_node_path(const std::string &path)
+{
+    if (path == "/dev/isp_misc")
+        return true;
+    uint32_t node;
+    return path.compare(0, 10, "/dev/video") == 0 && parse_uint(path.substr(10), 23, &node) &&
+           path.size() <= 12;
+}
+
+// ------------------------------------------------------------- sections
+
+bool begin_section(Parser *parser, const std::string &name)
+{
+    parser->section = Section::None;
+    if (name == "cameras") {
+        parser->section = Section::Cameras;
+    } else if (name == "platform") {
+        parser->section = Section::Platform;
+    } else if (name.compare(0, 7, "camera ") == 0) {
+        uint32_t camera;
+        if (!parse_uint(trim(name.substr(7)), kCameras - 1, &camera))
+            return parser->fail("camera number in [" + name + "] must be 0 to 11");
+        parser->section = Section::Camera;
+        parser->camera = int(camera);
+        CameraPlan &plan = parser->plan.cameras[camera];
+        if (!plan.configured) {
+            plan.configured = true;
+            plan.line = parser->line;
+        }
+    } else if (name.compare(0, 5, "node ") == 0) {
+        const std::string path = trim(name.substr(5));
+        if (!valid_node_path(path))
+            return parser->fail("no simulated node " + path + " (/dev/video0../dev/video23 or /dev/isp_misc)");
+        parser->section = Section::Node;
+        parser->plan.nodes.push_back(NodePlan{});
+        parser->plan.nodes.back().path = path;
+    } else {
+        return parser->fail("unknown section [" + name + "]");
+    }
+    return true;
+}
+
+// libinih calls its handler only for keys, so the reader notices the
+// section headers (empty sections count too) and the line numbers.
+char *read_line(char *text, int size, void *stream)
+{
+    auto *parser = static_cast<Parser *>(stream);
+    char *got = fgets(text, size, parser->file);
+    if (!got)
+        return nullptr;
+    ++parser->line;
+    const std::string line = trim(got);
+    const size_t end = line.find(']');
+    if (line.size() > 1 && line[0] == '[' && end != std::string::npos)
+        begin_section(parser, trim(line.substr(1, end - 1)));
+    return got;
+}
+
+// ----------------------------------------------------------------- keys
+
+bool camera_key(Parser *parser, const std::string &key, const std::string &value)
+{
+    CameraPlan &plan = parser->plan.cameras[parser->camera];
+    CameraConfig &config = plan.config;
+    const std::string bad = "bad value '" + value + "' for " + key + ": ";
+    if (key == "fps") {
+        if (!parse_uint(value, kMaxFps, &config.fps) || config.fps == 0)
+            return parser->fail(bad + "frames per second, 1 to 240");
+    } else if (key == "view0" || key == "view1" || key == "view2") {
+        const int view = key[4] - '0';
+        if (!parse_view(value, &config.views[view]))
+            return parser->fail(bad + "expected FORMAT WIDTHxHEIGHT, FORMAT one of NV12 NV21 YUYV RGB3 GREY"
+                                      " (even sizes for NV12, NV21, YUYV)");
+        plan.view_line[view] = parser->line;
+    } else if (key == "sensor") {
+        if (!parse_size(value, &config.sensor_width, &config.sensor_height))
+            return parser->fail(bad + "expected WIDTHxHEIGHT");
+    } else if (key == "supported_combination") {
+        if (!parse_uint(value, 7, &config.supported_combination))
+            return parser->fail(bad + "a view mask, 0 to 7");
+    } else if (key == "max_buffers") {
+        if (!parse_uint(value, kMaxBuffers, &config.max_buffers) || config.max_buffers == 0)
+            return parser->fail(bad + "1 to 32");
+    } else if (key == "mode") {
+        if (value != "scripted" && value != "free")
+            return parser->fail(bad + "scripted or free");
+        plan.has_mode = true;
+        plan.mode = value == "scripted" ? FrameMode::Scripted : FrameMode::FreeRunning;
+    } else {
+        return parser->fail("unknown key '" + key + "' in [camera " + std::to_string(parser->camera) + "]");
+    }
+    return true;
+}
+
+bool present_key(Parser *parser, const std::string &key, const std::string &value)
+{
+    if (key != "present")
+        return parser->fail("unknown key '" + key + "' in [cameras]");
+    Plan &plan = parser->plan;
+    plan.has_present = true;
+    std::fill(plan.present, plan.present + kCameras, false);
+    if (value.empty() || value == "none")
+        return true;
+    size_t start = 0;
+    while (start <= value.size()) {
+        const size_t comma = std::min(value.find(',', start), value.size());
+        uint32_t camera;
+        if (!parse_uint(trim(value.substr(start, comma - start)), kCameras - 1, &camera))
+            return parser->fail("bad value '" + value + "' for present: camera numbers 0 to 11, separated by commas");
+        plan.present[camera] = true;
+        start = comma + 1;
+    }
+    return true;
+}
+
+bool node_key(Parser *parser, const std::string &key, const std::string &value)
+{
+    NodePlan &node = parser->plan.nodes.back();
+    const std::string bad = "bad value '" + value + "' for " + key + ": ";
+    if (key == "kind") {
+        node.has_kind = parse_kind(value, &node.kind);
+        if (!node.has_kind)
+            return parser->fail(bad + "char, regular, directory or missing");
+    } else if (key == "open_errno" || key == "close_errno") {
+        int *err = key == "open_errno" ? &node.open_errno : &node.close_errno;
+        if (!parse_errno(value, err))
+            return parser->fail(bad + "an errno name such as EACCES, or a number");
+        (key == "open_errno" ? node.has_open_errno : node.has_close_errno) = true;
+    } else {
+        return parser->fail("unknown key '" + key + "' in [node " + node.path + "]");
+    }
+    return true;
+}
+
+bool platform_key(Parser *parser, const std::string &key, const std::string &value)
+{
+    uint32_t count;
+    if (key != "valid_camera_count")
+        return parser->fail("unknown key '" + key + "' in [platform]");
+    if (value == "auto") {
+        count = uint32_t(-1);
+    } else if (!parse_uint(value, INT32_MAX, &count)) {
+        return parser->fail("bad value '" + value + "' for valid_camera_count: a count, or auto");
+    }
+    parser->plan.has_valid_count = true;
+    parser->plan.valid_count = int(count);
+    return true;
+}
+
+int on_key(void *user, const char *, const char *name, const char *value)
+{
+    auto *parser = static_cast<Parser *>(user);
+    const std::string key = trim(name);
+    const std::string text = trim(value);
+    switch (parser->section) {
+    case Section::Cameras:
+        return present_key(parser, key, text);
+    case Section::Camera:
+        return camera_key(parser, key, text);
+    case Section::Node:
+        return node_key(parser, key, text);
+    case Section::Platform:
+        return platform_key(parser, key, text);
+    case Section::None:
+        break;
+    }
+    // Keys before any section, or in a section already refused.
+    return parser->error.empty() ? parser->fail("key '" + key + "' outside a known section") : 0;
+}
+
+// Checks that need the whole file: a configured camera must be present,
+// and its views must fit its sensor.
+bool check_plan(Parser *parser)
+{
+    const Plan &plan = parser->plan;
+    for (int camera = 0; camera < kCameras; ++camera) {
+        const CameraPlan &each = plan.cameras[camera];
+        if (!each.configured)
+            continue;
+        parser->line = each.line;
+        if (plan.has_present && !plan.present[camera])
+            return parser->fail("[camera " + std::to_string(camera) + "] is not listed in [cameras] present");
+        for (int view = 0; view < 3; ++view) {
+            const ViewFormat &format = each.config.views[view];
+            if (format.width <= each.config.sensor_width && format.height <= each.config.sensor_height)
+                continue;
+            parser->line = each.view_line[view] ? each.view_line[view] : each.line;
+            return parser->fail("view" + std::to_string(view) + " " + std::to_string(format.width) + "x" +
+                                std::to_string(format.height) + " of camera " + std::to_string(camera) +
+                                " is larger than its sensor " + std::to_string(each.config.sensor_width) +
+                                "x" + std::to_string(each.config.sensor_height));
+        }
+    }
+    return true;
+}
+
+void apply(const Plan &plan)
+{
+    if (plan.has_present) {
+        for (int camera = 0; camera < kCameras; ++camera) {
+            if (!plan.present[camera])
+                remove_camera(camera);
+            else if (!plan.cameras[camera].configured)
+                set_camera(camera, CameraConfig{});
+        }
+    }
+    for (int camera = 0; camera < kCameras; ++camera) {
+        const CameraPlan &each = plan.cameras[camera];
+        if (!each.configured)
+            continue;
+        set_camera(camera, each.config);
+        if (each.has_mode) {
+            set_frame_mode(camera, each.mode);
+            set_frame_mode(camera + kCameras, each.mode);
+        }
+    }
+    if (plan.has_valid_count)
+        set_valid_camera_count(plan.valid_count);
+    // Node settings last: adding a camera makes its nodes character devices.
+    for (const NodePlan &node : plan.nodes) {
+        if (node.has_kind)
+            set_node_kind(node.path, node.kind);
+        if (node.has_open_errno)
+            set_open_errno(node.path, node.open_errno);
+        if (node.has_close_errno)
+            set_close_errno(node.path, node.close_errno);
+    }
+}
+
+} // namespace
+
+bool load_config(const std::string &path, std::string *error)
+{
+    Parser parser;
+    parser.file = fopen(path.c_str(), "re");
+    if (!parser.file) {
+        if (error)
+            *error = path + ": cannot open: " + strerror(errno);
+        return false;
+    }
+    const int result = ini_parse_stream(read_line, &parser, on_key, &parser);
+    fclose(parser.file);
+    // libinih reports the first line it refused: a key our handler refused,
+    // or a line it could not read at all.
+    if (result > 0 && (parser.error.empty() || result < parser.error_line)) {
+        parser.error = "syntax error (expected [section] or key = value)";
+        parser.error_line = result;
+    }
+    if (result < 0 && parser.error.empty())
+        parser.fail("out of memory");
+    if (parser.error.empty())
+        check_plan(&parser);
+    if (!parser.error.empty()) {
+        if (error)
+            *error = path + ":" + std::to_string(parser.error_line) + ": " + parser.error;
+        return false;
+    }
+    apply(parser.plan);
+    return true;
+}
+
 } // namespace zsim

@@ -1,0 +1,200 @@
+// Frame sets: one frame per member in member order, given back the same way;
+// and the trigger mode that makes a set come from one sensor instant.
+#include <gmock/gmock.h>
+#include <linux/videodev2.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "group_fixture.h"
+
+namespace zelisp_test {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+class GroupFrameSets : public GroupTest {
+protected:
+    // Members that deliver only the frames a test pushes.
+    unsigned long MakeScriptedGroup(const std::vector<int> &members)
+    {
+        for (int camera : members)
+            zsim::set_frame_mode(camera, zsim::FrameMode::Scripted);
+        const unsigned long group = MakeGroup(members);
+        BringUp(group, kCapturing);
+        zsim::clear_log();
+        return group;
+    }
+
+    static void Push(int node, uint32_t sequence, uint64_t timestamp_us)
+    {
+        zsim::ScriptedFrame frame;
+        frame.sequence = sequence;
+        frame.timestamp_us = timestamp_us;
+        frame.reserved = sequence * 10;
+        zsim::push_frame(node, frame);
+    }
+};
+
+std::vector<uint32_t> Words(const std::vector<uint8_t> &raw)
+{
+    std::vector<uint32_t> words(raw.size() / 4);
+    memcpy(words.data(), raw.data(), words.size() * 4);
+    return words;
+}
+
+TEST_F(GroupFrameSets, SetHoldsOneFramePerMemberInMemberOrder)
+{
+    const unsigned long group = MakeScriptedGroup({2, 0, 1});
+    Push(2, 5, 1000000);
+    Push(0, 7, 2000000);
+    Push(1, 9, 3000000);
+    zelvideo::_isp_buf_t frames[4];
+    memset(&frames[3], 0xee, sizeof frames[3]);
+    ASSERT_EQ(zelvideo::isp_group_get_sync_frame(group, frames, 4, 2000), 0);
+    EXPECT_THAT(PathsOf(VIDIOC_DQBUF), ElementsAre("/dev/video2", "/dev/video0", "/dev/video1"));
+    const uint32_t sequences[3] = {5, 7, 9};
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(frames[i].views[0].sequence, sequences[i]);
+        EXPECT_EQ(frames[i].views[0].timestamp, 1000000u * (i + 1));
+        EXPECT_EQ(frames[i].views[0].driver_data, sequences[i] * 10);
+    }
+    EXPECT_EQ(frames[3].index, 0xeeeeeeeeu); // only camera_count records are used
+
+    ASSERT_EQ(zelvideo::isp_group_put_frame(group, frames, 4), 0);
+    const std::vector<zsim::LogEntry> queued = zsim::requests(VIDIOC_QBUF);
+    ASSERT_EQ(queued.size(), 3u);
+    const char *paths[3] = {"/dev/video2", "/dev/video0", "/dev/video1"};
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(queued[i].path, paths[i]);
+        v4l2_buffer sent;
+        ASSERT_GE(queued[i].raw.size(), sizeof sent);
+        memcpy(&sent, queued[i].raw.data(), sizeof sent);
+        EXPECT_EQ(sent.index, frames[i].index);
+    }
+}
+
+TEST_F(GroupFrameSets, ArrayShorterThanTheGroupIsRefusedBeforeAnyFrameMoves)
+{
+    const unsigned long group = MakeScriptedGroup({0, 1, 2});
+    zelvideo::_isp_buf_t frames[2];
+    OutputCapture output;
+    EXPECT_EQ(zelvideo::isp_group_get_sync_frame(group, frames, 2, 10), ISP_ERR_MISSING);
+    EXPECT_EQ(zelvideo::isp_group_put_frame(group, frames, 2), ISP_ERR_MISSING);
+    EXPECT_EQ(zelvideo::isp_group_get_sync_frame(group, nullptr, 3, 10), ISP_ERR_INVALID);
+    output.Stop();
+    EXPECT_EQ(output.out(), "buffers sum less than camera_count!\nbuffers sum less than camera_count!\n");
+    EXPECT_THAT(zsim::request_log(), IsEmpty());
+}
+
+TEST_F(GroupFrameSets, FailureAtALaterMemberLeavesEarlierFramesWithTheCaller)
+{
+    const unsigned long group = MakeScriptedGroup({0, 1});
+    Push(0, 4, 500000);
+    zelvideo::_isp_buf_t frames[2];
+    memset(&frames[1], 0xee, sizeof frames[1]);
+    EXPECT_EQ(zelvideo::isp_group_get_sync_frame(group, frames, 2, 50), ISP_ERR_TIMEOUT);
+    EXPECT_EQ(frames[0].views[0].sequence, 4u);
+    EXPECT_EQ(frames[1].index, 0xeeeeeeeeu);
+
+    // The member's own handle gives the one frame back.
+    unsigned long first = 0;
+    ASSERT_EQ(isp_group_get_camera_handle(group, 0, &first), 0);
+    EXPECT_EQ(isp_put_frame_buf(first, &frames[0]), 0);
+    EXPECT_THAT(PathsOf(VIDIOC_QBUF), ElementsAre("/dev/video0"));
+}
+
+TEST_F(GroupFrameSets, FrameReturnStopsAtTheFirstRefusedFrame)
+{
+    const unsigned long group = MakeScriptedGroup({0, 1, 2});
+    for (int node = 0; node < 3; ++node)
+        Push(node, 1, 100000);
+    zelvideo::_isp_buf_t frames[3];
+    ASSERT_EQ(zelvideo::isp_group_get_sync_frame(group, frames, 3, 2000), 0);
+    frames[1].index = 7; // a buffer the driver does not have
+    zsim::clear_log();
+    OutputCapture output;
+    EXPECT_EQ(zelvideo::isp_group_put_frame(group, frames, 3), ISP_ERR_REQUEST);
+    output.Stop();
+    EXPECT_EQ(output.out(), "/dev/video1 put frame failed\n");
+    EXPECT_THAT(PathsOf(VIDIOC_QBUF), ElementsAre("/dev/video0", "/dev/video1"));
+}
+
+using GroupTriggers = GroupTest;
+
+TEST_F(GroupTriggers, SentOnceOnTheKeptDescriptorWithParametersUnchecked)
+{
+    const unsigned long group = MakeGroup({0});
+    zsim::clear_log();
+    EXPECT_EQ(isp_group_set_internal_trigger(group, 5, 9, 0xFFFFFFFF), 0);
+    EXPECT_EQ(zsim::trigger_mode(), zsim::TriggerMode::Internal);
+    EXPECT_EQ(isp_group_set_external_trigger(group, 3, 8, 4), 0);
+    EXPECT_EQ(zsim::trigger_mode(), zsim::TriggerMode::External);
+    const std::vector<zsim::LogEntry> sent = zsim::requests(kTriggerRequest);
+    ASSERT_EQ(sent.size(), 2u);
+    EXPECT_EQ(sent[0].path, "/dev/isp_misc");
+    EXPECT_THAT(Words(sent[0].raw), ElementsAre(0u, 5u, 0xFFFFFFFFu, 9u, 0u));
+    EXPECT_THAT(Words(sent[1].raw), ElementsAre(1u, 3u, 0u, 8u, 4u));
+    EXPECT_THAT(PathsOf(zsim::kOpen), IsEmpty());
+    EXPECT_THAT(PathsOf(zsim::kClose), IsEmpty());
+}
+
+TEST_F(GroupTriggers, RefusalIsPrintedNotReturnedInAnyGroupState)
+{
+    const unsigned long empty = MakeEmptyGroup();
+    const unsigned long closed = MakeGroup({1});
+    BringUp(closed, kOpened);
+    ASSERT_EQ(isp_group_close_video(closed), 0);
+    zsim::clear_log();
+    zsim::interrupt_request(kTriggerRequest, 1, "", true);
+    OutputCapture output;
+    EXPECT_EQ(isp_group_set_internal_trigger(empty, 0, 0, 0), 0);
+    EXPECT_EQ(isp_group_set_external_trigger(closed, 0, 0, 0), 0);
+    output.Stop();
+    EXPECT_EQ(output.out(), "ioctl IOC_SET_MIPI_TRIGGER_MODE failed! \n");
+    EXPECT_EQ(output.err(), "ioctl IOC_SET_MIPI_TRIGGER_MODE failed! \n: " + ErrorText(EINTR) + "\n");
+    EXPECT_EQ(zsim::requests(kTriggerRequest).size(), 2u); // no retry after EINTR
+}
+
+// Largest minus smallest capture time in a set of view-0 frames.
+uint64_t Skew(const zelvideo::_isp_buf_t *frames, int count)
+{
+    const auto [low, high] = std::minmax_element(frames, frames + count, [](const auto &a, const auto &b) {
+        return a.views[0].timestamp < b.views[0].timestamp;
+    });
+    return high->views[0].timestamp - low->views[0].timestamp;
+}
+
+// Reads `sets` frame sets from a capturing four-member group and returns
+// the largest skew seen.
+uint64_t LargestSkew(unsigned long group, int sets)
+{
+    uint64_t largest = 0;
+    for (int set = 0; set < sets; ++set) {
+        zelvideo::_isp_buf_t frames[4];
+        EXPECT_EQ(zelvideo::isp_group_get_sync_frame(group, frames, 4, 5000), 0);
+        largest = std::max(largest, Skew(frames, 4));
+        EXPECT_EQ(zelvideo::isp_group_put_frame(group, frames, 4), 0);
+    }
+    return largest;
+}
+
+TEST_F(GroupFrameSets, TriggeredCamerasDeliverSetsWithoutSkew)
+{
+    const unsigned long group = MakeGroup({0, 1, 2, 3});
+    ASSERT_EQ(isp_group_set_internal_trigger(group, 0, 0, 0), 0);
+    BringUp(group, kCapturing);
+    EXPECT_EQ(LargestSkew(group, 10), 0u);
+}
+
+TEST_F(GroupFrameSets, FreeRunningCamerasStayWithinOneFramePeriod)
+{
+    const unsigned long group = MakeGroup({0, 1, 2, 3});
+    BringUp(group, kCapturing);
+    const uint64_t period_us = 1000000 / zsim::camera_config(0).fps;
+    EXPECT_LT(LargestSkew(group, 10), period_us);
+}
+
+} // namespace
+} // namespace zelisp_test

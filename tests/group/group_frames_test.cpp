@@ -127,15 +127,23 @@ TEST_F(GroupTriggers, SentOnceOnTheKeptDescriptorWithParametersUnchecked)
 {
     const unsigned long group = MakeGroup({0});
     zsim::clear_log();
-    EXPECT_EQ(isp_group_set_internal_trigger(group, 5, 9, 0xFFFFFFFF), 0);
+    EXPECT_EQ(isp_group_set_internal_trigger(group, 2, 7, 0xFFFFFFFF), 0);
     EXPECT_EQ(zsim::trigger_mode(), zsim::TriggerMode::Internal);
-    EXPECT_EQ(isp_group_set_external_trigger(group, 3, 8, 4), 0);
+    EXPECT_EQ(isp_group_set_external_trigger(group, 1, 3, 2), 0);
     EXPECT_EQ(zsim::trigger_mode(), zsim::TriggerMode::External);
+    // Out of the driver's ranges: sent as given, refused, still 0.
+    OutputCapture output;
+    EXPECT_EQ(isp_group_set_internal_trigger(group, 5, 9, 1), 0);
+    output.Stop();
+    EXPECT_EQ(output.out(), "ioctl IOC_SET_MIPI_TRIGGER_MODE failed! \n");
+
     const std::vector<zsim::LogEntry> sent = zsim::requests(kTriggerRequest);
-    ASSERT_EQ(sent.size(), 2u);
+    ASSERT_EQ(sent.size(), 3u);
     EXPECT_EQ(sent[0].path, "/dev/isp_misc");
-    EXPECT_THAT(Words(sent[0].raw), ElementsAre(0u, 5u, 0xFFFFFFFFu, 9u, 0u));
-    EXPECT_THAT(Words(sent[1].raw), ElementsAre(1u, 3u, 0u, 8u, 4u));
+    EXPECT_THAT(Words(sent[0].raw), ElementsAre(0u, 2u, 0xFFFFFFFFu, 7u, 0u));
+    EXPECT_THAT(Words(sent[1].raw), ElementsAre(1u, 1u, 0u, 3u, 2u));
+    EXPECT_THAT(Words(sent[2].raw), ElementsAre(0u, 5u, 1u, 9u, 0u));
+    EXPECT_EQ(sent[2].error, EINVAL);
     EXPECT_THAT(PathsOf(zsim::kOpen), IsEmpty());
     EXPECT_THAT(PathsOf(zsim::kClose), IsEmpty());
 }

@@ -1,0 +1,189 @@
+// capture_command.cpp - "zelisp-cam capture": its options, their checks,
+// and the run from set-up to summary.
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <set>
+
+#include "capture_loops.h"
+#include "commands.h"
+#include "json_summary.h"
+#include "summary.h"
+#include "tool_errors.h"
+
+namespace zcam {
+namespace {
+
+constexpr size_t kMaxCameras = 8; // the multi-camera wait and a group both take up to 8
+
+// The strings of the compound options, parsed after CLI11 has checked the rest.
+struct CaptureArguments {
+    CaptureOptions options;
+    std::string resize;
+    std::string drop;
+    std::vector<std::string> trigger;
+};
+
+int check(CaptureArguments &arguments)
+{
+    CaptureOptions &options = arguments.options;
+    if (options.cameras.size() > kMaxCameras)
+        return report_usage("at most 8 cameras can be captured together");
+    if (std::set<int>(options.cameras.begin(), options.cameras.end()).size() != options.cameras.size())
+        return report_usage("a camera is named twice in --camera");
+    std::sort(options.views.begin(), options.views.end());
+    options.views.erase(std::unique(options.views.begin(), options.views.end()), options.views.end());
+    if (options.views.empty())
+        return report_usage("--views needs at least one view");
+
+    std::string error;
+    if (!arguments.resize.empty()) {
+        zelvideo::_resize_param_t param;
+        if (!parse_resize(arguments.resize, &param, &error))
+            return report_usage(error);
+        options.resize = param;
+    }
+    if (!arguments.drop.empty()) {
+        if (options.group)
+            return report_usage("--drop cannot be used with --group: a frame set takes every member's next frame");
+        DropRatio ratio;
+        if (!parse_drop(arguments.drop, &ratio, &error))
+            return report_usage(error);
+        options.drop = ratio;
+    }
+    if (!arguments.trigger.empty()) {
+        TriggerSetting trigger;
+        if (!parse_trigger(arguments.trigger, &trigger, &error))
+            return report_usage(error);
+        options.trigger = trigger;
+    }
+    if (options.every > 0 && !options.writes_files())
+        return report_usage("--every needs --out");
+    return kExitOk;
+}
+
+// With --json, standard output carries the JSON document alone: the
+// library's own lines (and ours) go to standard error from here on.
+FILE *divert_stdout_for_json()
+{
+    fflush(stdout);
+    int json_fd = dup(STDOUT_FILENO);
+    if (json_fd < 0)
+        return nullptr;
+    dup2(STDERR_FILENO, STDOUT_FILENO);
+    return fdopen(json_fd, "w");
+}
+
+int write_summary_file(const CaptureRun &run)
+{
+    std::string path = (std::filesystem::path(run.options.out_dir) / "summary.json").string();
+    std::ofstream file(path);
+    file << summary_json(run).dump(2) << '\n';
+    file.close();
+    if (!file)
+        return report_output_failure(path, "write failed");
+    return kExitOk;
+}
+
+int run_capture(CaptureArguments &arguments)
+{
+    int status = check(arguments);
+    if (status != kExitOk)
+        return status;
+    const CaptureOptions &options = arguments.options;
+
+    std::unique_ptr<FILE, int (*)(FILE *)> json_out(nullptr, fclose);
+    if (options.json) {
+        json_out.reset(divert_stdout_for_json());
+        if (!json_out)
+            return report_output_failure("standard output", "cannot duplicate it");
+    }
+
+    CaptureRun run(options);
+    std::string error = run.files.prepare();
+    if (!error.empty())
+        return report_output_failure(run.files.failed_path(), error);
+
+    catch_interrupt();
+    status = options.group ? run_group_capture(run) : run_stream_capture(run);
+    if (status != kExitOk)
+        return status;
+
+    error = run.files.finish();
+    if (!error.empty())
+        return report_output_failure(run.files.failed_path(), error);
+    if (options.writes_files() && (status = write_summary_file(run)) != kExitOk)
+        return status;
+    if (json_out)
+        fprintf(json_out.get(), "%s\n", summary_json(run).dump(2).c_str());
+    else
+        print_summary(stdout, run);
+    return kExitOk;
+}
+
+} // namespace
+
+void add_capture_command(CLI::App &app, int *status)
+{
+    auto arguments = std::make_shared<CaptureArguments>();
+    CaptureOptions &options = arguments->options;
+    CLI::App *capture = app.add_subcommand(
+        "capture", "Capture frames from one camera, several cameras (multi-camera wait) or a group (--group).");
+    capture->add_option("-c,--camera", options.cameras, "Camera numbers, comma separated (at most 8)")
+        ->type_name("N[,N...]")
+        ->required()
+        ->delimiter(',')
+        ->check(CLI::Range(0, 11));
+    capture->add_option("--views", options.views, "Views to enable, comma separated (mode 1 only)")
+        ->type_name("V[,V...]")
+        ->delimiter(',')
+        ->check(CLI::Range(0, 2))
+        ->capture_default_str();
+    capture->add_option("--mode", options.mode, "Open mode: 1 (/dev/videoN) or 2 (/dev/video<N+12>, view 0 only)")
+        ->check(CLI::IsMember({1, 2}))
+        ->capture_default_str();
+    capture->add_option("--buffers", options.buffers, "Capture buffers per camera")
+        ->check(CLI::Range(3, 8))
+        ->capture_default_str();
+    CLI::Option *frames = capture->add_option("--frames", options.frames,
+                                              "Frames to capture per camera (frame sets with --group)")
+                              ->check(CLI::PositiveNumber)
+                              ->capture_default_str();
+    capture->add_option("--seconds", options.seconds, "Capture for this long instead of counting frames")
+        ->check(CLI::PositiveNumber)
+        ->excludes(frames);
+    capture->add_option("--timeout", options.timeout_ms, "Longest wait for a frame, in milliseconds")
+        ->check(CLI::Range(1, 600000))
+        ->capture_default_str();
+    capture->add_option("--resize", arguments->resize,
+                        "Crop, scale, crop in the ISP: X,Y,W,H[:SW,SH[:X,Y,W,H]] (even numbers; the first crop "
+                        "must fit in view 1)")
+        ->type_name("SPEC");
+    capture->add_option("--drop", arguments->drop,
+                        "Frame decimation: drop D frames out of every T, one frame in N (e.g. 30/10, 30/20)")
+        ->type_name("T/D");
+    capture->add_flag("--group", options.group, "Drive the cameras as one group and read frame sets");
+    capture->add_option("--trigger", arguments->trigger,
+                        "MIPI trigger mode: internal|external, then up to three parameters (default 0 0 0)")
+        ->expected(1, 4)
+        ->type_name("MODE [P1 P2 P3]");
+    capture->add_option("--out", options.out_dir,
+                        "Folder for the files: each view of every camera's last frame, a contact sheet (png) "
+                        "and summary.json")
+        ->type_name("DIR");
+    capture->add_option("--format", options.format, "File format: png (previews) or raw (the plane's bytes)")
+        ->check(CLI::IsMember({"png", "raw"}))
+        ->capture_default_str();
+    capture->add_option("--every", options.every, "Also write every Nth frame of each camera (needs --out)")
+        ->check(CLI::PositiveNumber)
+        ->type_name("N");
+    capture->add_flag("--json", options.json,
+                      "Print the summary as JSON on standard output (the library's lines go to standard error)");
+    capture->callback([arguments, status] { *status = run_capture(*arguments); });
+}
+
+} // namespace zcam

@@ -1,0 +1,80 @@
+/*
+ * capture_options.h - what "zelisp-cam capture" was asked to do, and the
+ * parsers for its compound options (--resize, --drop, --trigger).
+ */
+#ifndef ZELISP_CAM_CAPTURE_OPTIONS_H
+#define ZELISP_CAM_CAPTURE_OPTIONS_H
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "zelisp.h"
+
+namespace zcam {
+
+// --drop T/D: drop D frames out of every T (isp_set_frame_drop_num).
+struct DropRatio {
+    int total = 0;
+    int drop = 0;
+};
+
+// --trigger internal|external [P1 [P2 [P3]]]: the MIPI trigger mode.
+struct TriggerSetting {
+    bool external = false;
+    uint32_t param1 = 0;
+    uint32_t param2 = 0;
+    uint32_t param3 = 0;
+};
+
+struct CaptureOptions {
+    std::vector<int> cameras;
+    std::vector<int> views{0, 1, 2};
+    int mode = 1;
+    int buffers = 4;
+    int frames = 100;
+    double seconds = 0; // > 0: capture for this long instead of --frames
+    int timeout_ms = 2000;
+    bool group = false;
+    std::optional<zelvideo::_resize_param_t> resize;
+    std::optional<DropRatio> drop;
+    std::optional<TriggerSetting> trigger;
+    std::string out_dir;        // empty: no files
+    std::string format = "png"; // raw or png
+    int every = 0;              // > 0: also write every Nth frame, not only the last
+    bool json = false;
+
+    // The view input combination of isp_init_video: bit k for view k.
+    uint32_t combination() const;
+    bool writes_files() const { return !out_dir.empty(); }
+};
+
+// X,Y,W,H[:SW,SH[:X,Y,W,H]]: the first crop, the scaled size, the second
+// crop. Without a scaled size nothing is scaled; without a second crop it
+// keeps the whole scaled (or cropped) image.
+bool parse_resize(const std::string &text, zelvideo::_resize_param_t *param, std::string *error);
+// T/D with 1 <= T <= 120 and 0 <= D < T.
+bool parse_drop(const std::string &text, DropRatio *ratio, std::string *error);
+// internal|external followed by up to three numbers.
+bool parse_trigger(const std::vector<std::string> &words, TriggerSetting *trigger, std::string *error);
+
+// Which sequence numbers the library's decimation hands back for this ratio:
+// the same rule isp_get_expected_frame applies, so that frames it skipped on
+// purpose are not counted as lost.
+class DecimationRule {
+public:
+    DecimationRule() = default;
+    explicit DecimationRule(const DropRatio &ratio);
+    bool active() const { return interval_ != 0; }
+    // How many sequence numbers in [first, last] the rule skips.
+    uint64_t skipped_between(uint32_t first, uint32_t last) const;
+
+private:
+    bool keep_one_ = false; // keep one in `interval_`; otherwise drop one in `interval_`
+    uint32_t interval_ = 0;
+};
+
+} // namespace zcam
+
+#endif

@@ -1,0 +1,109 @@
+// capture_run.cpp - the clock, stop conditions and per-frame bookkeeping
+// shared by every kind of capture.
+#include "capture_run.h"
+
+#include <csignal>
+#include <cstdio>
+
+namespace zcam {
+namespace {
+
+volatile sig_atomic_t interrupted_flag = 0;
+
+void on_interrupt(int)
+{
+    interrupted_flag = 1;
+}
+
+std::string progress_text(const CaptureRun &run)
+{
+    char text[64];
+    snprintf(text, sizeof text, "%.1f s", run.elapsed());
+    std::string line = text;
+    uint64_t refused = 0, dropped = 0;
+    for (const CapturedCamera &camera : run.cameras) {
+        snprintf(text, sizeof text, " | cam%d %llu %.1f fps", camera.camera,
+                 static_cast<unsigned long long>(camera.stats.frames()), camera.stats.fps());
+        line += text;
+        refused += camera.stats.refused();
+        dropped += camera.stats.dropped();
+    }
+    snprintf(text, sizeof text, " | refused %llu dropped %llu", static_cast<unsigned long long>(refused),
+             static_cast<unsigned long long>(dropped));
+    return line + text;
+}
+
+} // namespace
+
+void catch_interrupt()
+{
+    // No SA_RESTART: a Ctrl-C must wake the select() the library waits in,
+    // which then reports the interruption and lets the loop end cleanly.
+    struct sigaction action = {};
+    action.sa_handler = on_interrupt;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+}
+
+bool interrupt_requested()
+{
+    return interrupted_flag != 0;
+}
+
+CaptureRun::CaptureRun(const CaptureOptions &run_options) : options(run_options), files(run_options) {}
+
+void CaptureRun::start_clock()
+{
+    start_ = std::chrono::steady_clock::now();
+}
+
+double CaptureRun::elapsed() const
+{
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
+}
+
+void CaptureRun::stop_clock()
+{
+    seconds = elapsed();
+    progress.clear();
+}
+
+bool CaptureRun::time_left()
+{
+    if (interrupt_requested()) {
+        interrupted = true;
+        return false;
+    }
+    return options.seconds <= 0 || elapsed() < options.seconds;
+}
+
+bool CaptureRun::camera_done(const CapturedCamera &camera) const
+{
+    return options.seconds <= 0 && camera.stats.frames() >= uint64_t(options.frames);
+}
+
+std::string CaptureRun::accept(CapturedCamera &camera, const zelvideo::_isp_buf_t &frame)
+{
+    uint64_t index = camera.stats.frames();
+    camera.stats.accept(frame_sequence(camera, frame), frame_timestamp(camera, frame));
+    progress.show(progress_text(*this));
+    return files.frame(camera.camera, camera.views, frame, index);
+}
+
+int read_view_formats(unsigned long handle, const CaptureOptions &options, std::vector<ViewSlot> *views)
+{
+    views->clear();
+    // In open mode 2 the node carries view 0 alone, whatever --views says.
+    std::vector<int> wanted = options.mode == 2 ? std::vector<int>{0} : options.views;
+    for (int view : wanted) {
+        ViewSlot slot = {view, {}};
+        int result = isp_get_view_format(handle, uint32_t(view), &slot.format);
+        if (result != ISP_OK)
+            return result;
+        views->push_back(slot);
+    }
+    return ISP_OK;
+}
+
+} // namespace zcam

@@ -1,0 +1,110 @@
+// frame_files.cpp - choosing which frames become files and naming them.
+#include "frame_files.h"
+
+#include <cctype>
+#include <cstdio>
+#include <filesystem>
+
+#include "png_writer.h"
+#include "raw_writer.h"
+
+namespace zcam {
+
+std::string FrameFiles::prepare()
+{
+    if (!options_.writes_files())
+        return "";
+    std::error_code error;
+    std::filesystem::create_directories(options_.out_dir, error);
+    if (error) {
+        failed_path_ = options_.out_dir;
+        return error.message();
+    }
+    return "";
+}
+
+std::string FrameFiles::path_for(int camera, const ViewSlot &view, uint32_t sequence) const
+{
+    std::string extension = "png";
+    if (options_.format == "raw") {
+        extension = fourcc_name(view.format.format);
+        for (char &c : extension)
+            c = char(tolower(static_cast<unsigned char>(c)));
+    }
+    char name[64];
+    snprintf(name, sizeof name, "cam%d-view%d-%06u.%s", camera, view.view, sequence, extension.c_str());
+    return (std::filesystem::path(options_.out_dir) / name).string();
+}
+
+std::string FrameFiles::write_views(int camera, const std::vector<ViewSlot> &views, const zelvideo::_isp_buf_t &buf)
+{
+    uint32_t sequence = buf.views[views.front().view].sequence;
+    for (const ViewSlot &view : views) {
+        std::string path = path_for(camera, view, sequence);
+        ViewImage image = view_image(buf, view.view, view.format);
+        std::string error;
+        if (options_.format == "raw") {
+            error = write_raw(path, image);
+        } else {
+            RgbImage rgb;
+            error = to_rgb(image, &rgb);
+            if (error.empty())
+                error = write_png(path, rgb);
+        }
+        if (!error.empty()) {
+            failed_path_ = path;
+            return error;
+        }
+        written_.push_back(path);
+    }
+    last_written_[camera] = sequence;
+    return "";
+}
+
+std::string FrameFiles::frame(int camera, const std::vector<ViewSlot> &views, const zelvideo::_isp_buf_t &buf,
+                              uint64_t index)
+{
+    if (!options_.writes_files() || options_.every == 0 || index % uint64_t(options_.every) != 0)
+        return "";
+    return write_views(camera, views, buf);
+}
+
+std::string FrameFiles::last(int camera, const std::vector<ViewSlot> &views, const zelvideo::_isp_buf_t &buf)
+{
+    if (!options_.writes_files())
+        return "";
+    uint32_t sequence = buf.views[views.front().view].sequence;
+    auto done = last_written_.find(camera);
+    if (done == last_written_.end() || done->second != sequence) {
+        std::string error = write_views(camera, views, buf);
+        if (!error.empty())
+            return error;
+    }
+    if (options_.format != "png")
+        return "";
+    // The sheet shows view 0, or the first view captured when view 0 is off.
+    RgbImage tile;
+    std::string error = to_rgb(view_image(buf, views.front().view, views.front().format), &tile);
+    if (!error.empty()) {
+        failed_path_ = options_.out_dir;
+        return error;
+    }
+    sheet_.add(std::move(tile));
+    return "";
+}
+
+std::string FrameFiles::finish()
+{
+    if (!options_.writes_files() || sheet_.empty())
+        return "";
+    std::string path = (std::filesystem::path(options_.out_dir) / "contact-sheet.png").string();
+    std::string error = sheet_.write(path);
+    if (!error.empty()) {
+        failed_path_ = path;
+        return error;
+    }
+    contact_sheet_ = path;
+    return "";
+}
+
+} // namespace zcam

@@ -1,0 +1,213 @@
+// group_capture.cpp - capturing from the cameras as one group: opened, set
+// up and started together, then read one frame set at a time (one frame per
+// member, in member order) and given back a set at a time.
+#include <string>
+#include <vector>
+
+#include "capture_loops.h"
+#include "tool_errors.h"
+
+namespace zcam {
+namespace {
+
+// The group object lives until it is destroyed; destroying it also closes
+// members that are still open, so every way out of the capture ends here.
+class Group {
+public:
+    Group() = default;
+    Group(const Group &) = delete;
+    Group &operator=(const Group &) = delete;
+    ~Group()
+    {
+        if (handle_ != 0)
+            isp_destroy_video_group(handle_);
+    }
+    int create(const std::vector<int> &cameras)
+    {
+        return isp_create_video_group(&handle_, 0, "zelisp-cam", cameras.data(), int(cameras.size()));
+    }
+    unsigned long get() const { return handle_; }
+
+private:
+    unsigned long handle_ = 0;
+};
+
+// GetFrame writes a member's record only when it hands a frame over; an
+// index no buffer has marks the members a failed set read did not reach.
+constexpr uint32_t kNoFrame = 0xffffffffu;
+
+struct GroupCapture {
+    CaptureRun &run;
+    Group group;
+    std::vector<unsigned long> members; // per member position, for the per-camera calls
+    std::vector<zelvideo::_isp_buf_t> frames;
+    std::vector<zelvideo::_isp_buf_t> held; // the newest complete set, kept until the next one
+    bool holding = false;
+    int refusals_in_a_row = 0;
+};
+
+std::string member_context(const GroupCapture &capture, size_t position)
+{
+    return "camera " + std::to_string(capture.run.options.cameras[position]);
+}
+
+int set_up(GroupCapture &capture)
+{
+    const CaptureOptions &options = capture.run.options;
+    const std::vector<int> &cameras = options.cameras;
+    int result = capture.group.create(cameras);
+    if (result != ISP_OK)
+        return report_failure("creating the group", result);
+    unsigned long group = capture.group.get();
+
+    capture.members.resize(cameras.size());
+    for (size_t i = 0; i < cameras.size(); ++i) {
+        if ((result = isp_group_get_camera_handle(group, cameras[i], &capture.members[i])) != ISP_OK)
+            return report_failure(member_context(capture, i), result);
+        // A resize is stored in the camera object before its set-up.
+        if (options.resize && (result = isp_resize_resolution(capture.members[i], &*options.resize)) != ISP_OK)
+            return report_failure(member_context(capture, i) + ": storing the resize", result);
+    }
+
+    std::vector<int> open_results(cameras.size(), 0);
+    if ((result = isp_group_open_video(group, options.mode, open_results.data())) != ISP_OK) {
+        for (size_t i = 0; i < cameras.size(); ++i)
+            if (open_results[i] != ISP_OK)
+                report_failure(member_context(capture, i), open_results[i]);
+        return report_failure("opening the group", result);
+    }
+    if ((result = isp_group_init_video(group, options.combination(), uint32_t(options.buffers))) != ISP_OK)
+        return report_failure("setting the group's streams up", result);
+
+    for (size_t i = 0; i < cameras.size(); ++i) {
+        CapturedCamera captured = {cameras[i], "", {}, CameraStats(cameras[i], DecimationRule())};
+        captured.node = "/dev/video" + std::to_string(options.mode == 2 ? cameras[i] + 12 : cameras[i]);
+        if ((result = read_view_formats(capture.members[i], options, &captured.views)) != ISP_OK)
+            return report_failure(member_context(capture, i) + ": reading the view formats", result);
+        capture.run.cameras.push_back(std::move(captured));
+    }
+
+    // The group keeps /dev/isp_misc open and sends the trigger mode on it.
+    // These calls always answer 0; a refusal shows only in the library's line.
+    if (options.trigger) {
+        const TriggerSetting &t = *options.trigger;
+        if (t.external)
+            isp_group_set_external_trigger(group, t.param1, t.param2, t.param3);
+        else
+            isp_group_set_internal_trigger(group, t.param1, t.param2, t.param3);
+    }
+    capture.frames.resize(cameras.size());
+    capture.held.resize(cameras.size());
+    return kExitOk;
+}
+
+// A set read stopped at a member: the frames the earlier members handed
+// over are the caller's, and the group's put would walk every member, so
+// they go back one by one through the members' own handles.
+int give_back_partial_set(GroupCapture &capture, size_t failed_position)
+{
+    for (size_t i = 0; i < failed_position; ++i) {
+        CapturedCamera &camera = capture.run.cameras[i];
+        camera.stats.accept(frame_sequence(camera, capture.frames[i]), frame_timestamp(camera, capture.frames[i]));
+        int result = isp_put_frame_buf(capture.members[i], &capture.frames[i]);
+        if (result != ISP_OK)
+            return report_failure(member_context(capture, i) + ": giving a frame back", result);
+    }
+    if (failed_position > 0)
+        capture.run.sets->incomplete();
+    return kExitOk;
+}
+
+int take_set(GroupCapture &capture)
+{
+    CaptureRun &run = capture.run;
+    for (zelvideo::_isp_buf_t &frame : capture.frames)
+        frame.index = kNoFrame;
+    int result = zelvideo::isp_group_get_sync_frame(capture.group.get(), capture.frames.data(),
+                                                    int(capture.frames.size()), run.options.timeout_ms);
+    if (result != ISP_OK) {
+        size_t failed = 0;
+        while (failed < capture.frames.size() && capture.frames[failed].index != kNoFrame)
+            ++failed;
+        int status = give_back_partial_set(capture, failed);
+        if (status != kExitOk)
+            return status;
+        if (result == ISP_ERR_NOT_READY)
+            return kExitOk; // Ctrl-C
+        if (result != ISP_ERR_REQUEST || failed == capture.frames.size())
+            return report_failure(member_context(capture, failed < capture.frames.size() ? failed : 0) +
+                                      ": reading a frame set",
+                                  result);
+        run.cameras[failed].stats.refuse();
+        if (++capture.refusals_in_a_row > kMaxRefusalsInARow)
+            return report_failure(member_context(capture, failed) + ": " + std::to_string(kMaxRefusalsInARow) +
+                                      " frame sets refused in a row",
+                                  result);
+        return kExitOk;
+    }
+
+    capture.refusals_in_a_row = 0;
+    std::vector<uint64_t> timestamps;
+    for (size_t i = 0; i < capture.frames.size(); ++i) {
+        CapturedCamera &camera = run.cameras[i];
+        timestamps.push_back(frame_timestamp(camera, capture.frames[i]));
+        std::string error = run.accept(camera, capture.frames[i]);
+        if (!error.empty())
+            return report_output_failure(run.files.failed_path(), error);
+    }
+    run.sets->add(timestamps);
+    if (capture.holding) {
+        result = zelvideo::isp_group_put_frame(capture.group.get(), capture.held.data(), int(capture.held.size()));
+        if (result != ISP_OK)
+            return report_failure("giving a frame set back", result);
+    }
+    capture.held.swap(capture.frames);
+    capture.holding = true;
+    return kExitOk;
+}
+
+int frame_loop(GroupCapture &capture)
+{
+    CaptureRun &run = capture.run;
+    // --frames counts whole frame sets.
+    while (run.time_left() && (run.options.seconds > 0 || run.sets->sets() < uint64_t(run.options.frames))) {
+        int status = take_set(capture);
+        if (status != kExitOk)
+            return status;
+    }
+    return kExitOk;
+}
+
+} // namespace
+
+int run_group_capture(CaptureRun &run)
+{
+    GroupCapture capture{run, {}, {}, {}, {}, false, 0};
+    run.sets.emplace();
+    int status = set_up(capture);
+    if (status != kExitOk)
+        return status;
+    unsigned long group = capture.group.get();
+    int result = isp_group_start_captrue(group);
+    if (result != ISP_OK)
+        return report_failure("starting the group's capture", result);
+
+    run.start_clock();
+    status = frame_loop(capture);
+    run.stop_clock();
+
+    result = isp_group_stop_captrue(group);
+    if (result != ISP_OK && status == kExitOk)
+        status = report_failure("stopping the group's capture", result);
+    // The buffers stay mapped until the close: write the last set now.
+    for (size_t i = 0; status == kExitOk && capture.holding && i < capture.held.size(); ++i) {
+        CapturedCamera &camera = run.cameras[i];
+        std::string error = run.files.last(camera.camera, camera.views, capture.held[i]);
+        if (!error.empty())
+            status = report_output_failure(run.files.failed_path(), error);
+    }
+    isp_group_close_video(group);
+    return status;
+}
+
+} // namespace zcam

@@ -1,0 +1,68 @@
+// list_command.cpp - "zelisp-cam list": the platform's valid cameras and
+// which of their two nodes exist.
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <string>
+
+#include "camera_handle.h"
+#include "commands.h"
+#include "tool_errors.h"
+#include "zelisp.h"
+
+namespace zcam {
+namespace {
+
+constexpr uint32_t kMaxCameras = 12; // the platform table holds 12 records
+
+std::string node_column(int camera, int mode)
+{
+    std::string path = node_path(camera, mode);
+    struct stat st;
+    if (stat(path.c_str(), &st) != 0)
+        return path + " (missing)";
+    if (!S_ISCHR(st.st_mode))
+        return path + " (not a device)";
+    return path;
+}
+
+int run_list()
+{
+    uint32_t count = 0;
+    int result = isp_get_valid_camera_count(&count);
+    if (result != ISP_OK)
+        return report_failure("reading the valid-camera table", result);
+    if (count > kMaxCameras)
+        count = kMaxCameras;
+
+    zelvideo::_camera_info_t info[kMaxCameras] = {};
+    uint32_t reported = 0;
+    result = isp_get_valid_camera_info(info, count, &reported);
+    if (result != ISP_OK)
+        return report_failure("reading the valid-camera table", result);
+
+    printf("%u valid camera%s\n", count, count == 1 ? "" : "s");
+    if (count == 0)
+        return kExitOk;
+    printf("%-7s %-22s %-22s\n", "CAMERA", "MODE 1 NODE", "MODE 2 NODE");
+    for (uint32_t i = 0; i < count; ++i) {
+        int camera = info[i].camera_index;
+        if (camera < 0 || camera >= int(kMaxCameras)) {
+            printf("%-7d (camera number outside 0..11)\n", camera);
+            continue;
+        }
+        printf("%-7d %-22s %-22s\n", camera, node_column(camera, 1).c_str(), node_column(camera, 2).c_str());
+    }
+    return kExitOk;
+}
+
+} // namespace
+
+void add_list_command(CLI::App &app, int *status)
+{
+    CLI::App *list = app.add_subcommand(
+        "list", "List the valid cameras of the platform table (/dev/isp_misc) and which of their nodes exist.");
+    list->callback([status] { *status = run_list(); });
+}
+
+} // namespace zcam

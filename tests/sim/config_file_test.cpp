@@ -1,0 +1,149 @@
+// The simulator's configuration file: a good file describes the board
+// through the same setters the tests use; a bad one names its line and
+// changes nothing.
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "sim_fixture.h"
+
+namespace {
+
+class ConfigFileTest : public zelisp_test::SimTest {
+protected:
+    void TearDown() override
+    {
+        unlink(path_.c_str());
+        SimTest::TearDown();
+    }
+    std::string Write(const std::string &text)
+    {
+        FILE *file = fopen(path_.c_str(), "w");
+        EXPECT_NE(file, nullptr);
+        fputs(text.c_str(), file);
+        fclose(file);
+        return path_;
+    }
+    static mode_t Kind(const char *path)
+    {
+        struct stat st {};
+        return stat(path, &st) == 0 ? st.st_mode & S_IFMT : 0;
+    }
+    static int OpenErrno(const char *path)
+    {
+        const int fd = open(path, O_RDWR);
+        if (fd < 0)
+            return errno;
+        close(fd);
+        return 0;
+    }
+    static uint32_t ValidCount()
+    {
+        uint8_t table[488] = {};
+        const int fd = open("/dev/isp_misc", O_RDWR);
+        EXPECT_EQ(ioctl(fd, 0x80047941, table), 0);
+        close(fd);
+        return table[480];
+    }
+
+    std::string path_ = ::testing::TempDir() + "zelisp-sim-config-" + std::to_string(getpid()) + ".ini";
+};
+
+TEST_F(ConfigFileTest, GoodFileDescribesCamerasNodesAndPlatform)
+{
+    Write("; a board with three cameras\n"
+          "[cameras]\n"
+          "present = 0, 2,5\n"
+          "[camera 2]\n"
+          "fps = 60\n"
+          "view0 = YUYV 1280x720\n"
+          "view2 = GREY 320x240   ; inline comment\n"
+          "supported_combination = 5\n"
+          "sensor = 1280x720\n"
+          "max_buffers = 8\n"
+          "mode = scripted\n"
+          "[camera 5]\n"
+          "[node /dev/video0]\n"
+          "open_errno = EACCES\n"
+          "[node /dev/video7]\n"
+          "kind = regular\n"
+          "[platform]\n"
+          "valid_camera_count = 12\n");
+    std::string error;
+    ASSERT_TRUE(zsim::load_config(path_, &error)) << error;
+
+    const zsim::CameraConfig two = zsim::camera_config(2);
+    EXPECT_EQ(two.fps, 60u);
+    EXPECT_EQ(two.views[0].fourcc, zsim::kYUYV);
+    EXPECT_EQ(two.views[0].width, 1280u);
+    EXPECT_EQ(two.views[1].width, 1280u); // the default view 1 fits the sensor
+    EXPECT_EQ(two.views[2].fourcc, zsim::kGREY);
+    EXPECT_EQ(two.views[2].height, 240u);
+    EXPECT_EQ(two.supported_combination, 5u);
+    EXPECT_EQ(two.sensor_width, 1280u);
+    EXPECT_EQ(two.max_buffers, 8u);
+
+    EXPECT_EQ(Kind("/dev/video1"), 0u); // not present any more
+    EXPECT_EQ(Kind("/dev/video5"), mode_t(S_IFCHR));
+    EXPECT_EQ(Kind("/dev/video17"), mode_t(S_IFCHR));
+    EXPECT_EQ(Kind("/dev/video7"), mode_t(S_IFREG));
+    EXPECT_EQ(OpenErrno("/dev/video0"), EACCES);
+    EXPECT_EQ(OpenErrno("/dev/video2"), 0);
+    EXPECT_EQ(ValidCount(), 12u);
+}
+
+TEST_F(ConfigFileTest, ErrorsNameTheLineAndChangeNothing)
+{
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"[camera 2]\nfps = 0\n", ":2: bad value '0' for fps: frames per second, 1 to 240"},
+        {"[camera 12]\nfps = 30\n", ":1: camera number in [camera 12] must be 0 to 11"},
+        {"[cameras]\npresent = 0,1,\n", ":2: bad value '0,1,' for present"},
+        {"[camera 1]\nview1 = NV12 641x360\n", ":2: bad value 'NV12 641x360' for view1"},
+        {"[camera 1]\nview0 = MJPG 640x360\n", ":2: bad value 'MJPG 640x360' for view0"},
+        {"[camera 1]\n\nview0 = NV12 3840x2160\n", ":3: view0 3840x2160 of camera 1 is larger than its sensor 1920x1080"},
+        {"[cameras]\npresent = 0\n[camera 3]\nfps = 30\n", ":3: [camera 3] is not listed in [cameras] present"},
+        {"[node /dev/video24]\nkind = char\n", ":1: no simulated node /dev/video24"},
+        {"[node /dev/isp_misc]\nopen_errno = EWHAT\n", ":2: bad value 'EWHAT' for open_errno"},
+        {"[node /dev/video3]\nkind = pipe\n", ":2: bad value 'pipe' for kind"},
+        {"[platform]\nvalid_camera_count = many\n", ":2: bad value 'many' for valid_camera_count"},
+        {"[camera 0]\nfps = 30\ncolour = red\n", ":3: unknown key 'colour' in [camera 0]"},
+        {"[cameras]\npresent = 1\nthis line has no value\n", ":3: syntax error"},
+        {"[lights]\non = 1\n", ":1: unknown section [lights]"},
+        {"fps = 30\n", ":1: key 'fps' outside a known section"},
+    };
+    for (const auto &[text, message] : cases) {
+        std::string error;
+        EXPECT_FALSE(zsim::load_config(Write("[platform]\nvalid_camera_count = 1\n" + text), &error)) << text;
+        // Two lines of prelude precede the case.
+        const size_t colon = message.find(':', 1);
+        const std::string expected = path_ + ":" + std::to_string(std::stoi(message.substr(1, colon - 1)) + 2) +
+                                     message.substr(colon);
+        EXPECT_EQ(error.compare(0, expected.size(), expected), 0) << error << "\nexpected: " << expected;
+    }
+    EXPECT_EQ(ValidCount(), 4u);
+    EXPECT_EQ(Kind("/dev/video1"), mode_t(S_IFCHR));
+    EXPECT_EQ(zsim::camera_config(2).fps, 30u);
+
+    std::string error;
+    EXPECT_FALSE(zsim::load_config("/nonexistent/zelisp.ini", &error));
+    EXPECT_EQ(error, "/nonexistent/zelisp.ini: cannot open: No such file or directory");
+}
+
+TEST_F(ConfigFileTest, EmptyPresentListRemovesEveryCameraAndNodeKindsApplyLast)
+{
+    Write("[cameras]\npresent =\n[node /dev/video4]\nkind = char\n[node /dev/isp_misc]\nkind = directory\n");
+    std::string error;
+    ASSERT_TRUE(zsim::load_config(path_, &error)) << error;
+    EXPECT_EQ(Kind("/dev/video0"), 0u);
+    EXPECT_EQ(Kind("/dev/video4"), mode_t(S_IFCHR));
+    EXPECT_EQ(Kind("/dev/isp_misc"), mode_t(S_IFDIR));
+}
+
+} // namespace

@@ -1,0 +1,84 @@
+/*
+ * zelisp_sim_run.cpp - runs any program on the simulated ISP drivers:
+ *
+ *     zelisp-sim-run [--config FILE] -- PROGRAM ARGS...
+ *
+ * It puts the simulator library in front of the program's C library with
+ * LD_PRELOAD (ahead of any preload already set), names the configuration
+ * file in ZELISP_SIM_CONFIG, and executes the program in its place.
+ */
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include <unistd.h>
+
+namespace {
+
+int usage()
+{
+    std::fprintf(stderr, "usage: zelisp-sim-run [--config FILE] -- PROGRAM ARGS...\n");
+    return 2;
+}
+
+// The library next to the build tree while developing, the installed one
+// otherwise.
+const char *simulator_library()
+{
+    if (access(ZELISP_SIM_BUILD_PATH, R_OK) == 0)
+        return ZELISP_SIM_BUILD_PATH;
+    return ZELISP_SIM_INSTALL_PATH;
+}
+
+bool set_preload(const char *library)
+{
+    std::string preload = library;
+    const char *existing = std::getenv("LD_PRELOAD");
+    if (existing && *existing)
+        preload += std::string(":") + existing;
+    return setenv("LD_PRELOAD", preload.c_str(), 1) == 0;
+}
+
+// The program may change directory before the simulator reads the file.
+bool set_config(const char *path)
+{
+    if (access(path, R_OK) != 0) {
+        std::fprintf(stderr, "zelisp-sim-run: %s: %s\n", path, std::strerror(errno));
+        return false;
+    }
+    char absolute[PATH_MAX];
+    const char *name = realpath(path, absolute) ? absolute : path;
+    return setenv("ZELISP_SIM_CONFIG", name, 1) == 0;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    const char *config = nullptr;
+    int i = 1;
+    for (; i < argc && std::strcmp(argv[i], "--") != 0; ++i) {
+        if (std::strcmp(argv[i], "--config") == 0 && i + 1 < argc)
+            config = argv[++i];
+        else if (std::strncmp(argv[i], "--config=", 9) == 0)
+            config = argv[i] + 9;
+        else
+            return usage();
+    }
+    if (i + 1 >= argc)
+        return usage();
+    char **program = argv + i + 1;
+
+    if (config && !set_config(config))
+        return 2;
+    if (!set_preload(simulator_library())) {
+        std::perror("zelisp-sim-run: LD_PRELOAD");
+        return 2;
+    }
+    execvp(program[0], program);
+    std::fprintf(stderr, "zelisp-sim-run: %s: %s\n", program[0], std::strerror(errno));
+    return 127;
+}

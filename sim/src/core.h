@@ -1,0 +1,217 @@
+/*
+ * core.h - the simulator core's state: the nodes, the cameras behind them,
+ * the descriptor and mapping tables, the request log and the faults, all
+ * behind one lock.
+ *
+ * Everything here is reached with State::lock held unless a function says
+ * otherwise. The core never blocks with the lock held: a blocking dequeue
+ * and the hardware thread's sleep both release it.
+ */
+#ifndef ZELISP_SIM_CORE_H
+#define ZELISP_SIM_CORE_H
+
+#include <condition_variable>
+#include <cstdio>
+#include <ctime>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <sys/types.h>
+
+#include "sim_internal.h"
+
+namespace zsim::detail {
+
+constexpr int kCameras = 12;
+constexpr int kVideoNodes = 24;     // camera c: mode 1 node c, mode 2 node c + 12
+constexpr int kMiscNode = kVideoNodes;
+constexpr int kNodes = kVideoNodes + 1;
+constexpr int kMaxPlanes = 3;
+constexpr unsigned kVideoMajor = 81; // the V4L2 character major
+constexpr unsigned kMiscMajor = 10;  // the misc-device major
+constexpr unsigned kMiscMinor = 121;
+
+// One plane of a capture buffer: a memfd stands in for the driver's DMA
+// memory, so every mapping and every export of it shares the same pages.
+struct Plane {
+    int memfd = -1;
+    uint8_t *data = nullptr; // the driver's own view, for painting
+    size_t length = 0;       // page-aligned
+    ViewFormat format{};
+    bool painted = false;    // the background is painted once per buffer
+};
+
+enum class BufferState { User, Queued, Filled };
+
+struct Buffer {
+    std::vector<Plane> planes;
+    BufferState state = BufferState::User;
+    uint32_t sequence = 0;
+    uint64_t timestamp_ns = 0;
+    uint32_t reserved = 0;
+    uint32_t reported_length[kMaxPlanes] = {0, 0, 0};
+};
+
+struct Node {
+    NodeKind kind = NodeKind::Missing;
+    int open_errno = 0;
+    int close_errno = 0;
+    int event_fd = -1; // readable while a filled buffer waits; never closed
+    Quirks quirks;
+    FrameMode frame_mode = FrameMode::FreeRunning;
+    int open_files = 0; // live descriptors that name the node
+
+    std::vector<Buffer> buffers;
+    std::deque<int> queued; // in the order the program queued them
+    std::deque<int> filled; // in the order the hardware filled them
+    bool streaming = false;
+    uint32_t next_sequence = 0;
+    uint64_t period_ns = 0;
+    uint64_t next_due_ns = 0;
+    bool on_shared_clock = false;
+    std::deque<ScriptedFrame> script;
+    Counters counters{0, 0, 0};
+};
+
+struct Camera {
+    bool present = false;
+    CameraConfig config;
+    uint32_t input = 7; // the view combination in force
+};
+
+// What a program's descriptor refers to. Descriptors made by dup share
+// one OpenFile, as they share one open file description in the kernel.
+struct OpenFile {
+    int node = -1;        // -1: a buffer export
+    int flags = 0;        // O_ACCMODE | O_NONBLOCK as the program set them
+    std::string path;
+    bool plain = false;   // a node that looks like a file or directory
+};
+
+struct Mapping {
+    size_t length = 0;
+    std::string path;
+};
+
+struct Fault {
+    uint32_t request;
+    std::string path;
+    bool interrupt;  // EINTR storm rather than a failure
+    int skip;        // occurrences to let through before the first fault
+    int remaining;   // faults still to inject
+    int err;
+    int times;       // EINTR storm: interruptions per occurrence
+    bool sticky;
+};
+
+struct State {
+    std::mutex lock;
+    std::condition_variable wake; // the hardware thread's alarm
+    Node nodes[kNodes];
+    Camera cameras[kCameras];
+    std::map<int, std::shared_ptr<OpenFile>> descriptors;
+    std::map<uintptr_t, Mapping> mappings;
+    std::deque<LogEntry> log;
+    std::vector<Fault> faults;
+    std::thread hardware;
+    pid_t hardware_pid = 0;
+    time_t created = time(nullptr); // the nodes' times: when the driver loaded
+    bool stopping = false;
+};
+
+// The one state, created on first use (interposed calls can come before
+// any constructor of this library has run) and never destroyed.
+State &state();
+void apply_defaults(State &s);
+
+// Keeps the lock's holder from re-entering the core through an interposed
+// call (an allocator that maps memory, a stream that closes a file).
+bool inside_core();
+class CoreLock {
+public:
+    CoreLock();
+    ~CoreLock();
+    CoreLock(const CoreLock &) = delete;
+    CoreLock &operator=(const CoreLock &) = delete;
+    std::unique_lock<std::mutex> &guard() { return guard_; }
+    void unlock();
+    void lock();
+
+private:
+    std::unique_lock<std::mutex> guard_;
+};
+
+// ---- nodes.cpp
+int node_of_path(const char *path); // -1 when the path is no simulated node
+std::string node_path(int node);
+int camera_of_node(int node);       // -1 for /dev/isp_misc
+dev_t node_rdev(int node);
+void fill_node_stat(int node, struct stat *st);
+void reset_nodes(State &s);
+
+// ---- request_log.cpp
+std::string request_name(uint32_t request);
+void append_log(State &s, LogEntry entry);
+// Consumes one occurrence of request on path; returns the errno to inject
+// (0: none).
+int take_fault(State &s, uint32_t request, const std::string &path);
+
+// ---- dispatch.cpp: a request on any descriptor; *handled false when the
+// descriptor is not simulated. The probe request on descriptor -1 answers
+// kProbeAnswer, so that zsim::active() can tell that the process's ioctl
+// really reaches this library.
+constexpr uint32_t kProbeRequest = 0xF05A0001;
+constexpr uint32_t kProbeAnswer = 0x5A5A1D0E;
+int dispatch_ioctl(int fd, uint32_t request, void *arg, bool *handled);
+
+// ---- uevent.cpp: the sysfs record that names a node's device.
+FILE *sim_fopen(const char *path, const char *mode, bool *handled);
+
+// ---- descriptors.cpp
+enum DupHow { kDupAny, kDupOnto, kDupOntoStrict };
+int sim_open(int dirfd, const char *path, int flags, mode_t mode);
+// -1 with errno set, or 0, or 1 when fd is not simulated (pass through).
+int sim_close(int fd);
+int sim_dup(int oldfd, int newfd, int flags, int how);
+int sim_fcntl(int fd, int cmd, unsigned long arg, bool *handled);
+bool sim_fstat(int fd, struct stat *st);
+bool sim_stat(const char *path, struct stat *st, int *err);
+std::shared_ptr<OpenFile> find_descriptor(State &s, int fd);
+int track_descriptor(State &s, int realfd, std::shared_ptr<OpenFile> file);
+
+// ---- video_node.cpp: requests on a video node the core answers itself.
+// Returns false when the request is not one of them. May release the lock
+// (blocking dequeue). Fills *note.
+bool handle_video_request(CoreLock &held, int node, const OpenFile &file, uint32_t request, void *arg,
+                          int *error, LogNote *note);
+void release_queue(State &s, int node); // the last descriptor of the node closed
+
+// ---- buffers.cpp
+void free_buffers(State &s, int node);
+uint32_t plane_offset(int buffer, int plane);
+bool plane_at_offset(const Node &n, uint64_t offset, int *buffer, int *plane);
+void *sim_mmap(void *addr, size_t length, int prot, int flags, int fd, off_t offset, bool *handled);
+int sim_munmap(void *addr, size_t length, bool *handled);
+
+// ---- streaming.cpp
+void signal_filled(Node &n);
+void drain_filled(Node &n);
+void fill_buffer(Node &n, int index, uint32_t sequence, uint64_t timestamp_ns, uint32_t reserved,
+                 const uint32_t *plane_length, bool paint);
+void deliver_scripted(Node &n);
+void start_stream(State &s, int node, uint64_t now_ns, bool shared_clock);
+void stop_stream(Node &n);
+
+// ---- hardware_thread.cpp
+uint64_t monotonic_ns();
+void ensure_hardware_thread(State &s);
+
+} // namespace zsim::detail
+
+#endif

@@ -1,0 +1,96 @@
+/*
+ * dispatch.cpp - one ioctl on a simulated descriptor: faults first, then the
+ * driver that owns the node (the video node's own requests, its controls,
+ * or the platform node), then the log entry with the record as the program
+ * sent it and the errno it got back.
+ */
+#include <cerrno>
+#include <cstring>
+
+#include <fcntl.h>
+#include <linux/ioctl.h>
+#include <sys/ioctl.h>
+
+#include "core.h"
+
+namespace zsim::detail {
+namespace {
+
+std::vector<uint8_t> raw_record(uint32_t request, const void *arg)
+{
+    size_t size = _IOC_SIZE(request);
+    if (!arg || _IOC_DIR(request) == _IOC_NONE || size == 0)
+        return {};
+    const uint8_t *bytes = static_cast<const uint8_t *>(arg);
+    return std::vector<uint8_t>(bytes, bytes + size);
+}
+
+// Non-blocking mode set through the generic request rather than fcntl.
+int set_nonblocking(OpenFile &file, const void *arg, LogNote *note)
+{
+    if (!arg)
+        return EFAULT;
+    int on = *static_cast<const int *>(arg);
+    file.flags = on ? (file.flags | O_NONBLOCK) : (file.flags & ~O_NONBLOCK);
+    note->detail = on ? "on" : "off";
+    return 0;
+}
+
+// The driver's answer; called with the lock held, returns with it held.
+int answer(CoreLock &held, OpenFile &file, uint32_t request, void *arg, LogNote *note)
+{
+    if (request == FIONBIO && file.node >= 0)
+        return set_nonblocking(file, arg, note);
+    // An exported buffer or a node that is a plain file has no driver.
+    if (file.node < 0 || file.plain)
+        return ENOTTY;
+    int err = 0;
+    if (file.node == kMiscNode) {
+        held.unlock();
+        bool known = handle_misc_request(request, arg, &err, note);
+        held.lock();
+        return known ? err : ENOTTY;
+    }
+    if (handle_video_request(held, file.node, file, request, arg, &err, note))
+        return err;
+    held.unlock();
+    bool known = handle_control_request(camera_of_node(file.node), request, arg, &err, note);
+    held.lock();
+    return known ? err : ENOTTY;
+}
+
+} // namespace
+
+int dispatch_ioctl(int fd, uint32_t request, void *arg, bool *handled)
+{
+    if (fd == -1 && request == kProbeRequest && arg) {
+        *handled = true;
+        std::memcpy(arg, &kProbeAnswer, sizeof kProbeAnswer);
+        return 0;
+    }
+    if (fd < 0)
+        return 0;
+    State &s = state();
+    CoreLock held;
+    std::shared_ptr<OpenFile> file = find_descriptor(s, fd);
+    if (!file)
+        return 0;
+    *handled = true;
+    LogEntry entry{file->path, request, request_name(request), "", raw_record(request, arg), 0};
+    LogNote note;
+    int err = take_fault(s, request, file->path);
+    if (!err)
+        err = answer(held, *file, request, arg, &note);
+    entry.detail = std::move(note.detail);
+    if (note.raw_set)
+        entry.raw = std::move(note.raw);
+    entry.error = err;
+    append_log(s, std::move(entry));
+    if (err) {
+        errno = err;
+        return -1;
+    }
+    return 0;
+}
+
+} // namespace zsim::detail

@@ -1,0 +1,165 @@
+/*
+ * real_libc.cpp - finds the C library's entry points behind the interposed
+ * ones, once, with a per-thread guard against re-entry during the lookup.
+ */
+#include "real_libc.h"
+
+#include <atomic>
+#include <cerrno>
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace zsim::real {
+namespace {
+
+__attribute__((tls_model("initial-exec"))) thread_local bool resolving = false;
+
+// The real symbol, or nullptr while this thread is inside dlsym (the caller
+// then issues the system call itself).
+void *lookup(std::atomic<void *> &slot, const char *name)
+{
+    void *found = slot.load(std::memory_order_acquire);
+    if (found || resolving)
+        return found;
+    resolving = true;
+    found = dlsym(RTLD_NEXT, name);
+    resolving = false;
+    slot.store(found, std::memory_order_release);
+    return found;
+}
+
+#define REAL(name, type)                                                                           \
+    static std::atomic<void *> slot_##name{nullptr};                                               \
+    auto name##_fn = reinterpret_cast<type>(lookup(slot_##name, #name))
+
+} // namespace
+
+int openat(int dirfd, const char *path, int flags, mode_t mode)
+{
+    REAL(openat, int (*)(int, const char *, int, ...));
+    if (openat_fn)
+        return openat_fn(dirfd, path, flags, mode);
+    return int(syscall(SYS_openat, dirfd, path, flags, mode));
+}
+
+int close(int fd)
+{
+    REAL(close, int (*)(int));
+    if (close_fn)
+        return close_fn(fd);
+    return int(syscall(SYS_close, fd));
+}
+
+int fstatat(int dirfd, const char *path, struct stat *st, int flags)
+{
+    REAL(fstatat, int (*)(int, const char *, struct stat *, int));
+    if (fstatat_fn)
+        return fstatat_fn(dirfd, path, st, flags);
+    return int(syscall(SYS_newfstatat, dirfd, path, st, flags));
+}
+
+int statx(int dirfd, const char *path, int flags, unsigned mask, struct statx *st)
+{
+    REAL(statx, int (*)(int, const char *, int, unsigned, struct statx *));
+    if (statx_fn)
+        return statx_fn(dirfd, path, flags, mask, st);
+    return int(syscall(SYS_statx, dirfd, path, flags, mask, st));
+}
+
+int dup(int fd)
+{
+    REAL(dup, int (*)(int));
+    if (dup_fn)
+        return dup_fn(fd);
+    return int(syscall(SYS_dup, fd));
+}
+
+int dup3(int oldfd, int newfd, int flags)
+{
+    if (flags == 0) {
+        REAL(dup2, int (*)(int, int));
+        if (dup2_fn)
+            return dup2_fn(oldfd, newfd);
+        if (oldfd == newfd)
+            return int(syscall(SYS_fcntl, oldfd, F_GETFD)) < 0 ? -1 : newfd;
+        return int(syscall(SYS_dup3, oldfd, newfd, 0));
+    }
+    REAL(dup3, int (*)(int, int, int));
+    if (dup3_fn)
+        return dup3_fn(oldfd, newfd, flags);
+    return int(syscall(SYS_dup3, oldfd, newfd, flags));
+}
+
+int fcntl(int fd, int cmd, unsigned long arg)
+{
+    REAL(fcntl, int (*)(int, int, ...));
+    if (fcntl_fn)
+        return fcntl_fn(fd, cmd, arg);
+    return int(syscall(SYS_fcntl, fd, cmd, arg));
+}
+
+int ioctl(int fd, unsigned long request, void *arg)
+{
+    REAL(ioctl, int (*)(int, unsigned long, ...));
+    if (ioctl_fn)
+        return ioctl_fn(fd, request, arg);
+    return int(syscall(SYS_ioctl, fd, request, arg));
+}
+
+void *mmap(void *addr, size_t length, int prot, int flags, int fd, off_t offset)
+{
+    REAL(mmap, void *(*)(void *, size_t, int, int, int, off_t));
+    if (mmap_fn)
+        return mmap_fn(addr, length, prot, flags, fd, offset);
+    return reinterpret_cast<void *>(syscall(SYS_mmap, addr, length, prot, flags, fd, offset));
+}
+
+int munmap(void *addr, size_t length)
+{
+    REAL(munmap, int (*)(void *, size_t));
+    if (munmap_fn)
+        return munmap_fn(addr, length);
+    return int(syscall(SYS_munmap, addr, length));
+}
+
+FILE *fopen(const char *path, const char *mode)
+{
+    REAL(fopen, FILE *(*)(const char *, const char *));
+    if (fopen_fn)
+        return fopen_fn(path, mode);
+    errno = EAGAIN; // a stream cannot be built from a bare system call
+    return nullptr;
+}
+
+ssize_t getxattr(const char *path, const char *name, void *value, size_t size, bool nofollow)
+{
+    if (nofollow) {
+        REAL(lgetxattr, ssize_t (*)(const char *, const char *, void *, size_t));
+        if (lgetxattr_fn)
+            return lgetxattr_fn(path, name, value, size);
+        return ssize_t(syscall(SYS_lgetxattr, path, name, value, size));
+    }
+    REAL(getxattr, ssize_t (*)(const char *, const char *, void *, size_t));
+    if (getxattr_fn)
+        return getxattr_fn(path, name, value, size);
+    return ssize_t(syscall(SYS_getxattr, path, name, value, size));
+}
+
+ssize_t listxattr(const char *path, char *list, size_t size, bool nofollow)
+{
+    if (nofollow) {
+        REAL(llistxattr, ssize_t (*)(const char *, char *, size_t));
+        if (llistxattr_fn)
+            return llistxattr_fn(path, list, size);
+        return ssize_t(syscall(SYS_llistxattr, path, list, size));
+    }
+    REAL(listxattr, ssize_t (*)(const char *, char *, size_t));
+    if (listxattr_fn)
+        return listxattr_fn(path, list, size);
+    return ssize_t(syscall(SYS_listxattr, path, list, size));
+}
+
+} // namespace zsim::real

@@ -1,0 +1,146 @@
+/*
+ * state.cpp - the simulator's one state and its lock, start-up from the
+ * configuration file named in the environment, the defaults a test starts
+ * from, and the questions a test asks about the process (is the simulator
+ * in front of libc, what does the program still hold).
+ */
+#include <cstdio>
+#include <cstdlib>
+
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include "core.h"
+
+namespace zsim::detail {
+namespace {
+
+__attribute__((tls_model("initial-exec"))) thread_local int lock_depth = 0;
+
+} // namespace
+
+void apply_defaults(State &s)
+{
+    for (int c = 0; c < kCameras; ++c) {
+        s.cameras[c] = Camera();
+        s.cameras[c].present = c < 4;
+    }
+    reset_nodes(s);
+    s.log.clear();
+    s.faults.clear();
+}
+
+State &state()
+{
+    static State *const instance = [] {
+        State *s = new State();
+        apply_defaults(*s);
+        return s;
+    }();
+    return *instance;
+}
+
+bool inside_core() { return lock_depth > 0; }
+
+CoreLock::CoreLock() : guard_(state().lock) { ++lock_depth; }
+
+CoreLock::~CoreLock()
+{
+    if (guard_.owns_lock())
+        --lock_depth;
+}
+
+void CoreLock::unlock()
+{
+    guard_.unlock();
+    --lock_depth;
+}
+
+void CoreLock::lock()
+{
+    guard_.lock();
+    ++lock_depth;
+}
+
+bool camera_present(int camera)
+{
+    if (camera < 0 || camera >= kCameras)
+        return false;
+    CoreLock held;
+    return state().cameras[camera].present;
+}
+
+namespace {
+
+// A program run through LD_PRELOAD is configured by the file named in
+// ZELISP_SIM_CONFIG before its main() starts.
+__attribute__((constructor)) void load_environment_config()
+{
+    const char *path = std::getenv("ZELISP_SIM_CONFIG");
+    if (!path || !*path)
+        return;
+    std::string error;
+    if (!load_config(path, &error))
+        std::fprintf(stderr, "zelisp-sim: %s: %s\n", path, error.c_str());
+}
+
+// The hardware thread must not outlive the library it runs in.
+__attribute__((destructor)) void stop_hardware_thread()
+{
+    State &s = state();
+    std::thread hardware;
+    {
+        CoreLock held;
+        s.stopping = true;
+        hardware.swap(s.hardware);
+    }
+    s.wake.notify_all();
+    if (!hardware.joinable())
+        return;
+    if (s.hardware_pid == getpid())
+        hardware.join();
+    else
+        new std::thread(std::move(hardware)); // a forked child has no such thread
+
+}
+
+} // namespace
+} // namespace zsim::detail
+
+namespace zsim {
+
+using namespace detail;
+
+bool active()
+{
+    // Ask the ioctl the process resolves (which may be a sanitizer's, in
+    // front of ours) whether it reaches the simulator.
+    using IoctlFn = int (*)(int, unsigned long, ...);
+    auto process_ioctl = reinterpret_cast<IoctlFn>(dlsym(RTLD_DEFAULT, "ioctl"));
+    uint32_t answer = 0;
+    return process_ioctl && process_ioctl(-1, kProbeRequest, &answer) == 0 && answer == kProbeAnswer;
+}
+
+void reset()
+{
+    {
+        CoreLock held;
+        apply_defaults(state());
+    }
+    reset_controls();
+    reset_misc();
+}
+
+size_t live_descriptors()
+{
+    CoreLock held;
+    return state().descriptors.size();
+}
+
+size_t live_mappings()
+{
+    CoreLock held;
+    return state().mappings.size();
+}
+
+} // namespace zsim

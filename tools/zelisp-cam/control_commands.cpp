@@ -76,6 +76,16 @@ int run_set(const ControlOptions &options)
             context += " (" + std::string(control->values) + ")";
         return report_failure(context, result);
     }
+    // Read the value back: the driver may keep something else than what
+    // was sent, and this is what the camera now uses.
+    if (control->read == nullptr)
+        return kExitOk;
+    std::string value;
+    result = control->read(camera.get(), &value);
+    if (result != ISP_OK)
+        return report_failure("camera " + std::to_string(options.camera) + ": reading " + control->name + " back",
+                              result);
+    printf("%s: %s\n", control->name, value.c_str());
     return kExitOk;
 }
 
@@ -106,7 +116,10 @@ void add_set_command(CLI::App &app, int *status)
 {
     auto options = std::make_shared<ControlOptions>();
     CLI::App *set = add_control_command(
-        app, "set", "Set one control of a camera. Values are decimal, 0x hexadecimal, or on/off.", options);
+        app, "set",
+        "Set one control of a camera and print \"NAME: VALUE\" as read back. Values are decimal, 0x hexadecimal, "
+        "or on/off.",
+        options);
     set->add_option("values", options->values, "The control's value(s), as listed under CONTROL");
     set->callback([options, status] { *status = run_set(*options); });
 }

@@ -68,12 +68,33 @@ bool paintable(const ViewFormat &format, size_t length)
     return known(format.fourcc) && format.width > 0 && format.height > 0 && length >= image_size(format);
 }
 
-void fill_pairs(uint8_t *out, size_t pairs, uint8_t first, uint8_t second)
+// Fills size bytes with a repeated pattern of unit bytes: the pattern once,
+// then doubling copies, which run at memcpy speed for any pattern length.
+void fill_pattern(uint8_t *out, size_t size, const uint8_t *pattern, size_t unit)
 {
-    for (size_t i = 0; i < pairs; ++i) {
-        out[2 * i] = first;
-        out[2 * i + 1] = second;
+    if (size < unit)
+        return;
+    memcpy(out, pattern, unit);
+    size_t done = unit;
+    while (done < size) {
+        const size_t chunk = std::min(done, size - done);
+        memcpy(out + done, out, chunk);
+        done += chunk;
     }
+}
+
+// Fills rows [y0, y1) of a plane whose rows are stride bytes apart, from
+// byte offset x0 to x1 of each row, with a pattern: the first row is built,
+// the others copied from it.
+void fill_rows(uint8_t *plane, size_t stride, size_t x0, size_t x1, uint32_t y0, uint32_t y1,
+               const uint8_t *pattern, size_t unit)
+{
+    if (y0 >= y1 || x0 >= x1)
+        return;
+    uint8_t *first = plane + y0 * stride + x0;
+    fill_pattern(first, x1 - x0, pattern, unit);
+    for (uint32_t y = y0 + 1; y < y1; ++y)
+        memcpy(plane + y * stride + x0, first, x1 - x0);
 }
 
 // Fills the rectangle [x0, x1) x [y0, y1) with one colour. x0, x1, y0 and y1
@@ -87,41 +108,24 @@ void fill_rect(uint8_t *plane, const ViewFormat &format, uint32_t x0, uint32_t y
     case kGREY:
     case kNV12:
     case kNV21:
-        for (uint32_t y = y0; y < y1; ++y)
-            memset(plane + y * w + x0, colour.y, x1 - x0);
+        fill_rows(plane, w, x0, x1, y0, y1, &colour.y, 1);
         if (format.fourcc != kGREY) {
-            uint8_t *chroma = plane + w * format.height;
-            const uint8_t first = format.fourcc == kNV12 ? colour.u : colour.v;
-            const uint8_t second = format.fourcc == kNV12 ? colour.v : colour.u;
-            for (uint32_t y = y0 / 2; y < y1 / 2; ++y)
-                fill_pairs(chroma + y * (w & ~size_t(1)) + (x0 & ~1u), (x1 - (x0 & ~1u)) / 2, first, second);
+            const uint8_t pair[2] = {format.fourcc == kNV12 ? colour.u : colour.v,
+                                     format.fourcc == kNV12 ? colour.v : colour.u};
+            // Interleaved chroma: one pair per 2 x 2 pixels.
+            fill_rows(plane + w * format.height, w & ~size_t(1), x0 & ~1u, x1 & ~1u, y0 / 2, y1 / 2, pair, 2);
         }
         break;
-    case kYUYV:
-        for (uint32_t y = y0; y < y1; ++y) {
-            uint8_t *row = plane + (y * w + (x0 & ~1u)) * 2;
-            for (uint32_t x = x0 & ~1u; x + 2 <= x1 && x + 2 <= format.width; x += 2, row += 4) {
-                row[0] = colour.y;
-                row[1] = colour.u;
-                row[2] = colour.y;
-                row[3] = colour.v;
-            }
-        }
+    case kYUYV: {
+        const uint8_t quad[4] = {colour.y, colour.u, colour.y, colour.v};
+        fill_rows(plane, w * 2, (x0 & ~1u) * 2, (x1 & ~1u) * 2, y0, y1, quad, 4);
         break;
-    case kRGB24:
-        for (uint32_t y = y0; y < y1; ++y) {
-            uint8_t *row = plane + (y * w + x0) * 3;
-            if (colour.r == colour.g && colour.g == colour.b) {
-                memset(row, colour.r, (x1 - x0) * 3);
-                continue;
-            }
-            for (uint32_t x = x0; x < x1; ++x, row += 3) {
-                row[0] = colour.r;
-                row[1] = colour.g;
-                row[2] = colour.b;
-            }
-        }
+    }
+    case kRGB24: {
+        const uint8_t rgb[3] = {colour.r, colour.g, colour.b};
+        fill_rows(plane, w * 3, x0 * 3, x1 * 3, y0, y1, rgb, 3);
         break;
+    }
     }
 }
 

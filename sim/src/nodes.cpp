@@ -156,7 +156,8 @@ void set_camera(int camera, const CameraConfig &config)
     CoreLock held;
     State &s = state();
     Camera &cam = s.cameras[camera];
-    if (!cam.present)
+    // The selected combination survives a reconfiguration it still fits.
+    if (!cam.present || (cam.input & ~config.supported_combination))
         cam.input = config.supported_combination;
     cam.present = true;
     cam.config = config;

@@ -1,0 +1,46 @@
+/*
+ * runner_command.h - runs a shell command through zelisp-sim-run for the
+ * simulator's tests that drive whole programs.
+ */
+#ifndef ZELISP_TESTS_SIM_RUNNER_COMMAND_H
+#define ZELISP_TESTS_SIM_RUNNER_COMMAND_H
+
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+
+#include "zelisp_sim/sim.h"
+
+namespace zelisp_test {
+
+// The runner sits next to the simulator library in the build tree; empty
+// when it is not there.
+inline std::string RunnerPath()
+{
+    Dl_info info{};
+    if (!dladdr(reinterpret_cast<void *>(&zsim::reset), &info) || !info.dli_fname)
+        return "";
+    std::string path = info.dli_fname;
+    path = path.substr(0, path.rfind('/') + 1) + "zelisp-sim-run";
+    return access(path.c_str(), X_OK) == 0 ? path : "";
+}
+
+// Runs command with sh, collecting standard output and error; returns the
+// wait status.
+inline int RunCommand(const std::string &command, std::string *output)
+{
+    output->clear();
+    FILE *pipe = popen((command + " 2>&1").c_str(), "r");
+    if (!pipe)
+        return -1;
+    char chunk[512];
+    while (fgets(chunk, sizeof chunk, pipe))
+        *output += chunk;
+    return pclose(pipe);
+}
+
+} // namespace zelisp_test
+
+#endif

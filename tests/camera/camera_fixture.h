@@ -1,7 +1,7 @@
 /*
  * camera_fixture.h - what the camera tests share: cameras opened, set up or
- * streaming on the simulated driver (closed again at the end of each test),
- * a look inside the camera object, and readers for the driver's log.
+ * streaming on the simulated driver (closed at the end of each test), a look
+ * inside the camera object, scripted frames and the driver's request log.
  */
 #ifndef ZELISP_TESTS_CAMERA_FIXTURE_H
 #define ZELISP_TESTS_CAMERA_FIXTURE_H
@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -26,8 +27,6 @@ protected:
             isp_close_video(handle);
         SimTest::TearDown();
     }
-
-    // Opened camera (closed by TearDown); fails the test when refused.
     unsigned long Open(uint32_t camera = 0, int32_t mode = 1)
     {
         unsigned long handle = isp_open_video(camera, mode);
@@ -36,13 +35,13 @@ protected:
             handles_.push_back(handle);
         return handle;
     }
-    unsigned long Inited(uint32_t combination = 7, int32_t buffers = 4, int32_t mode = 1)
+    unsigned long Inited(uint32_t combination = 7, int32_t buffers = 4, uint32_t camera = 0)
     {
-        unsigned long handle = Open(0, mode);
+        unsigned long handle = Open(camera);
         EXPECT_EQ(isp_init_video(handle, combination, buffers), ISP_OK);
         return handle;
     }
-    // Streaming with scripted frames on node 0.
+    // Streaming camera 0 on scripted frames.
     unsigned long Capturing(uint32_t combination = 7, int32_t buffers = 4)
     {
         zsim::set_frame_mode(0, zsim::FrameMode::Scripted);
@@ -50,7 +49,6 @@ protected:
         EXPECT_EQ(isp_start_capture(handle), ISP_OK);
         return handle;
     }
-    // Closes a camera opened by this fixture before the end of the test.
     int Close(unsigned long handle)
     {
         handles_.erase(std::find(handles_.begin(), handles_.end(), handle));
@@ -61,7 +59,21 @@ protected:
     std::vector<unsigned long> handles_;
 };
 
-// Scripted frame with sequence and capture time (µs) on node 0.
+// A call's result with what it printed on each stream.
+struct Call {
+    int result;
+    std::string out;
+    std::string err;
+};
+inline Call Captured(const std::function<int()> &call)
+{
+    OutputCapture output;
+    int result = call();
+    output.Stop();
+    return {result, output.out(), output.err()};
+}
+
+// Scripted frame on node 0: sequence and capture time in µs.
 inline void Push(uint32_t sequence, uint64_t time_us)
 {
     zsim::ScriptedFrame frame;
@@ -76,24 +88,13 @@ std::vector<Record> Sent(unsigned long request)
 {
     std::vector<Record> records;
     for (const zsim::LogEntry &entry : zsim::requests(uint32_t(request))) {
-        Record record;
-        std::memset(&record, 0, sizeof(record));
+        Record record{};
         std::memcpy(&record, entry.raw.data(), std::min(entry.raw.size(), sizeof(record)));
         records.push_back(record);
     }
     return records;
 }
 
-// Names of the driver requests in the order they arrived.
-inline std::vector<std::string> RequestNames()
-{
-    std::vector<std::string> names;
-    for (const zsim::LogEntry &entry : zsim::request_log())
-        names.push_back(entry.name);
-    return names;
-}
-
-// perror's line for label under errno err.
 inline std::string Perror(const std::string &label, int err) { return label + ": " + ErrorText(err) + "\n"; }
 
 } // namespace zelisp_test

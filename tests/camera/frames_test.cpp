@@ -22,51 +22,35 @@ std::vector<uint32_t> QueuedIndices()
     return indices;
 }
 
-TEST_F(Frames, StartQueuesEveryBufferThenStreamsAndStopReturnsToInited)
+TEST_F(Frames, StartQueuesEveryBufferAndFailuresKeepTheState)
 {
-    unsigned long handle = Inited(7, 4);
-    zsim::clear_log();
-    OutputCapture output;
-    ASSERT_EQ(isp_start_capture(handle), ISP_OK);
-    EXPECT_EQ(isp_start_capture(handle), ISP_ERR_STATE);
-    ASSERT_EQ(isp_stop_capture(handle), ISP_OK);
-    EXPECT_EQ(isp_stop_capture(handle), ISP_ERR_STATE);
-    zelvideo::_isp_buf_t frame;
-    EXPECT_EQ(isp_get_frame_buf(handle, &frame, 0), ISP_ERR_STATE); // silent
-    EXPECT_EQ(isp_put_frame_buf_by_index(handle, 0), ISP_ERR_STATE);
-    output.Stop();
-    EXPECT_EQ(output.out(), "StartCapture: bad state 4\nStopCapture: bad state 2\nPutFrame: bad state 2\n");
-    EXPECT_EQ(RequestNames(), (std::vector<std::string>{"VIDIOC_QBUF", "VIDIOC_QBUF", "VIDIOC_QBUF", "VIDIOC_QBUF",
-                                                        "VIDIOC_STREAMON", "VIDIOC_STREAMOFF"}));
-    EXPECT_EQ(QueuedIndices(), (std::vector<uint32_t>{0, 1, 2, 3}));
-    EXPECT_EQ(isp_start_capture(0), ISP_ERR_INVALID);
-    EXPECT_EQ(isp_get_frame_buf(handle, nullptr, 0), ISP_ERR_INVALID);
-}
-
-TEST_F(Frames, StreamingFailuresSayWhatAndKeepTheState)
-{
-    unsigned long queue_fails = Inited(7, 4);
-    unsigned long on_fails = Open(1);
-    unsigned long off_fails = Open(2);
-    ASSERT_EQ(isp_init_video(on_fails, 7, 3), ISP_OK);
-    ASSERT_EQ(isp_init_video(off_fails, 7, 3), ISP_OK);
+    unsigned long queue_fails = Inited(7, 4, 0);
+    unsigned long on_fails = Inited(7, 3, 1);
+    unsigned long off_fails = Inited(7, 3, 2);
     ASSERT_EQ(isp_start_capture(off_fails), ISP_OK);
     zsim::fail_request(VIDIOC_QBUF, 3, EIO, "/dev/video0");
     zsim::fail_request(VIDIOC_STREAMON, 1, EIO, "/dev/video1");
     zsim::fail_request(VIDIOC_STREAMOFF, 1, EIO, "/dev/video2");
     zsim::clear_log();
-    OutputCapture output;
-    EXPECT_EQ(isp_start_capture(queue_fails), ISP_ERR_REQUEST);
-    EXPECT_EQ(isp_start_capture(on_fails), ISP_ERR_REQUEST);
-    EXPECT_EQ(isp_stop_capture(off_fails), ISP_ERR_REQUEST);
-    output.Stop();
-    EXPECT_EQ(output.out(), "/dev/video0 queue buffer 2 failed\n"
-                            "/dev/video1 stream on failed\n"
-                            "/dev/video2stream off failed\n");
+    Call call = Captured([&] {
+        EXPECT_EQ(isp_start_capture(queue_fails), ISP_ERR_REQUEST);
+        EXPECT_EQ(isp_start_capture(on_fails), ISP_ERR_REQUEST);
+        EXPECT_EQ(isp_start_capture(off_fails), ISP_ERR_STATE);
+        EXPECT_EQ(isp_put_frame_buf_by_index(on_fails, 0), ISP_ERR_STATE);
+        return isp_stop_capture(off_fails);
+    });
+    EXPECT_EQ(call.result, ISP_ERR_REQUEST);
+    EXPECT_EQ(call.out, "/dev/video0 queue buffer 2 failed\n"
+                        "/dev/video1 stream on failed\n"
+                        "StartCapture: bad state 4\n"
+                        "PutFrame: bad state 2\n"
+                        "/dev/video2stream off failed\n");
     EXPECT_EQ(QueuedIndices(), (std::vector<uint32_t>{0, 1, 2, 0, 1, 2}));
-    EXPECT_EQ(Video(queue_fails).state, uint32_t(zelisp::VIDEO_INITED));
     EXPECT_EQ(Video(on_fails).state, uint32_t(zelisp::VIDEO_INITED));
     EXPECT_EQ(Video(off_fails).state, uint32_t(zelisp::VIDEO_CAPTURING));
+    zsim::clear_faults();
+    ASSERT_EQ(isp_stop_capture(off_fails), ISP_OK);
+    EXPECT_EQ(Captured([&] { return isp_stop_capture(off_fails); }).out, "StopCapture: bad state 2\n");
 }
 
 TEST_F(Frames, TimeLimitZeroPositiveAndNegative)
@@ -76,10 +60,7 @@ TEST_F(Frames, TimeLimitZeroPositiveAndNegative)
     EXPECT_EQ(isp_get_frame_buf(handle, &frame, 0), ISP_ERR_NOT_READY);
     auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(isp_get_frame_buf(handle, &frame, 100), ISP_ERR_TIMEOUT);
-    auto waited = std::chrono::steady_clock::now() - start;
-    EXPECT_GE(waited, std::chrono::milliseconds(95));
-    EXPECT_LT(waited, std::chrono::seconds(10));
-
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(95));
     std::thread hardware([] {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
         Push(1, 1000000);
@@ -87,35 +68,35 @@ TEST_F(Frames, TimeLimitZeroPositiveAndNegative)
     EXPECT_EQ(isp_get_frame_buf(handle, &frame, -1), ISP_OK);
     hardware.join();
     EXPECT_EQ(frame.views[0].sequence, 1u);
+    EXPECT_EQ(isp_get_frame_buf(handle, nullptr, 0), ISP_ERR_INVALID);
 }
 
 TEST_F(Frames, FrameMustFollowTheLastAcceptedInSequenceAndTime)
 {
     unsigned long handle = Capturing(1, 4);
-    zelvideo::_isp_buf_t frame;
-    Push(7, 1000000);                       // first frame: accepted unconditionally
-    Push(8, 1011999);                       // 11999 us later: refused
-    Push(8, 1012000);                       // 12000 us later: accepted
-    Push(8, 2000000);                       // same sequence: refused
-    Push(9, 1000500);                       // earlier than the last accepted frame: refused
+    Push(7, 1000000); // first frame: accepted unconditionally
+    Push(8, 1011999); // 11999 us later: refused
+    Push(8, 1012000); // 12000 us later: accepted
+    Push(8, 2000000); // same sequence: refused
+    Push(9, 1000500); // earlier than the last accepted frame: refused
     Push(9, 2000000);
-    int results[6];
-    OutputCapture output;
-    for (int &result : results) {
-        result = isp_get_frame_buf(handle, &frame, kWaitMs);
-        if (result == ISP_OK) {
-            ASSERT_EQ(isp_put_frame_buf(handle, &frame), ISP_OK);
+    std::vector<int> results;
+    zelvideo::_isp_buf_t frame;
+    Call call = Captured([&] {
+        for (int i = 0; i < 6; ++i) {
+            results.push_back(isp_get_frame_buf(handle, &frame, kWaitMs));
+            if (results.back() == ISP_OK) {
+                EXPECT_EQ(isp_put_frame_buf(handle, &frame), ISP_OK);
+            }
         }
-    }
-    output.Stop();
-    EXPECT_EQ(std::vector<int>(results, results + 6),
-              (std::vector<int>{ISP_OK, ISP_ERR_REQUEST, ISP_OK, ISP_ERR_REQUEST, ISP_ERR_REQUEST, ISP_OK}));
-    EXPECT_EQ(output.out(), "/dev/video0ERROR: buf_ts = 1011999seq = 8mlast = 1000000last seq = 7\n"
-                            "/dev/video0 ERROR: frame sequencecur seq = 8last seq = 8\n"
-                            "/dev/video0ERROR: buf_ts = 1000500seq = 9mlast = 1012000last seq = 8\n");
+        return 0;
+    });
+    EXPECT_EQ(results, (std::vector<int>{0, ISP_ERR_REQUEST, 0, ISP_ERR_REQUEST, ISP_ERR_REQUEST, 0}));
+    EXPECT_EQ(call.out, "/dev/video0ERROR: buf_ts = 1011999seq = 8mlast = 1000000last seq = 7\n"
+                        "/dev/video0 ERROR: frame sequencecur seq = 8last seq = 8\n"
+                        "/dev/video0ERROR: buf_ts = 1000500seq = 9mlast = 1012000last seq = 8\n");
     EXPECT_EQ(frame.views[0].sequence, 9u);
     EXPECT_EQ(frame.views[0].timestamp, 2000000u);
-    EXPECT_EQ(Video(handle).last_sequence, 9u);
     EXPECT_EQ(zsim::counters(0).delivered, 6u);
 }
 
@@ -125,21 +106,19 @@ TEST_F(Frames, HistorySurvivesStopAndStartAndSequenceZeroSkipsTheCheck)
     zelvideo::_isp_buf_t frame;
     Push(0, 5000000);
     Push(0, 5040000); // last_sequence is still 0: only the time is checked
-    for (int i = 0; i < 2; ++i) {
-        ASSERT_EQ(isp_get_frame_buf(handle, &frame, kWaitMs), ISP_OK);
-        ASSERT_EQ(isp_put_frame_buf(handle, &frame), ISP_OK);
-    }
     Push(5, 5080000);
-    ASSERT_EQ(isp_get_frame_buf(handle, &frame, kWaitMs), ISP_OK); // held across the stop
+    for (int i = 0; i < 3; ++i)
+        ASSERT_EQ(isp_get_frame_buf(handle, &frame, kWaitMs), ISP_OK); // all held across the stop
     ASSERT_EQ(isp_stop_capture(handle), ISP_OK);
     ASSERT_EQ(isp_start_capture(handle), ISP_OK);
     Push(1, 9000000); // a driver that restarted its count
     Push(6, 9040000);
-    OutputCapture output;
-    EXPECT_EQ(isp_get_frame_buf(handle, &frame, kWaitMs), ISP_ERR_REQUEST);
-    EXPECT_EQ(isp_get_frame_buf(handle, &frame, kWaitMs), ISP_OK);
-    output.Stop();
-    EXPECT_EQ(output.out(), "/dev/video0 ERROR: frame sequencecur seq = 1last seq = 5\n");
+    Call call = Captured([&] {
+        EXPECT_EQ(isp_get_frame_buf(handle, &frame, kWaitMs), ISP_ERR_REQUEST);
+        return isp_get_frame_buf(handle, &frame, kWaitMs);
+    });
+    EXPECT_EQ(call.result, ISP_OK);
+    EXPECT_EQ(call.out, "/dev/video0 ERROR: frame sequencecur seq = 1last seq = 5\n");
     EXPECT_EQ(frame.views[0].sequence, 6u);
 }
 
@@ -154,40 +133,35 @@ TEST_F(Frames, PlanesFillTheEntriesOfTheirViews)
     scripted.plane_length[1] = 2000;
     zsim::push_frame(0, scripted);
     zelvideo::_isp_buf_t frame;
-    std::memset(&frame, 0xEE, sizeof(frame));
     ASSERT_EQ(isp_get_frame_buf(handle, &frame, kWaitMs), ISP_OK);
-    const zelisp::IspVideo &video = Video(handle);
-    EXPECT_EQ(std::memcmp(&frame, &video.buffers[frame.index], sizeof(frame)), 0);
+    EXPECT_EQ(std::memcmp(&frame, &Video(handle).buffers[frame.index], sizeof(frame)), 0);
     EXPECT_EQ(frame.views[1].length, 1000u);
     EXPECT_EQ(frame.views[2].length, 2000u);
     for (int view : {1, 2}) {
         EXPECT_EQ(frame.views[view].sequence, 3u);
         EXPECT_EQ(frame.views[view].timestamp, 7000123u);
         EXPECT_EQ(frame.views[view].driver_data, 0xC0FFEEu);
-        EXPECT_EQ(frame.views[view].index, frame.index);
     }
     EXPECT_EQ(frame.views[0].addr, nullptr);
     EXPECT_EQ(frame.views[0].sequence, 0u);
-    EXPECT_EQ(isp_put_frame_buf(handle, &frame), ISP_OK);
 }
 
 TEST_F(Frames, PutBackChecksOnlyWhatTheDriverCannot)
 {
     unsigned long handle = Capturing(7, 4);
     zsim::clear_log();
-    zelvideo::_isp_buf_t frame = {};
-    OutputCapture output;
-    EXPECT_EQ(isp_put_frame_buf_by_index(handle, 4), ISP_ERR_INVALID);
-    EXPECT_EQ(isp_put_frame_buf_by_index(handle, -1), ISP_ERR_INVALID);
-    EXPECT_TRUE(zsim::requests(VIDIOC_QBUF).empty());
-    frame.index = 4;
-    EXPECT_EQ(isp_put_frame_buf(handle, &frame), ISP_ERR_REQUEST); // unknown to the driver
-    frame.index = 1;
-    EXPECT_EQ(isp_put_frame_buf(handle, &frame), ISP_ERR_REQUEST); // already queued
-    EXPECT_EQ(isp_put_frame_buf_by_index(handle, 2), ISP_ERR_REQUEST);
-    output.Stop();
-    EXPECT_EQ(output.out(), "/dev/video0 put frame failed\n/dev/video0 put frame failed\n"
-                            "/dev/video0 put frame failed\n");
+    zelvideo::_isp_buf_t unknown = {}, queued = {};
+    unknown.index = 4;
+    queued.index = 1;
+    Call call = Captured([&] {
+        EXPECT_EQ(isp_put_frame_buf_by_index(handle, 4), ISP_ERR_INVALID);
+        EXPECT_EQ(isp_put_frame_buf_by_index(handle, -1), ISP_ERR_INVALID);
+        EXPECT_EQ(isp_put_frame_buf(handle, &unknown), ISP_ERR_REQUEST);
+        EXPECT_EQ(isp_put_frame_buf(handle, &queued), ISP_ERR_REQUEST);
+        return isp_put_frame_buf_by_index(handle, 2);
+    });
+    EXPECT_EQ(call.result, ISP_ERR_REQUEST);
+    EXPECT_EQ(call.out, "/dev/video0 put frame failed\n/dev/video0 put frame failed\n/dev/video0 put frame failed\n");
     EXPECT_EQ(QueuedIndices(), (std::vector<uint32_t>{4, 1, 2}));
 }
 
@@ -197,10 +171,9 @@ TEST_F(Frames, DequeueFailureIsReportedAndCloseWhileStreamingReleasesAll)
     Push(1, 1000000);
     zsim::fail_request(VIDIOC_DQBUF, 1, EIO);
     zelvideo::_isp_buf_t frame;
-    OutputCapture output;
-    EXPECT_EQ(isp_get_frame_buf(handle, &frame, kWaitMs), ISP_ERR_REQUEST);
-    output.Stop();
-    EXPECT_EQ(output.out(), "/dev/video0 get frame failed\n");
+    Call call = Captured([&] { return isp_get_frame_buf(handle, &frame, kWaitMs); });
+    EXPECT_EQ(call.result, ISP_ERR_REQUEST);
+    EXPECT_EQ(call.out, "/dev/video0 get frame failed\n");
     ASSERT_EQ(isp_get_frame_buf(handle, &frame, kWaitMs), ISP_OK);
     EXPECT_EQ(Close(handle), ISP_OK); // holding a frame, streaming on
     EXPECT_TRUE(zsim::requests(VIDIOC_STREAMOFF).empty());

@@ -85,7 +85,7 @@ int run_info(const InfoOptions &options)
     for (const Control &control : controls()) {
         std::string value;
         if (control.read == nullptr) {
-            printf("  %-11s (set only) %s\n", control.name, control.values);
+            printf("  %-11s (set only)\n", control.name);
             continue;
         }
         result = control.read(camera.get(), &value);

@@ -7,8 +7,8 @@ namespace {
 const char *how(const CaptureRun &run)
 {
     if (run.sets)
-        return "as a group";
-    return run.cameras.size() > 1 ? "with the multi-camera wait" : "";
+        return " as a group";
+    return run.cameras.size() > 1 ? " with the multi-camera wait" : "";
 }
 
 unsigned long long ull(uint64_t value)
@@ -21,7 +21,7 @@ unsigned long long ull(uint64_t value)
 void print_summary(FILE *out, const CaptureRun &run)
 {
     bool decimating = run.options.drop.has_value();
-    fprintf(out, "\nzelisp-cam capture: %zu camera%s %s, %.2f s%s\n", run.cameras.size(),
+    fprintf(out, "\nzelisp-cam capture: %zu camera%s%s, %.2f s%s\n", run.cameras.size(),
             run.cameras.size() == 1 ? "" : "s", how(run), run.seconds, run.interrupted ? " (interrupted)" : "");
     fprintf(out, "%-7s %-13s %8s %8s %8s %8s%s\n", "CAMERA", "NODE", "FRAMES", "FPS", "REFUSED", "DROPPED",
             decimating ? " DECIMATED" : "");

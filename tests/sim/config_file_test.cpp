@@ -74,6 +74,8 @@ TEST_F(ConfigFileTest, GoodFileDescribesCamerasNodesAndPlatform)
           "open_errno = EACCES\n"
           "[node /dev/video7]\n"
           "kind = regular\n"
+          "[node /dev/video17]\n"
+          "kind = missing\n"
           "[platform]\n"
           "valid_camera_count = 12\n");
     std::string error;
@@ -92,7 +94,7 @@ TEST_F(ConfigFileTest, GoodFileDescribesCamerasNodesAndPlatform)
 
     EXPECT_EQ(Kind("/dev/video1"), 0u); // not present any more
     EXPECT_EQ(Kind("/dev/video5"), mode_t(S_IFCHR));
-    EXPECT_EQ(Kind("/dev/video17"), mode_t(S_IFCHR));
+    EXPECT_EQ(Kind("/dev/video17"), 0u); // node settings come after the cameras
     EXPECT_EQ(Kind("/dev/video7"), mode_t(S_IFREG));
     EXPECT_EQ(OpenErrno("/dev/video0"), EACCES);
     EXPECT_EQ(OpenErrno("/dev/video2"), 0);
@@ -132,16 +134,6 @@ TEST_F(ConfigFileTest, ErrorsNameTheLineAndChangeNothing)
     std::string error;
     EXPECT_FALSE(zsim::load_config("/nonexistent/zelisp.ini", &error));
     EXPECT_EQ(error, "/nonexistent/zelisp.ini: cannot open: No such file or directory");
-}
-
-TEST_F(ConfigFileTest, EmptyPresentListRemovesEveryCameraAndNodeKindsApplyLast)
-{
-    Write("[cameras]\npresent =\n[node /dev/video4]\nkind = char\n[node /dev/isp_misc]\nkind = directory\n");
-    std::string error;
-    ASSERT_TRUE(zsim::load_config(path_, &error)) << error;
-    EXPECT_EQ(Kind("/dev/video0"), 0u);
-    EXPECT_EQ(Kind("/dev/video4"), mode_t(S_IFCHR));
-    EXPECT_EQ(Kind("/dev/isp_misc"), mode_t(S_IFDIR));
 }
 
 } // namespace

@@ -1,12 +1,14 @@
-// The simulated sensor's test pattern: sizes per format, the frame number
-// read back in every format and after conversion to RGB, and the per-frame
-// update staying small.
-#include <gtest/gtest.h>
+// The simulated sensor's test pattern: the frame number read back in every
+// format, after conversion to RGB and from a streamed buffer, and the
+// per-frame update staying small.
+#include <sys/mman.h>
 
 #include <algorithm>
 #include <vector>
 
 #include "../../sim/src/sim_internal.h"
+#include "sim_fixture.h"
+#include "video_test_node.h"
 
 namespace {
 
@@ -46,36 +48,20 @@ std::vector<uint8_t> Nv12ToRgb(const std::vector<uint8_t> &nv12, uint32_t width,
     return rgb;
 }
 
-TEST(PatternTest, ImageSizesFollowTheFormats)
-{
-    EXPECT_EQ(image_size({zsim::kNV12, 1920, 1080}), 1920u * 1080 * 3 / 2);
-    EXPECT_EQ(image_size({zsim::kNV21, 640, 360}), 640u * 360 * 3 / 2);
-    EXPECT_EQ(image_size({zsim::kYUYV, 640, 360}), 640u * 360 * 2);
-    EXPECT_EQ(image_size({zsim::kRGB24, 640, 360}), 640u * 360 * 3);
-    EXPECT_EQ(image_size({zsim::kGREY, 640, 360}), 640u * 360);
-    EXPECT_EQ(image_size({zsim::fourcc('M', 'J', 'P', 'G'), 640, 360}), 0u);
-}
-
-TEST(PatternTest, FrameNumberReadsBackInEveryFormat)
+TEST(PatternTest, FrameNumberReadsBackInEveryFormatAndAfterConversion)
 {
     for (uint32_t fourcc : kFormats) {
-        for (const ViewFormat format : {ViewFormat{fourcc, 1920, 1080}, ViewFormat{fourcc, 320, 240},
-                                        ViewFormat{fourcc, 96, 64}}) {
+        for (const ViewFormat format : {ViewFormat{fourcc, 1920, 1080}, ViewFormat{fourcc, 96, 64}}) {
             std::vector<uint8_t> plane = Background(format);
             uint32_t sequence = 77;
             EXPECT_FALSE(read_frame_number(plane.data(), plane.size(), format, &sequence));
-            for (uint32_t number : {0u, 1u, 0x80000000u, 0xFFFFFFFFu, 123456789u}) {
+            for (uint32_t number : {0u, 0x80000000u, 0xFFFFFFFFu, 123456789u}) {
                 paint_frame(plane.data(), plane.size(), format, number);
-                ASSERT_TRUE(read_frame_number(plane.data(), plane.size(), format, &sequence))
-                    << std::hex << fourcc << " " << format.width;
+                ASSERT_TRUE(read_frame_number(plane.data(), plane.size(), format, &sequence)) << std::hex << fourcc;
                 EXPECT_EQ(sequence, number);
             }
         }
     }
-}
-
-TEST(PatternTest, FrameNumberSurvivesConversionToRgb)
-{
     const ViewFormat nv12 = {zsim::kNV12, 640, 360};
     std::vector<uint8_t> plane = Background(nv12);
     paint_frame(plane.data(), plane.size(), nv12, 0xA5C3F00Fu);
@@ -97,29 +83,60 @@ TEST(PatternTest, EachFrameRepaintsOnlyASmallRegionAndForgetsTheLastOne)
             changed += reused[i] != background[i];
         EXPECT_GT(changed, 0u);
         EXPECT_LT(changed, reused.size() / 10);
-
         // A buffer that carried an older frame looks exactly like a fresh one.
         paint_frame(reused.data(), reused.size(), format, 1001);
         std::vector<uint8_t> fresh = background;
         paint_frame(fresh.data(), fresh.size(), format, 1001);
         EXPECT_TRUE(reused == fresh) << std::hex << fourcc;
     }
-}
-
-TEST(PatternTest, PlanesTooSmallAreLeftAlone)
-{
+    // Too small to carry a number, or a plane shorter than the image: untouched.
     const ViewFormat tiny = {zsim::kNV12, 32, 16};
     std::vector<uint8_t> plane = Background(tiny);
     const std::vector<uint8_t> before = plane;
     paint_frame(plane.data(), plane.size(), tiny, 5);
     EXPECT_EQ(plane, before);
-    EXPECT_FALSE(read_frame_number(plane.data(), plane.size(), tiny, nullptr));
+    const ViewFormat grey = {zsim::kGREY, 320, 240};
+    std::vector<uint8_t> short_plane(image_size(grey) - 1, 0x42);
+    paint_background(short_plane.data(), short_plane.size(), grey);
+    EXPECT_EQ(short_plane, std::vector<uint8_t>(short_plane.size(), 0x42));
+}
 
-    const ViewFormat format = {zsim::kGREY, 320, 240};
-    std::vector<uint8_t> short_plane(image_size(format) - 1, 0x42);
-    paint_background(short_plane.data(), short_plane.size(), format);
-    paint_frame(short_plane.data(), short_plane.size(), format, 5);
-    EXPECT_EQ(std::count(short_plane.begin(), short_plane.end(), 0x42), long(short_plane.size()));
+class PatternStreamedTest : public zelisp_test::SimTest {};
+
+TEST_F(PatternStreamedTest, EveryPlaneCarriesTheFrameNumberInItsViewsFormat)
+{
+    zsim::CameraConfig config;
+    config.views[0] = {zsim::kYUYV, 640, 360};
+    config.views[1] = {zsim::kRGB24, 320, 240};
+    config.views[2] = {zsim::kGREY, 320, 240};
+    zsim::set_camera(1, config);
+    zsim::set_frame_mode(1, zsim::FrameMode::Scripted);
+    zelisp_test::VideoNode node("/dev/video1");
+    uint32_t count = 1;
+    ASSERT_EQ(node.RequestBuffers(&count), 0);
+    zelisp_test::BufferRecord record;
+    ASSERT_EQ(node.Request(VIDIOC_QUERYBUF, &record.buf), 0);
+    ASSERT_EQ(record.buf.length, 3u);
+    void *planes[3];
+    for (int j = 0; j < 3; ++j) {
+        planes[j] = mmap(nullptr, record.plane[j].length, PROT_READ, MAP_SHARED, node.fd(), record.plane[j].m.mem_offset);
+        ASSERT_NE(planes[j], MAP_FAILED);
+    }
+    ASSERT_EQ(node.Request(VIDIOC_QBUF, &record.buf), 0);
+    ASSERT_EQ(node.Stream(VIDIOC_STREAMON), 0);
+    zsim::ScriptedFrame frame;
+    frame.sequence = 0x00C0FFEE;
+    frame.paint = true;
+    zsim::push_frame(1, frame);
+    zelisp_test::BufferRecord filled;
+    ASSERT_EQ(node.Request(VIDIOC_DQBUF, &filled.buf), 0);
+    for (int j = 0; j < 3; ++j) {
+        uint32_t sequence = 0;
+        EXPECT_TRUE(read_frame_number(static_cast<const uint8_t *>(planes[j]), record.plane[j].length,
+                                      config.views[j], &sequence));
+        EXPECT_EQ(sequence, 0x00C0FFEEu) << "plane " << j;
+        munmap(planes[j], record.plane[j].length);
+    }
 }
 
 } // namespace

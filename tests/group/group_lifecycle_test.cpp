@@ -4,6 +4,7 @@
 #include <linux/videodev2.h>
 
 #include <cerrno>
+#include <functional>
 
 #include "group_fixture.h"
 
@@ -21,12 +22,18 @@ struct Call {
     int result;
     std::string out;
 };
-template <typename F> Call Captured(F call)
+Call Captured(const std::function<int()> &call)
 {
     OutputCapture output;
     const int result = call();
     output.Stop();
     return {result, output.out()};
+}
+
+void ExpectRefused(const Call &call, const std::string &line)
+{
+    EXPECT_EQ(call.result, ISP_ERR_STATE);
+    EXPECT_EQ(call.out, line);
 }
 
 TEST_F(GroupLifecycle, GroupWithoutMembersGoesThroughEveryStepWithoutACamera)
@@ -94,38 +101,33 @@ TEST_F(GroupLifecycle, BadStateLinesNameTheGroupOperationAndItsState)
     zelvideo::_view_format_t formats[1];
     zelvideo::_isp_buf_t frames[1];
     int results[1];
-
-    auto expect_refused = [](const Call &call, const std::string &line) {
-        EXPECT_EQ(call.result, ISP_ERR_STATE);
-        EXPECT_EQ(call.out, line);
+    const std::pair<std::function<int()>, std::string> refused_when_ready[] = {
+        {[&] { return isp_group_init_video(group, kViewZero, kBuffers); }, "InitVideo: bad state 6\n"},
+        {[&] { return isp_group_start_captrue(group); }, "StartCaptrue: bad state 6\n"},
+        {[&] { return isp_group_stop_captrue(group); }, "StopCapture: bad state 6\n"},
+        {[&] { return zelvideo::isp_group_set_view_format(group, 0, format); }, "SetViewFormat: bad state 6\n"},
+        {[&] { return zelvideo::isp_group_get_view_format(group, 0, formats); },
+         "GetViewFormat \nGetViewFormat: bad state 6\n"},
+        {[&] { return zelvideo::isp_group_get_sync_frame(group, frames, 1, 10); }, ""},
+        {[&] { return zelvideo::isp_group_put_frame(group, frames, 1); }, ""},
     };
-    expect_refused(Captured([&] { return isp_group_init_video(group, kViewZero, kBuffers); }),
-                   "InitVideo: bad state 6\n");
-    expect_refused(Captured([&] { return isp_group_start_captrue(group); }), "StartCaptrue: bad state 6\n");
-    expect_refused(Captured([&] { return isp_group_stop_captrue(group); }), "StopCapture: bad state 6\n");
-    expect_refused(Captured([&] { return zelvideo::isp_group_set_view_format(group, 0, format); }),
-                   "SetViewFormat: bad state 6\n");
-    expect_refused(Captured([&] { return zelvideo::isp_group_get_view_format(group, 0, formats); }),
-                   "GetViewFormat \nGetViewFormat: bad state 6\n");
-    expect_refused(Captured([&] { return zelvideo::isp_group_get_sync_frame(group, frames, 1, 10); }), "");
-    expect_refused(Captured([&] { return zelvideo::isp_group_put_frame(group, frames, 1); }), "");
+    for (const auto &[call, line] : refused_when_ready)
+        ExpectRefused(Captured(call), line);
 
     BringUp(group, kCapturing);
-    expect_refused(Captured([&] { return isp_group_start_captrue(group); }), "StartCaptrue: bad state 4\n");
-    expect_refused(Captured([&] { return isp_group_open_video(group, 1, results); }), "OpenVideo: bad state 4\n");
-    expect_refused(Captured([&] { return zelvideo::isp_group_set_view_format(group, 0, format); }),
-                   "SetViewFormat: bad state 4\n");
+    ExpectRefused(Captured([&] { return isp_group_start_captrue(group); }), "StartCaptrue: bad state 4\n");
+    ExpectRefused(Captured([&] { return isp_group_open_video(group, 1, results); }), "OpenVideo: bad state 4\n");
+    ExpectRefused(Captured([&] { return zelvideo::isp_group_set_view_format(group, 0, format); }),
+                  "SetViewFormat: bad state 4\n");
     EXPECT_EQ(isp_group_stop_captrue(group), 0);
-    expect_refused(Captured([&] { return isp_group_stop_captrue(group); }), "StopCapture: bad state 2\n");
+    ExpectRefused(Captured([&] { return isp_group_stop_captrue(group); }), "StopCapture: bad state 2\n");
     EXPECT_EQ(isp_group_start_captrue(group), 0);
 
     EXPECT_EQ(isp_group_close_video(group), 0);
-    expect_refused(Captured([&] { return isp_group_close_video(group); }), "CloseVideo: bad state 0\n");
-    expect_refused(Captured([&] { return isp_group_open_video(group, 1, results); }), "OpenVideo: bad state 0\n");
-
-    const unsigned long empty = MakeEmptyGroup(1);
-    expect_refused(Captured([&] { return isp_group_open_video(empty, 1, results); }), "OpenVideo: bad state 5\n");
-    expect_refused(Captured([&] { return isp_group_close_video(empty); }), "CloseVideo: bad state 5\n");
+    ExpectRefused(Captured([&] { return isp_group_close_video(group); }), "CloseVideo: bad state 0\n");
+    ExpectRefused(Captured([&] { return isp_group_open_video(group, 1, results); }), "OpenVideo: bad state 0\n");
+    ExpectRefused(Captured([&] { return isp_group_open_video(MakeEmptyGroup(1), 1, results); }),
+                  "OpenVideo: bad state 5\n");
 }
 
 TEST_F(GroupLifecycle, RepeatedIndexIsOneCameraVisitedOncePerOccurrence)

@@ -169,12 +169,19 @@ TEST_F(Frames, DequeueFailureIsReportedAndCloseWhileStreamingReleasesAll)
 {
     unsigned long handle = Capturing(7, 4);
     Push(1, 1000000);
+    Push(2, 1040000);
     zsim::fail_request(VIDIOC_DQBUF, 1, EIO);
     zelvideo::_isp_buf_t frame;
     Call call = Captured([&] { return isp_get_frame_buf(handle, &frame, kWaitMs); });
     EXPECT_EQ(call.result, ISP_ERR_REQUEST);
     EXPECT_EQ(call.out, "/dev/video0 get frame failed\n");
     ASSERT_EQ(isp_get_frame_buf(handle, &frame, kWaitMs), ISP_OK);
+    zsim::Quirks quirks;
+    quirks.dequeue_index = 9; // a buffer the table does not have
+    zsim::set_quirks(0, quirks);
+    EXPECT_EQ(Captured([&] { return isp_get_frame_buf(handle, &frame, kWaitMs); }).out,
+              "/dev/video0 get frame failed\n");
+    EXPECT_EQ(frame.views[0].sequence, 1u);
     EXPECT_EQ(Close(handle), ISP_OK); // holding a frame, streaming on
     EXPECT_TRUE(zsim::requests(VIDIOC_STREAMOFF).empty());
 }

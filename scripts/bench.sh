@@ -7,7 +7,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 ./scripts/setup.sh
 build_dir=${ZELISP_BENCH_BUILD_DIR:-build-bench}
-cmake -S . -B "$build_dir" -DZELISP_BUILD_BENCH=ON -DZELISP_BUILD_TESTS=OFF -DZELISP_BUILD_EXAMPLES=OFF \
+cmake -S . -B "$build_dir" -DZELISP_BUILD_BENCH=ON -DZELISP_BUILD_TOOLS=ON -DZELISP_BUILD_TESTS=OFF -DZELISP_BUILD_EXAMPLES=OFF \
   -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 if [ "${1:-}" = "--quick" ]; then
   export ZELISP_BENCH_QUICK=1

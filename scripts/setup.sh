@@ -10,6 +10,7 @@ packages=(
   v4l-utils              # v4l2-ctl, a V4L2 client we did not write, runs on the simulator
   libcli11-dev libpng-dev libyuv-dev nlohmann-json3-dev   # zelisp-cam
   valgrind gcovr cppcheck clang-tidy
+  python3                # bench/run_benchmarks.py writes docs/performance.md
 )
 if [ "${ZELISP_SETUP_CROSS:-0}" = 1 ]; then
   # The Arm64 build (scripts/cross-test.sh): the cross compiler, qemu to run

@@ -9,6 +9,8 @@
  * outlives the buffers being freed, as DMA memory does.
  */
 #include <algorithm>
+#include <iterator>
+#include <utility>
 #include <cerrno>
 #include <cstdio>
 
@@ -233,17 +235,35 @@ int sim_munmap(void *addr, size_t length, bool *handled)
 {
     State &s = state();
     CoreLock held;
-    auto it = s.mappings.find(reinterpret_cast<uintptr_t>(addr));
-    if (it == s.mappings.end())
+    uintptr_t begin = reinterpret_cast<uintptr_t>(addr);
+    uintptr_t end = begin + page_align(length);
+    // The mappings the range touches; the kernel unmaps exactly the range,
+    // so a shorter length leaves the rest of a mapping in place (and held).
+    auto first = s.mappings.lower_bound(begin);
+    if (first != s.mappings.begin()) {
+        auto before = std::prev(first);
+        if (before->first + page_align(before->second.length) > begin)
+            first = before;
+    }
+    if (first == s.mappings.end() || first->first >= end)
         return 0;
     *handled = true;
-    std::string path = it->second.path;
+    std::string path = first->second.path;
     int err = take_fault(s, kMunmap, path);
+    if (!err && real::munmap(addr, length) < 0)
+        err = errno;
     if (!err) {
-        if (real::munmap(addr, length) < 0)
-            err = errno;
-        else
-            s.mappings.erase(it);
+        std::vector<std::pair<uintptr_t, Mapping>> remains;
+        auto it = first;
+        for (; it != s.mappings.end() && it->first < end; ++it) {
+            uintptr_t map_end = it->first + page_align(it->second.length);
+            if (it->first < begin)
+                remains.push_back({it->first, Mapping{begin - it->first, it->second.path}});
+            if (map_end > end)
+                remains.push_back({end, Mapping{map_end - end, it->second.path}});
+        }
+        s.mappings.erase(first, it);
+        s.mappings.insert(remains.begin(), remains.end());
     }
     append_log(s, LogEntry{path, kMunmap, "munmap", "length=" + std::to_string(length), {}, err});
     if (err) {

@@ -509,12 +509,14 @@ def write_report(path, figures, started, finished):
     add("also counted with callgrind, on the client's main thread only (the simulated sensor thread left")
     add("out): instructions a frame, by object.")
     add("")
-    add("| Client | total | program | libzelisp.so | simulated driver | libc |")
-    add("|---|---|---|---|---|---|")
+    add("| Client | total | program | libzelisp.so | simulated driver | libc | other (libstdc++, ld.so) |")
+    add("|---|---|---|---|---|---|---|")
     for client in ("v4l2-ctl", "zelisp-cam"):
         b = peer_ir.get(client)
         if b:
-            add(f"| {client} | {b['total']:.0f} | {b['client']:.0f} | {b['library']:.0f} | {b['simulator']:.0f} | {b['libc']:.0f} |")
+            other = b["total"] - b["client"] - b["library"] - b["simulator"] - b["libc"]
+            add(f"| {client} | {b['total']:.0f} | {b['client']:.0f} | {b['library']:.0f} | {b['simulator']:.0f} | "
+                f"{b['libc']:.0f} | {other:.0f} |")
     add("")
     notes = figures.get("notes")
     if notes:
@@ -535,8 +537,18 @@ def main():
     parser.add_argument("--cam-tool", default="")
     parser.add_argument("--output", required=True)
     parser.add_argument("--quick", action="store_true", help="short runs, for checking the harness")
+    parser.add_argument("--report-only", action="store_true",
+                        help="rewrite the report from the figures of the last run, without measuring")
     options = parser.parse_args()
     quick = options.quick or os.environ.get("ZELISP_BENCH_QUICK") == "1"
+    saved = os.path.join(os.getcwd(), "figures.json")
+
+    if options.report_only:
+        with open(saved, encoding="utf-8") as stream:
+            figures = json.load(stream)
+        write_report(options.output, add_findings(figures), datetime.datetime.fromisoformat(figures["started"]),
+                     datetime.datetime.fromisoformat(figures["finished"]))
+        return
 
     started = datetime.datetime.utcnow()
     figures = {"machine": machine()}
@@ -547,11 +559,20 @@ def main():
     figures["groups"] = groups(options.bin_dir, 2 if quick else 10)
     figures["peers"] = peers(options.bin_dir, options.sim_run, options.cam_tool, quick)
     figures["peer_instructions"] = peer_instructions(options.sim_lib, options.cam_tool)
+    finished = datetime.datetime.utcnow()
+    figures["started"], figures["finished"] = started.isoformat(), finished.isoformat()
+    with open(saved, "w", encoding="utf-8") as stream:
+        json.dump(figures, stream)
+    write_report(options.output, add_findings(figures), started, finished)
+
+
+def add_findings(figures):
+    """The analysis of the figures, kept beside this script (findings.md)."""
     notes_path = os.path.join(os.path.dirname(os.path.abspath(__file__)), "findings.md")
     if os.path.exists(notes_path):
         with open(notes_path, encoding="utf-8") as stream:
             figures["notes"] = stream.read().rstrip("\n").split("\n")
-    write_report(options.output, figures, started, datetime.datetime.utcnow())
+    return figures
 
 
 if __name__ == "__main__":

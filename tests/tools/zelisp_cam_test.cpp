@@ -190,7 +190,8 @@ TEST(ZelispCam, PngCaptureDecodesToTheViewSizeAndMakesAContactSheet)
 TEST(ZelispCam, GroupCaptureReadsFrameSetsOnOneTrigger)
 {
     std::string out = test_folder();
-    ToolRun run = run_tool("capture -c 0,1,2,3 --group --trigger internal --views 2 --buffers 8 --frames 8 --json --out " + out);
+    ToolRun run =
+        run_tool("capture -c 0,1,2,3 --group --trigger internal --views 2 --buffers 8 --frames 8 --json --out " + out);
     ASSERT_EQ(run.status, 0) << run.err;
 
     // With --json the document is all of standard output.

@@ -46,11 +46,6 @@ void catch_interrupt()
     sigaction(SIGTERM, &action, nullptr);
 }
 
-bool interrupt_requested()
-{
-    return interrupted_flag != 0;
-}
-
 CaptureRun::CaptureRun(const CaptureOptions &run_options) : options(run_options), files(run_options) {}
 
 void CaptureRun::start_clock()
@@ -71,7 +66,7 @@ void CaptureRun::stop_clock()
 
 bool CaptureRun::time_left()
 {
-    if (interrupt_requested()) {
+    if (interrupted_flag != 0) {
         interrupted = true;
         return false;
     }

@@ -68,7 +68,6 @@ private:
 
 // Installs the Ctrl-C handler that ends a capture early but cleanly.
 void catch_interrupt();
-bool interrupt_requested();
 
 // Reads the enabled views' formats of an initialised camera.
 int read_view_formats(unsigned long handle, const CaptureOptions &options, std::vector<ViewSlot> *views);

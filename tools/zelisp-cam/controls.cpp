@@ -106,9 +106,11 @@ const std::vector<Control> &controls()
         {"sharpness", "0..10", 1, read_number<isp_camera_get_sharpness>, write_number<isp_camera_set_sharpness>},
         {"gamma", "any 32-bit value", 1, read_number<isp_camera_get_gamma>, write_number<isp_camera_set_gamma>},
         {"denoise", "LUMA CHROMA, 0..10 each", 2, read_denoise, write_denoise},
-        {"awb", "0|1 or off|on (automatic white balance)", 1, read_switch<isp_camera_get_awb>, write_switch<isp_camera_set_awb>},
+        {"awb", "0|1 or off|on (automatic white balance)", 1, read_switch<isp_camera_get_awb>,
+         write_switch<isp_camera_set_awb>},
         {"mwb", "GAIN1 GAIN2 GAIN3, set only (manual white balance gains)", 3, nullptr, write_mwb},
-        {"aec", "0..255, the driver's exposure mode (V4L2: 0 auto, 1 manual); read back as 0 or 1", 1, read_switch<isp_camera_get_aec>, write_switch<isp_camera_set_aec>},
+        {"aec", "0..255, the driver's exposure mode (V4L2: 0 auto, 1 manual); read back as 0 or 1", 1,
+         read_switch<isp_camera_get_aec>, write_switch<isp_camera_set_aec>},
         {"mec", "P1 P2 P3 P4 P5 P6, set only (manual exposure, low 16 bits each)", 6, nullptr, write_mec},
         {"abnormal", "read only (14 bytes of abnormal information, in hex)", 0, read_abnormal, nullptr},
     };

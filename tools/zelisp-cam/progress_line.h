@@ -15,7 +15,6 @@ namespace zcam {
 class ProgressLine {
 public:
     ProgressLine();
-    bool enabled() const { return enabled_; }
     // Redraws the line, at most a few times a second unless forced.
     void show(const std::string &text, bool force = false);
     // Erases the line before other output.

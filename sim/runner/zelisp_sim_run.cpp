@@ -14,6 +14,7 @@
 #include <cstring>
 #include <string>
 
+#include <dlfcn.h>
 #include <unistd.h>
 
 namespace {
@@ -33,9 +34,27 @@ const char *simulator_library()
     return ZELISP_SIM_INSTALL_PATH;
 }
 
+#ifdef __SANITIZE_ADDRESS__
+extern "C" void __asan_init();
+
+// A simulator built with AddressSanitizer needs the sanitizer's runtime
+// loaded before every other library of the program. The program itself is
+// not ours to check for leaks.
+std::string sanitizer_runtime()
+{
+    Dl_info info{};
+    if (!dladdr(reinterpret_cast<void *>(&__asan_init), &info) || !info.dli_fname)
+        return "";
+    setenv("ASAN_OPTIONS", "detect_leaks=0", 0);
+    return std::string(info.dli_fname) + ":";
+}
+#else
+std::string sanitizer_runtime() { return ""; }
+#endif
+
 bool set_preload(const char *library)
 {
-    std::string preload = library;
+    std::string preload = sanitizer_runtime() + library;
     const char *existing = std::getenv("LD_PRELOAD");
     if (existing && *existing)
         preload += std::string(":") + existing;

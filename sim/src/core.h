@@ -165,8 +165,9 @@ int take_fault(State &s, uint32_t request, const std::string &path);
 // ---- dispatch.cpp: a request on any descriptor; *handled false when the
 // descriptor is not simulated. The probe request on descriptor -1 answers
 // kProbeAnswer, so that zsim::active() can tell that the process's ioctl
-// really reaches this library.
-constexpr uint32_t kProbeRequest = 0xF05A0001;
+// really reaches this library. It encodes its true 4-byte size: sanitizers
+// in front of ioctl check the record against it.
+constexpr uint32_t kProbeRequest = 0x8004F05A; // _IOR(0xF0, 0x5A, uint32_t)
 constexpr uint32_t kProbeAnswer = 0x5A5A1D0E;
 int dispatch_ioctl(int fd, uint32_t request, void *arg, bool *handled);
 

@@ -8,6 +8,7 @@
 #include <cstdlib>
 
 #include <dlfcn.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include "core.h"
@@ -35,6 +36,10 @@ State &state()
     static State *const instance = [] {
         State *s = new State();
         apply_defaults(*s);
+        // A child forked while another thread held the lock would find it
+        // held forever.
+        pthread_atfork([] { state().lock.lock(); }, [] { state().lock.unlock(); },
+                       [] { state().lock.unlock(); });
         return s;
     }();
     return *instance;

@@ -90,10 +90,6 @@ uint32_t buffer_flags(const Buffer &buffer)
     return flags;
 }
 
-} // namespace
-
-uint32_t plane_offset(int buffer, int plane) { return uint32_t((unsigned(buffer) * kPlaneSlots + unsigned(plane)) * kPage); }
-
 bool plane_at_offset(const Node &n, uint64_t offset, int *buffer, int *plane)
 {
     if (offset % kPage)
@@ -106,6 +102,10 @@ bool plane_at_offset(const Node &n, uint64_t offset, int *buffer, int *plane)
     *plane = int(p);
     return true;
 }
+
+} // namespace
+
+uint32_t plane_offset(int buffer, int plane) { return uint32_t((unsigned(buffer) * kPlaneSlots + unsigned(plane)) * kPage); }
 
 void free_buffers(State &s, int node)
 {

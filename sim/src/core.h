@@ -175,7 +175,7 @@ int dispatch_ioctl(int fd, uint32_t request, void *arg, bool *handled);
 FILE *sim_fopen(const char *path, const char *mode, bool *handled);
 
 // ---- descriptors.cpp
-enum DupHow { kDupAny, kDupOnto, kDupOntoStrict };
+enum DupHow { kDupAny, kDupOnto }; // dup, or dup2/dup3 onto a chosen number
 int sim_open(int dirfd, const char *path, int flags, mode_t mode);
 // -1 with errno set, or 0, or 1 when fd is not simulated (pass through).
 int sim_close(int fd);
@@ -191,23 +191,19 @@ int track_descriptor(State &s, int realfd, std::shared_ptr<OpenFile> file);
 // (blocking dequeue). Fills *note.
 bool handle_video_request(CoreLock &held, int node, const OpenFile &file, uint32_t request, void *arg,
                           int *error, LogNote *note);
-void release_queue(State &s, int node); // the last descriptor of the node closed
 
 // ---- buffers.cpp
 void free_buffers(State &s, int node);
-uint32_t plane_offset(int buffer, int plane);
-bool plane_at_offset(const Node &n, uint64_t offset, int *buffer, int *plane);
+uint32_t plane_offset(int buffer, int plane); // the mem_offset that names a plane
 void *sim_mmap(void *addr, size_t length, int prot, int flags, int fd, off_t offset, bool *handled);
 int sim_munmap(void *addr, size_t length, bool *handled);
 
 // ---- streaming.cpp
-void signal_filled(Node &n);
-void drain_filled(Node &n);
+void drain_filled(Node &n); // the node's descriptors stop being readable
+// The hardware fills queued buffer index with a frame and signals it.
 void fill_buffer(Node &n, int index, uint32_t sequence, uint64_t timestamp_ns, uint32_t reserved,
                  const uint32_t *plane_length, bool paint);
-void deliver_scripted(Node &n);
-void start_stream(State &s, int node, uint64_t now_ns, bool shared_clock);
-void stop_stream(Node &n);
+void release_queue(State &s, int node); // the last descriptor of the node closed
 
 // ---- hardware_thread.cpp
 uint64_t monotonic_ns();

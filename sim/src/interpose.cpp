@@ -152,7 +152,7 @@ int open64(const char *path, int flags, ...)
     va_start(args, flags);
     mode_t mode = mode_argument(flags, args);
     va_end(args);
-    return open_path(AT_FDCWD, path, flags | O_LARGEFILE, mode);
+    return open_path(AT_FDCWD, path, flags, mode);
 }
 
 int openat(int dirfd, const char *path, int flags, ...)
@@ -170,17 +170,17 @@ int openat64(int dirfd, const char *path, int flags, ...)
     va_start(args, flags);
     mode_t mode = mode_argument(flags, args);
     va_end(args);
-    return open_path(dirfd, path, flags | O_LARGEFILE, mode);
+    return open_path(dirfd, path, flags, mode);
 }
 
 // The checked entry points of fortified programs: the same call without a
 // mode (the compiler already proved none is needed).
 int __open_2(const char *path, int flags) { return open_path(AT_FDCWD, path, flags, 0); }
-int __open64_2(const char *path, int flags) { return open_path(AT_FDCWD, path, flags | O_LARGEFILE, 0); }
+int __open64_2(const char *path, int flags) { return open_path(AT_FDCWD, path, flags, 0); }
 int __openat_2(int dirfd, const char *path, int flags) { return open_path(dirfd, path, flags, 0); }
 int __openat64_2(int dirfd, const char *path, int flags)
 {
-    return open_path(dirfd, path, flags | O_LARGEFILE, 0);
+    return open_path(dirfd, path, flags, 0);
 }
 
 int close(int fd)
@@ -261,7 +261,7 @@ int __fxstatat64(int, int dirfd, const char *path, struct stat64 *st, int flags)
 
 int dup(int fd) noexcept { return dup_descriptor(fd, -1, 0, kDupAny); }
 int dup2(int oldfd, int newfd) noexcept { return dup_descriptor(oldfd, newfd, 0, kDupOnto); }
-int dup3(int oldfd, int newfd, int flags) noexcept { return dup_descriptor(oldfd, newfd, flags, kDupOntoStrict); }
+int dup3(int oldfd, int newfd, int flags) noexcept { return dup_descriptor(oldfd, newfd, flags, kDupOnto); }
 
 int fcntl(int fd, int cmd, ...)
 {

@@ -60,42 +60,11 @@ void report_dequeued(const Node &n, int index, v4l2_buffer *buf)
 
 bool capture_type(const int *type) { return *type == V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE; }
 
-} // namespace
-
 void signal_filled(Node &n)
 {
     uint64_t one = 1;
     if (write(n.event_fd, &one, sizeof one) != sizeof one)
         std::perror("zelisp-sim: frame signal");
-}
-
-void drain_filled(Node &n)
-{
-    uint64_t count;
-    while (n.event_fd >= 0 && read(n.event_fd, &count, sizeof count) == sizeof count) {
-    }
-}
-
-void fill_buffer(Node &n, int index, uint32_t sequence, uint64_t timestamp_ns, uint32_t reserved,
-                 const uint32_t *plane_length, bool paint)
-{
-    Buffer &buffer = n.buffers[size_t(index)];
-    buffer.state = BufferState::Filled;
-    buffer.sequence = sequence;
-    buffer.timestamp_ns = timestamp_ns;
-    buffer.reserved = reserved;
-    for (size_t j = 0; j < buffer.planes.size(); ++j) {
-        Plane &plane = buffer.planes[j];
-        buffer.reported_length[j] = plane_length ? plane_length[j] : 0;
-        if (!paint)
-            continue;
-        if (!plane.painted)
-            paint_background(plane.data, plane.length, plane.format);
-        plane.painted = true;
-        paint_frame(plane.data, plane.length, plane.format, sequence);
-    }
-    n.filled.push_back(index);
-    signal_filled(n);
 }
 
 void deliver_scripted(Node &n)
@@ -137,6 +106,38 @@ void stop_stream(Node &n)
     n.filled.clear();
     drain_filled(n);
 }
+
+} // namespace
+
+void drain_filled(Node &n)
+{
+    uint64_t count;
+    while (n.event_fd >= 0 && read(n.event_fd, &count, sizeof count) == sizeof count) {
+    }
+}
+
+void fill_buffer(Node &n, int index, uint32_t sequence, uint64_t timestamp_ns, uint32_t reserved,
+                 const uint32_t *plane_length, bool paint)
+{
+    Buffer &buffer = n.buffers[size_t(index)];
+    buffer.state = BufferState::Filled;
+    buffer.sequence = sequence;
+    buffer.timestamp_ns = timestamp_ns;
+    buffer.reserved = reserved;
+    for (size_t j = 0; j < buffer.planes.size(); ++j) {
+        Plane &plane = buffer.planes[j];
+        buffer.reported_length[j] = plane_length ? plane_length[j] : 0;
+        if (!paint)
+            continue;
+        if (!plane.painted)
+            paint_background(plane.data, plane.length, plane.format);
+        plane.painted = true;
+        paint_frame(plane.data, plane.length, plane.format, sequence);
+    }
+    n.filled.push_back(index);
+    signal_filled(n);
+}
+
 
 void release_queue(State &s, int node)
 {

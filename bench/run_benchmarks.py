@@ -89,6 +89,7 @@ def frame_path(bin_dir, quick):
         "alloc_frames": sum(b["frames"] for b in entries(results, "BM_Allocations")),
         "pages_touched": worst(results, "BM_ImageMemoryTouched", "image_pages_touched"),
         "guarded_bytes": worst(results, "BM_ImageMemoryTouched", "image_bytes_guarded"),
+        "guard_check_pages": min(b["guard_check_pages"] for b in entries(results, "BM_ImageMemoryTouched")),
         "guarded_frames": sum(b["frames"] for b in entries(results, "BM_ImageMemoryTouched")),
     }
 
@@ -316,7 +317,7 @@ def write_report(path, figures, started, finished):
                        and not cg["library_reaches"]["hits"])
     add(f"| Heap allocations a frame by the library | {f['library_own_allocs']:g} | 0 | {verdict(allocation_free)} |")
     add(f"| Image bytes read, written or copied by the library a frame | {pages * 4096 if pages else 0} | 0 | "
-        f"{verdict(pages == 0)} |")
+        f"{verdict(pages == 0 and f['guard_check_pages'] == 1)} |")
     add(f"| 12 cameras, 120 fps, 1080p, one thread, {cam['seconds']:.0f} s: driver drops | "
         f"{cam['dropped']:.0f} of {cam['produced']:.0f} frames produced | 0 | {verdict(cam['dropped'] == 0)} |")
     add(f"| 12 cameras: frames dequeued / produced | {cam['dequeued']:.0f} / {cam['produced']:.0f} | | |")
@@ -419,7 +420,9 @@ def write_report(path, figures, started, finished):
         f"{f['guarded_frames']:.0f} frames go through")
     add("`isp_get_frame_buf`/`isp_put_frame_buf`; any read or write of image memory by the library would")
     add("fault, and the handler counts the page. The scripted frames are not painted, so nothing else")
-    add(f"touches the planes. Pages touched: **{pages}**. What the library moves a frame is the 256-byte")
+    add("touches the planes. As a check of the guard, the benchmark first reads one guarded byte itself:")
+    add(f"seen as {f['guard_check_pages']:.0f} touched page. Pages touched by the library: **{pages}**. "
+        "What the library moves a frame is the 256-byte")
     add("`_isp_buf_t` record handed to the caller (inline moves, no `memcpy` call).")
     add("")
 

@@ -33,15 +33,21 @@ stage_cross() { ZELISP_BUILD_DIR=$prefix-arm64 ZELISP_HOST_BUILD_DIR=$prefix ./s
 stage_lint() {
   ./scripts/setup.sh || return 1
   local dir=$prefix-lint status=0
-  cmake -S . -B "$dir" -DCMAKE_EXPORT_COMPILE_COMMANDS=ON -DZELISP_BUILD_TESTS=OFF \
+  cmake -S . -B "$dir" -DCMAKE_EXPORT_COMPILE_COMMANDS=ON -DZELISP_BUILD_SIM=OFF -DZELISP_BUILD_TESTS=OFF \
     -DZELISP_BUILD_TOOLS=OFF -DZELISP_BUILD_EXAMPLES=OFF >/dev/null || return 1
   mapfile -t sources < <(find src -name '*.cpp' | sort)
   echo "clang-tidy: ${#sources[@]} files"
   printf '%s\n' "${sources[@]}" | xargs -P "$ZELISP_JOBS" -n 4 clang-tidy -p "$dir" --quiet || status=1
+  # Style findings left out: useStlAlgorithm (a taste), and two false
+  # positives, each named: PlaneEntry hands out a mutable entry of the camera
+  # it is given (constParameter), and the valid-camera search runs after the
+  # "no camera" return, not instead of it (knownConditionTrueFalse).
   echo "cppcheck"
-  cppcheck --project="$dir/compile_commands.json" --file-filter="$PWD/src/*" \
+  cppcheck --project="$dir/compile_commands.json" \
     --enable=warning,style,performance,portability --std=c++17 --inline-suppr \
-    --suppress=missingIncludeSystem --suppress=unmatchedSuppression \
+    --suppress=missingIncludeSystem --suppress=useStlAlgorithm \
+    --suppress=constParameter:src/camera/buffers.cpp \
+    --suppress=knownConditionTrueFalse:src/group/group_membership.cpp \
     --error-exitcode=1 --quiet -j "$ZELISP_JOBS" || status=1
   return $status
 }

@@ -1,8 +1,10 @@
-// zelisp-sim-run puts the simulator in front of an unmodified program.
+// zelisp-sim-run puts the simulator in front of unmodified programs: ls sees
+// a character device, and v4l2-ctl, a V4L2 client we did not write, finds
+// the device through sysfs, probes requests the ISP lacks and streams with
+// blocking dequeues.
 #include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
+#include <algorithm>
 #include <string>
 
 #include "runner_command.h"
@@ -10,31 +12,32 @@
 
 namespace {
 
-using zelisp_test::RunCommand;
-using zelisp_test::RunnerPath;
+class RunnerTest : public zelisp_test::SimTest {
+protected:
+    void SetUp() override
+    {
+        SimTest::SetUp();
+        runner_ = zelisp_test::RunnerPath();
+        if (runner_.empty())
+            GTEST_SKIP() << "zelisp-sim-run is not built next to the simulator library";
+    }
+    int Run(const std::string &command) { return zelisp_test::RunCommand(command, &output_); }
+    static bool HaveV4l2Ctl() { return access("/usr/bin/v4l2-ctl", X_OK) == 0; }
 
-class RunnerTest : public zelisp_test::SimTest {};
+    std::string runner_;
+    std::string output_;
+};
 
-TEST_F(RunnerTest, ListsASimulatedNodeAsACharacterDevice)
+TEST_F(RunnerTest, LsShowsASimulatedNodeAsACharacterDevice)
 {
-    const std::string runner = RunnerPath();
-    if (runner.empty())
-        GTEST_SKIP() << "zelisp-sim-run is not built next to the simulator library";
-    std::string output;
-    ASSERT_EQ(RunCommand(runner + " -- ls -l /dev/video0 /dev/isp_misc", &output), 0) << output;
-    EXPECT_EQ(output.substr(0, 1), "c") << output;
-    EXPECT_NE(output.find("81,   0"), std::string::npos) << output;
-    EXPECT_NE(output.find("/dev/isp_misc"), std::string::npos) << output;
-
-    // Without the runner the program sees the machine as it is.
-    ASSERT_NE(RunCommand("ls -l /dev/video0", &output), 0) << output;
+    ASSERT_EQ(Run(runner_ + " -- ls -l /dev/video0 /dev/isp_misc"), 0) << output_;
+    EXPECT_EQ(output_.substr(0, 1), "c") << output_;
+    EXPECT_NE(output_.find("81,   0"), std::string::npos) << output_;
+    EXPECT_EQ(Run(runner_ + " ls"), 2 << 8) << output_; // no "--"
 }
 
 TEST_F(RunnerTest, PassesTheConfigurationAndKeepsAnExistingPreload)
 {
-    const std::string runner = RunnerPath();
-    if (runner.empty())
-        GTEST_SKIP() << "zelisp-sim-run is not built next to the simulator library";
     std::string config = ::testing::TempDir() + "runner-" + std::to_string(getpid()) + ".ini";
     FILE *file = fopen(config.c_str(), "w");
     ASSERT_NE(file, nullptr);
@@ -45,20 +48,29 @@ TEST_F(RunnerTest, PassesTheConfigurationAndKeepsAnExistingPreload)
 #else
     const std::string existing = "LD_PRELOAD=libm.so.6 ";
 #endif
-    std::string output;
-    ASSERT_EQ(RunCommand(existing + runner + " --config " + config +
-                             " -- sh -c 'echo $LD_PRELOAD; ls /dev/video7 /dev/video19'",
-                         &output),
-              0)
-        << output;
+    ASSERT_EQ(Run(existing + runner_ + " --config " + config + " -- sh -c 'echo $LD_PRELOAD; ls /dev/video19'"), 0)
+        << output_;
     if (!existing.empty()) {
-        EXPECT_NE(output.find("libzelisp-sim.so:libm.so.6"), std::string::npos) << output;
+        EXPECT_NE(output_.find("libzelisp-sim.so:libm.so.6"), std::string::npos) << output_;
     }
-    EXPECT_NE(output.find("/dev/video19"), std::string::npos) << output;
-    EXPECT_NE(RunCommand(runner + " --config " + config + " -- ls /dev/video0", &output), 0) << output;
+    EXPECT_NE(Run(runner_ + " --config " + config + " -- ls /dev/video0"), 0) << output_;
     unlink(config.c_str());
+}
 
-    EXPECT_EQ(RunCommand(runner + " ls", &output), 2 << 8) << output; // no "--"
+TEST_F(RunnerTest, V4l2CtlReportsTheCaptureDeviceAndStreams)
+{
+    if (!HaveV4l2Ctl())
+        GTEST_SKIP() << "v4l2-ctl is not installed (Debian package v4l-utils, see scripts/setup.sh)";
+    ASSERT_EQ(Run(runner_ + " -- v4l2-ctl -d /dev/video0 --all"), 0) << output_;
+    for (const char *line : {"Driver name      : zelisp-isp", "Video Capture Multiplanar", "Video input : 7",
+                             "Width/Height      : 1920/1080", "Pixel Format      : 'NV12'",
+                             "Number of planes  : 3"})
+        EXPECT_NE(output_.find(line), std::string::npos) << line << "\nin:\n" << output_;
+
+    ASSERT_EQ(Run(runner_ + " -- v4l2-ctl -d /dev/video0 --stream-mmap --stream-count=60"), 0) << output_;
+    EXPECT_EQ(std::count(output_.begin(), output_.end(), '<'), 60) << output_;
+    // The mode 2 node streams its single plane too.
+    ASSERT_EQ(Run(runner_ + " -- v4l2-ctl -d /dev/video12 --stream-mmap --stream-count=10"), 0) << output_;
 }
 
 } // namespace

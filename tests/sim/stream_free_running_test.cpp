@@ -34,12 +34,6 @@ uint64_t TimestampUs(const v4l2_buffer &buf) { return uint64_t(buf.timestamp.tv_
 
 class StreamFreeRunningTest : public zelisp_test::SimTest {
 protected:
-    static void SetFps(int camera, uint32_t fps)
-    {
-        zsim::CameraConfig config;
-        config.fps = fps;
-        zsim::set_camera(camera, config);
-    }
     static void Start(const VideoNode &node, uint32_t buffers, bool queue)
     {
         uint32_t count = buffers;
@@ -65,7 +59,9 @@ protected:
 
 TEST_F(StreamFreeRunningTest, EveryPeriodCountsAndPeriodsWithoutBufferAreDropped)
 {
-    SetFps(0, 120);
+    zsim::CameraConfig config;
+    config.fps = 120;
+    zsim::set_camera(0, config);
     VideoNode node("/dev/video0");
     Start(node, 3, false);
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitMs);
@@ -86,9 +82,7 @@ TEST_F(StreamFreeRunningTest, EveryPeriodCountsAndPeriodsWithoutBufferAreDropped
     // Frame times sit on the period grid of the camera's rate.
     double periods = double(TimestampUs(second.buf) - TimestampUs(first.buf)) / (1e6 / 120);
     EXPECT_NEAR(periods, double(second.buf.sequence - first.buf.sequence), 0.01);
-    uint64_t now = NowUs();
-    EXPECT_LE(TimestampUs(second.buf), now);
-    EXPECT_GT(TimestampUs(second.buf) + 5000000u, now);
+    EXPECT_LE(TimestampUs(second.buf), NowUs()); // on CLOCK_MONOTONIC
 
     zsim::Counters after = zsim::counters(0);
     EXPECT_EQ(after.delivered, 2u);
@@ -98,7 +92,6 @@ TEST_F(StreamFreeRunningTest, EveryPeriodCountsAndPeriodsWithoutBufferAreDropped
 
 TEST_F(StreamFreeRunningTest, SequenceContinuesAcrossStreamOnUnlessTheDriverRestartsIt)
 {
-    SetFps(1, 60);
     VideoNode node("/dev/video1");
     Start(node, 3, true);
     BufferRecord frame;
@@ -175,8 +168,7 @@ TEST_F(StreamFreeRunningTest, BlockingDequeueWaitsWithoutHoldingTheDriver)
     });
     while (!started)
         std::this_thread::yield();
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitMs);
-    while (result.load() != EINTR && std::chrono::steady_clock::now() < deadline) {
+    for (int tries = 0; result.load() != EINTR && tries < kWaitMs / 20; ++tries) {
         pthread_kill(interrupted.native_handle(), SIGUSR1);
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }

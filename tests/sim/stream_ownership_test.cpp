@@ -1,6 +1,5 @@
 // Buffer ownership and scripted frames on a simulated node: who holds each
 // buffer, what a dequeue reports, and when the descriptor is readable.
-#include <poll.h>
 #include <sys/select.h>
 
 #include <cerrno>
@@ -33,10 +32,14 @@ protected:
         BufferRecord record(index);
         return node_->Request(VIDIOC_QBUF, &record.buf);
     }
+    // What select() says about the node right now.
     bool Readable()
     {
-        pollfd p{node_->fd(), POLLIN, 0};
-        return poll(&p, 1, 0) == 1;
+        fd_set set;
+        FD_ZERO(&set);
+        FD_SET(node_->fd(), &set);
+        timeval none{0, 0};
+        return select(node_->fd() + 1, &set, nullptr, nullptr, &none) == 1;
     }
     static zsim::ScriptedFrame Frame(uint32_t sequence, uint64_t timestamp_us)
     {
@@ -100,44 +103,13 @@ TEST_F(StreamOwnershipTest, ScriptedFramesFillQueuedBuffersInOrder)
     EXPECT_EQ(out.buf.sequence, 9u);
     EXPECT_FALSE(Readable());
     EXPECT_EQ(node_->Request(VIDIOC_DQBUF, &out.buf), EAGAIN);
-
-    // Select sees the same readiness as poll.
     ASSERT_EQ(Queue(1), 0);
-    fd_set set;
-    FD_ZERO(&set);
-    FD_SET(node_->fd(), &set);
-    timeval none{0, 0};
-    EXPECT_EQ(select(node_->fd() + 1, &set, nullptr, nullptr, &none), 1);
+    EXPECT_TRUE(Readable());
 
     zsim::Counters counters = zsim::counters(0);
     EXPECT_EQ(counters.produced, 3u);
     EXPECT_EQ(counters.delivered, 2u);
     EXPECT_EQ(counters.dropped, 0u);
-}
-
-TEST_F(StreamOwnershipTest, QuirksMisreportIndexAndPlanes)
-{
-    zsim::Quirks quirks;
-    quirks.dequeue_index = 5;
-    quirks.extra_planes = 1;
-    zsim::set_quirks(0, quirks);
-    int input = 3;
-    uint32_t count = 0;
-    ASSERT_EQ(node_->RequestBuffers(&count), 0);
-    ASSERT_EQ(node_->Request(VIDIOC_S_INPUT, &input), 0);
-    count = 3;
-    ASSERT_EQ(node_->RequestBuffers(&count), 0);
-    BufferRecord query(0, 2);
-    ASSERT_EQ(node_->Request(VIDIOC_QUERYBUF, &query.buf), 0);
-    EXPECT_EQ(query.buf.length, 3u);
-
-    ASSERT_EQ(node_->Stream(VIDIOC_STREAMON), 0);
-    ASSERT_EQ(Queue(1), 0);
-    zsim::push_frame(0, Frame(1, 1000));
-    BufferRecord out(0, 2);
-    ASSERT_EQ(node_->Request(VIDIOC_DQBUF, &out.buf), 0);
-    EXPECT_EQ(out.buf.index, 5u);
-    EXPECT_EQ(out.buf.length, 3u);
 }
 
 } // namespace

@@ -74,6 +74,7 @@ struct BufferRecord {
         buf.m.planes = plane;
         buf.length = planes;
     }
+    BufferRecord(const BufferRecord &) = delete; // buf points into the record
     v4l2_buffer buf{};
     v4l2_plane plane[3]{};
 };

@@ -155,6 +155,16 @@ TEST_F(CoreNodesTest, DuplicatesAreTrackedAndShareTheOpenFile)
     EXPECT_EQ(Describe(fstat(reused, &st), st), "c 1:3");
     close(reused);
 
+    // A driver whose descriptors all lie high up.
+    zsim::Quirks quirks;
+    quirks.descriptor_floor = 600;
+    zsim::set_quirks(0, quirks);
+    zelisp_test::VideoNode high("/dev/video0");
+    EXPECT_GE(high.fd(), 600);
+    int high_copy = dup(high.fd());
+    EXPECT_GE(high_copy, 600);
+    close(high_copy);
+
     // Anonymous memory never reaches the simulator.
     void *anonymous = mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     ASSERT_NE(anonymous, MAP_FAILED);

@@ -10,17 +10,23 @@
 
 namespace zelisp {
 
-// Runs for every plane of every frame, so it picks the bit without a
-// branch per view: drop the lowest enabled views `plane` times, then the
-// lowest one left is the answer.
+namespace {
+
+// kViewOfPlane[mask][j]: the j-th enabled view of a three-bit view mask, -1
+// when fewer views are enabled. A lookup, since this runs for every plane of
+// every frame and a scan over the views costs a branch per view.
+constexpr int8_t kViewOfPlane[1 << kMaxViews][kMaxViews] = {
+    {-1, -1, -1}, {0, -1, -1}, {1, -1, -1}, {0, 1, -1},
+    {2, -1, -1},  {0, 2, -1},  {1, 2, -1},  {0, 1, 2},
+};
+
+} // namespace
+
 int ViewOfPlane(uint32_t view_mask, int plane)
 {
-    if (plane < 0)
+    if (plane < 0 || plane >= kMaxViews)
         return -1;
-    uint32_t views = view_mask & ((1u << kMaxViews) - 1);
-    for (; plane > 0 && views != 0; --plane)
-        views &= views - 1;
-    return views != 0 ? __builtin_ctz(views) : -1;
+    return kViewOfPlane[view_mask & ((1u << kMaxViews) - 1)][plane];
 }
 
 } // namespace zelisp

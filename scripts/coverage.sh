@@ -15,10 +15,13 @@ cmake -S . -B "$build_dir" -DCMAKE_BUILD_TYPE=Debug \
   -DCMAKE_SHARED_LINKER_FLAGS=--coverage >/dev/null
 cmake --build "$build_dir" -j"$jobs"
 find "$build_dir" -name '*.gcda' -delete
-ctest --test-dir "$build_dir" --output-on-failure -j"$jobs" "$@"
+# A failing test still leaves its coverage; the report comes first.
+tests=0
+ctest --test-dir "$build_dir" --output-on-failure -j"$jobs" "$@" || tests=$?
 
 mkdir -p "$build_dir/coverage"
 gcovr --root . --object-directory "$build_dir" --filter 'src/' \
   --exclude-unreachable-branches --exclude-throw-branches \
   --html-details "$build_dir/coverage/index.html" \
   --txt - --print-summary --fail-under-line "$minimum"
+[ "$tests" -eq 0 ] || { echo "some tests failed"; exit 1; }

@@ -215,11 +215,36 @@ void Sequence::CameraStep(Slot &slot)
     CameraModel &m = slot.model;
     const unsigned long h = slot.handle;
     // A zero handle now and then: every front refuses it with -15.
+    // A zero handle or a null pointer now and then: every front refuses
+    // it with -15 before it looks at any object.
     if (h && Chance(3)) {
-        Note("calls with handle 0");
-        Expect("start(0)", isp_start_capture(0), ISP_ERR_INVALID);
-        Expect("close(0)", isp_close_video(0), ISP_ERR_INVALID);
-        Expect("set_brightness(0)", isp_camera_set_brightness(0, 1), ISP_ERR_INVALID);
+        Note("calls with handle 0 or null pointers");
+        zelvideo::_isp_buf_t buf{};
+        zelvideo::_view_format_t format{};
+        int64_t fd = 0;
+        const int refused[] = {
+            isp_close_video(0),
+            isp_camera_get_native_fd(0, &fd),
+            isp_init_video(0, 1, 3),
+            isp_resize_resolution(0, nullptr),
+            isp_start_capture(0),
+            isp_stop_capture(0),
+            isp_get_frame_buf(0, &buf, 0),
+            isp_get_frame_buf(h, nullptr, 0),
+            isp_put_frame_buf(0, &buf),
+            isp_put_frame_buf(h, nullptr),
+            isp_put_frame_buf_by_index(0, 0),
+            isp_get_view_format(0, 0, &format),
+            isp_get_view_format(h, 0, nullptr),
+            isp_get_view_buf_fd(0, 0, 0),
+            isp_set_frame_drop_num(0, 30, 10),
+            isp_get_expected_frame(0, &buf, 0),
+            isp_get_expected_frame(h, nullptr, 0),
+            isp_camera_set_brightness(0, 1),
+            isp_camera_get_brightness(h, nullptr),
+        };
+        for (int result : refused)
+            Expect("call with handle 0 or a null pointer", result, ISP_ERR_INVALID);
         return;
     }
     if (!h) {
@@ -312,8 +337,9 @@ void Sequence::CameraStep(Slot &slot)
         break;
     }
     case 9: {
-        static const int32_t ratios[][2] = {{30, 10}, {30, 20}, {30, 15}, {30, 0}, {25, 10}, {121, 1}, {10, 10}, {4, 3}};
-        const int32_t *ratio = ratios[Pick(8)];
+        static const int32_t ratios[][2] = {{30, 10}, {30, 20}, {30, 15}, {30, 0}, {25, 10},
+                                            {121, 1}, {10, 10}, {4, 3},   {5, 3},   {0, 0}};
+        const int32_t *ratio = ratios[Pick(10)];
         Note("set_frame_drop_num(" + std::to_string(ratio[0]) + ", " + std::to_string(ratio[1]) + ")");
         Expect("set_frame_drop_num", isp_set_frame_drop_num(h, ratio[0], ratio[1]),
                model_.SetFrameDropNum(m, ratio[0], ratio[1]));
@@ -645,6 +671,23 @@ void Sequence::GroupStep()
         break;
     }
     case 12:
+        if (Chance(30)) {
+            Note("group calls with null pointers");
+            unsigned long unused = 0;
+            const int refused[] = {
+                zelvideo::isp_group_get_view_format(g, 0, nullptr),
+                zelvideo::isp_group_get_sync_frame(g, nullptr, 3, 0),
+                zelvideo::isp_group_put_frame(g, nullptr, 3),
+                isp_group_get_video_info(g, 0, nullptr),
+                isp_group_open_video(g, 1, nullptr),
+                isp_create_video_group(nullptr, 0, "rig", kGroupCameras, 2),
+                isp_create_video_group(&unused, 0, "rig", nullptr, 2),
+                isp_create_empty_video_group(nullptr, 0, "rig", 2),
+            };
+            for (int result : refused)
+                Expect("group call with a null pointer", result, ISP_ERR_INVALID);
+            Expect("no group handed out", (long long)unused, 0);
+        }
         Note("group triggers");
         Expect("group internal trigger", isp_group_set_internal_trigger(g, 1, 2, 3), ISP_OK);
         Expect("group external trigger", isp_group_set_external_trigger(g, 9, 9, 9), ISP_OK);

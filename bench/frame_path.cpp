@@ -1,5 +1,5 @@
 /*
- * frame_path.cpp - the two readers of the frame-path comparison.
+ * frame_path.cpp - the readers of the frame-path comparison.
  */
 #include "frame_path.h"
 

@@ -185,13 +185,16 @@ protected:
     static constexpr uint64_t kPeriodUs = 1000000 / kFps;
     static constexpr int kMembers = 4;
 
-    // Four free-running cameras at a slow rate, opened and set up with every
-    // buffer they may have, so that a reader stalled by a loaded machine
-    // makes no camera drop a frame the others delivered.
+    // Four free-running cameras at a slow rate with a small view 0, opened
+    // and set up with every buffer they may have, so that neither a reader
+    // stalled by a loaded machine nor the simulated sensor painting its
+    // buffers makes one camera drop a frame the others delivered (which
+    // would leave it a period behind for good).
     unsigned long MakeSetUpGroup(bool triggered)
     {
         zsim::CameraConfig config;
         config.fps = kFps;
+        config.views[0] = {zsim::kNV12, 640, 360};
         for (int camera = 0; camera < kMembers; ++camera)
             zsim::set_camera(camera, config);
         const unsigned long group = MakeGroup({0, 1, 2, 3});

@@ -4,7 +4,7 @@
 # libgtest-dev:arm64, libgmock-dev:arm64), which puts them in
 # /usr/lib/aarch64-linux-gnu next to the host's own; scripts/setup.sh
 # installs them with ZELISP_SETUP_CROSS=1. Test programs run under
-# qemu-aarch64 with the cross toolchain's C library.
+# qemu-aarch64.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
 set(CMAKE_LIBRARY_ARCHITECTURE aarch64-linux-gnu)
@@ -24,4 +24,9 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 set(ENV{PKG_CONFIG_LIBDIR} /usr/lib/aarch64-linux-gnu/pkgconfig:/usr/share/pkgconfig)
 set(ENV{PKG_CONFIG_PATH} "")
 
-set(CMAKE_CROSSCOMPILING_EMULATOR qemu-aarch64;-L;/usr/aarch64-linux-gnu)
+# Test programs run on the multiarch Arm64 C library (libc6:arm64, which the
+# multiarch packages above pull in): with -L / the Arm64 loader and libraries
+# are found at their usual paths. The cross toolchain's own copy in
+# /usr/aarch64-linux-gnu is for linking only; under qemu-user 7.2 its
+# pthread_create never returns.
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-aarch64;-L;/)

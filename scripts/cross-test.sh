@@ -5,9 +5,16 @@
 # checks that the Arm64 library exports exactly the symbols of the host
 # build (build/, or $ZELISP_HOST_BUILD_DIR, when present).
 #
-# packaging.install_and_consume is left out: it compiles a consumer with the
-# host compiler and runs it, which an Arm64 install tree cannot serve; the
-# exported-symbol and header checks of the same folder do run.
+# Left out under qemu, each for a reason of the emulation, not of the code:
+#  - packaging.install_and_consume compiles a consumer with the host compiler
+#    and runs it, which an Arm64 install tree cannot serve (the exported-symbol
+#    and header checks of the same folder do run);
+#  - RunnerTest.* and the v4l2-ctl listing start zelisp-sim-run or host tools
+#    (ls, v4l2-ctl) with the simulator preloaded: an Arm64 runner cannot be
+#    executed by the host shell, nor an Arm64 library preloaded into a host tool;
+#  - CoreNodesTest.DuplicatesAreTrackedAndShareTheOpenFile sends a V4L2
+#    request to a real /dev/null, which qemu-user answers with ENOSYS (it
+#    knows no translation for it) where the kernel says ENOTTY.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ZELISP_SETUP_CROSS=1 ./scripts/setup.sh
@@ -21,7 +28,8 @@ cmake --build "$build_dir" -j"$jobs"
 library="$build_dir/src/libzelisp.so.1"
 readelf -h "$library" | grep -q 'Machine:.*AArch64' || { echo "$library is not an Arm64 library"; exit 1; }
 
-ctest --test-dir "$build_dir" --output-on-failure -j"$jobs" -E '^packaging\.install_and_consume$' "$@"
+excluded='^packaging\.install_and_consume$|^RunnerTest\.|^ControlListingTest\.V4l2Ctl|^CoreNodesTest\.DuplicatesAreTrackedAndShareTheOpenFile$'
+ctest --test-dir "$build_dir" --output-on-failure -j"$jobs" -E "$excluded" "$@"
 
 exported() { nm -D --defined-only "$1" | awk '$2 ~ /^[TWDBRV]$/ {print $3}' | sort -u; }
 if [ -e "$host_build_dir/src/libzelisp.so.1" ]; then

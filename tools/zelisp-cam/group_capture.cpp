@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "camera_handle.h"
 #include "capture_loops.h"
 #include "tool_errors.h"
 
@@ -80,8 +81,8 @@ int set_up(GroupCapture &capture)
         return report_failure("setting the group's streams up", result);
 
     for (size_t i = 0; i < cameras.size(); ++i) {
-        CapturedCamera captured = {cameras[i], "", {}, CameraStats(cameras[i], DecimationRule())};
-        captured.node = "/dev/video" + std::to_string(options.mode == 2 ? cameras[i] + 12 : cameras[i]);
+        CapturedCamera captured = {cameras[i], node_path(cameras[i], options.mode), {},
+                                   CameraStats(cameras[i], DecimationRule())};
         if ((result = read_view_formats(capture.members[i], options, &captured.views)) != ISP_OK)
             return report_failure(member_context(capture, i) + ": reading the view formats", result);
         capture.run.cameras.push_back(std::move(captured));

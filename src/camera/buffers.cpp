@@ -23,6 +23,11 @@ zelvideo::_isp_view_buf_t &PlaneEntry(IspVideo &video, int buffer, int plane)
     return video.buffers[buffer].views[ViewOfPlane(video.view_mask, plane)];
 }
 
+uint32_t &MappedLength(IspVideo &video, int buffer, int plane)
+{
+    return video.mapped_length[buffer][ViewOfPlane(video.view_mask, plane)];
+}
+
 // Undoes the mappings of a failed buffer phase: every plane of the first
 // `whole_buffers` buffers and the first `planes_of_next` planes of the next.
 void UnmapPlanes(IspVideo &video, int whole_buffers, int planes_of_next)
@@ -30,8 +35,7 @@ void UnmapPlanes(IspVideo &video, int whole_buffers, int planes_of_next)
     for (int buffer = 0; buffer <= whole_buffers && buffer < video.buffer_count; ++buffer) {
         int planes = buffer < whole_buffers ? video.plane_count : planes_of_next;
         for (int plane = 0; plane < planes; ++plane) {
-            zelvideo::_isp_view_buf_t &entry = PlaneEntry(video, buffer, plane);
-            munmap(entry.addr, entry.length);
+            munmap(PlaneEntry(video, buffer, plane).addr, MappedLength(video, buffer, plane));
         }
     }
 }
@@ -52,6 +56,7 @@ int MapBuffer(IspVideo &video, int buffer)
         zelvideo::_isp_view_buf_t &entry = PlaneEntry(video, buffer, plane);
         entry.index = uint32_t(buffer);
         entry.length = planes[plane].length;
+        MappedLength(video, buffer, plane) = entry.length;
         entry.addr = mmap(nullptr, entry.length, PROT_READ | PROT_WRITE, MAP_SHARED, video.fd,
                           planes[plane].m.mem_offset);
         if (entry.addr == MAP_FAILED) {
@@ -117,7 +122,7 @@ void IspVideo::ReleaseBuffers()
             const zelvideo::_isp_view_buf_t &entry = PlaneEntry(*this, buffer, plane);
             if (entry.addr == MAP_FAILED)
                 continue;
-            munmap(entry.addr, entry.length);
+            munmap(entry.addr, MappedLength(*this, buffer, plane));
             // -1 marks a plane whose export failed: nothing to close.
             if (entry.fd > 0)
                 close(entry.fd);

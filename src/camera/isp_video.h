@@ -52,6 +52,11 @@ struct IspVideo {
     uint32_t decimation_mode = DECIMATION_OFF;
     uint32_t keep_interval = 0;
     uint32_t drop_interval = 0;
+    // Length each plane was mapped with, by buffer and view. The table's
+    // `length` follows what the driver reports at every dequeue, and a
+    // driver that reports another size must not make Close unmap more (or
+    // less) than was mapped.
+    uint32_t mapped_length[kMaxBuffers][kMaxViews] = {};
 
     // Node lifetime.
     int Open(uint32_t camera_index, int32_t open_mode);

@@ -82,7 +82,8 @@ std::string CaptureRun::accept(CapturedCamera &camera, const zelvideo::_isp_buf_
 {
     uint64_t index = camera.stats.frames();
     camera.stats.accept(frame_sequence(camera, frame), frame_timestamp(camera, frame));
-    progress.show(progress_text(*this));
+    if (progress.due())
+        progress.show(progress_text(*this));
     return files.frame(camera.camera, camera.views, frame, index);
 }
 

@@ -13,14 +13,18 @@ constexpr std::chrono::milliseconds kRedrawInterval{250};
 
 ProgressLine::ProgressLine() : enabled_(isatty(STDERR_FILENO) == 1) {}
 
+bool ProgressLine::due() const
+{
+    return enabled_ && (!shown_ || std::chrono::steady_clock::now() - last_ >= kRedrawInterval);
+}
+
 void ProgressLine::show(const std::string &text, bool force)
 {
+    if (!force && !due())
+        return;
     if (!enabled_)
         return;
-    auto now = std::chrono::steady_clock::now();
-    if (shown_ && !force && now - last_ < kRedrawInterval)
-        return;
-    last_ = now;
+    last_ = std::chrono::steady_clock::now();
     shown_ = true;
     // Carriage return and erase-to-end-of-line: the line redraws in place.
     fprintf(stderr, "\r\033[K%s", text.c_str());

@@ -15,6 +15,9 @@ namespace zcam {
 class ProgressLine {
 public:
     ProgressLine();
+    // Whether show() would draw now: callers on the frame path ask first,
+    // so the text is only built when it is going to be drawn.
+    bool due() const;
     // Redraws the line, at most a few times a second unless forced.
     void show(const std::string &text, bool force = false);
     // Erases the line before other output.

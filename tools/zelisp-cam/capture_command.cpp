@@ -162,7 +162,7 @@ void add_capture_command(CLI::App &app, int *status)
     capture->add_option("--resize", arguments->resize,
                         "Crop, scale, crop in the ISP: X,Y,W,H[:SW,SH[:X,Y,W,H]] (even numbers; the first crop "
                         "must fit in view 1)")
-        ->type_name("SPEC");
+        ->type_name("CROPS");
     capture->add_option("--drop", arguments->drop,
                         "Frame decimation: drop D frames out of every T, one frame in N (e.g. 30/10, 30/20)")
         ->type_name("T/D");

@@ -11,6 +11,16 @@ packages=(
   libcli11-dev libpng-dev libyuv-dev nlohmann-json3-dev   # zelisp-cam
   valgrind gcovr cppcheck clang-tidy
   python3                # bench/run_benchmarks.py writes docs/performance.md
+  # GStreamer plugin (gst/) and zelisp-rtsp, and the stock elements its tests and pipelines use
+  libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev libgstrtspserver-1.0-dev gstreamer1.0-tools
+  gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad gstreamer1.0-plugins-ugly
+  gstreamer1.0-rtsp
+  # Python package (python/): Debian's interpreter, numpy, OpenCV for the recipes, pytest
+  pybind11-dev python3-dev python3-numpy python3-opencv python3-pytest
+  # web console (zelisp-cam serve) and its browser test
+  libcpp-httplib-dev libturbojpeg0-dev chromium chromium-driver python3-selenium
+  # man pages and Debian packages
+  help2man dpkg-dev file lintian
 )
 if [ "${ZELISP_SETUP_CROSS:-0}" = 1 ]; then
   # The Arm64 build (scripts/cross-test.sh): the cross compiler, qemu to run

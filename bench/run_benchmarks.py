@@ -17,6 +17,24 @@ import sys
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import callgrind_costs  # noqa: E402
+import glob  # noqa: E402
+import importlib.util  # noqa: E402
+
+
+def section_modules():
+    """The benchmark sections of the parts built on the library (bench/sections/*.py).
+
+    Each module has TITLE, measure(context, quick) -> figures (JSON-serialisable)
+    and report(figures) -> markdown lines, and is run in name order.
+    """
+    here = os.path.dirname(os.path.abspath(__file__))
+    modules = []
+    for path in sorted(glob.glob(os.path.join(here, "sections", "*.py"))):
+        spec = importlib.util.spec_from_file_location(os.path.basename(path)[:-3], path)
+        module = importlib.util.module_from_spec(spec)
+        spec.loader.exec_module(module)
+        modules.append(module)
+    return modules
 
 FRAME_BATCH = 256
 CALLGRIND_FRAMES = 20000
@@ -526,6 +544,11 @@ def write_report(path, figures, started, finished):
             add(f"| {client} | {b['total']:.0f} | {b['client']:.0f} | {b['library']:.0f} | {b['simulator']:.0f} | "
                 f"{b['libc']:.0f} | {other:.0f} |")
     add("")
+    for module in section_modules():
+        section = figures.get("sections", {}).get(module.__name__)
+        if section is not None:
+            lines.extend(module.report(section))
+            add("")
     notes = figures.get("notes")
     if notes:
         add("## Findings")
@@ -567,6 +590,12 @@ def main():
     figures["groups"] = groups(options.bin_dir, 2 if quick else 10)
     figures["peers"] = peers(options.bin_dir, options.sim_run, options.cam_tool, quick)
     figures["peer_instructions"] = peer_instructions(options.sim_lib, options.cam_tool)
+    context = {"bin_dir": options.bin_dir, "sim_run": options.sim_run, "sim_lib": options.sim_lib,
+               "cam_tool": options.cam_tool, "build_dir": os.getcwd()}
+    figures["sections"] = {}
+    for module in section_modules():
+        log(f"section: {module.TITLE}")
+        figures["sections"][module.__name__] = module.measure(context, quick)
     finished = datetime.datetime.utcnow()
     figures["started"], figures["finished"] = started.isoformat(), finished.isoformat()
     with open(saved, "w", encoding="utf-8") as stream:

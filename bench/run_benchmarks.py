@@ -591,7 +591,7 @@ def main():
     figures["peers"] = peers(options.bin_dir, options.sim_run, options.cam_tool, quick)
     figures["peer_instructions"] = peer_instructions(options.sim_lib, options.cam_tool)
     context = {"bin_dir": options.bin_dir, "sim_run": options.sim_run, "sim_lib": options.sim_lib,
-               "cam_tool": options.cam_tool, "build_dir": os.getcwd()}
+               "cam_tool": options.cam_tool, "build_dir": os.path.dirname(os.getcwd())}  # runs in <build>/bench
     figures["sections"] = {}
     for module in section_modules():
         log(f"section: {module.TITLE}")

@@ -34,7 +34,7 @@ stage_lint() {
   ./scripts/setup.sh || return 1
   local dir=$prefix-lint status=0
   cmake -S . -B "$dir" -DCMAKE_EXPORT_COMPILE_COMMANDS=ON -DZELISP_BUILD_SIM=OFF -DZELISP_BUILD_TESTS=OFF \
-    -DZELISP_BUILD_TOOLS=OFF -DZELISP_BUILD_EXAMPLES=OFF >/dev/null || return 1
+    -DZELISP_BUILD_TOOLS=OFF -DZELISP_BUILD_EXAMPLES=OFF -DZELISP_BUILD_GST=OFF -DZELISP_BUILD_PYTHON=OFF >/dev/null || return 1
   mapfile -t sources < <(find src -name '*.cpp' | sort)
   echo "clang-tidy: ${#sources[@]} files"
   printf '%s\n' "${sources[@]}" | xargs -P "$ZELISP_JOBS" -n 4 clang-tidy -p "$dir" --quiet || status=1

@@ -164,6 +164,46 @@ uint32_t cell_luma(const uint8_t *plane, const ViewFormat &format, uint32_t x0, 
     return sum / 9;
 }
 
+// Copies the first row of rows [y0, y1), between pixels x0 and x1, to the
+// rows below it; for NV12/NV21 the chroma row of y0 likewise. The callers
+// paint two rows (one chroma row) and let this make the rest, so that a
+// strip costs a few row copies rather than a fill per cell and row.
+void replicate_rows(uint8_t *plane, const ViewFormat &format, uint32_t x0, uint32_t x1, uint32_t y0, uint32_t y1)
+{
+    const size_t w = format.width;
+    size_t stride = w, b0 = x0, b1 = x1;
+    if (format.fourcc == kYUYV) {
+        stride = w * 2;
+        b0 = size_t(x0 & ~1u) * 2;
+        b1 = size_t(x1 & ~1u) * 2;
+    } else if (format.fourcc == kRGB24) {
+        stride = w * 3;
+        b0 = size_t(x0) * 3;
+        b1 = size_t(x1) * 3;
+    }
+    for (uint32_t y = y0 + 1; y < y1 && b0 < b1; ++y)
+        memcpy(plane + y * stride + b0, plane + size_t(y0) * stride + b0, b1 - b0);
+    if (format.fourcc != kNV12 && format.fourcc != kNV21)
+        return;
+    uint8_t *chroma = plane + w * format.height;
+    const size_t cstride = w & ~size_t(1), c0 = x0 & ~1u, c1 = x1 & ~1u;
+    for (uint32_t y = y0 / 2 + 1; y < y1 / 2 && c0 < c1; ++y)
+        memcpy(chroma + y * cstride + c0, chroma + size_t(y0 / 2) * cstride + c0, c1 - c0);
+}
+
+// Copies whole rows [y0, y1) (and their chroma rows) from an image of the
+// same format.
+void copy_rows(uint8_t *plane, const uint8_t *from, const ViewFormat &format, uint32_t y0, uint32_t y1)
+{
+    const size_t w = format.width;
+    const size_t stride = format.fourcc == kYUYV ? w * 2 : format.fourcc == kRGB24 ? w * 3 : w;
+    memcpy(plane + y0 * stride, from + y0 * stride, (y1 - y0) * stride);
+    if (format.fourcc != kNV12 && format.fourcc != kNV21)
+        return;
+    const size_t offset = w * format.height, cstride = w & ~size_t(1);
+    memcpy(plane + offset + y0 / 2 * cstride, from + offset + y0 / 2 * cstride, (y1 / 2 - y0 / 2) * cstride);
+}
+
 } // namespace
 
 size_t image_size(const ViewFormat &format)
@@ -190,7 +230,11 @@ void paint_background(uint8_t *plane, size_t length, const ViewFormat &format)
         paint_bars(plane, format, 0, format.height);
 }
 
-void paint_frame(uint8_t *plane, size_t length, const ViewFormat &format, uint32_t sequence)
+// Each strip is painted on its first two rows, cell by cell, and then
+// copied down whole rows at a time: the cells are an even number of rows
+// high, so two rows carry one row of chroma as well.
+void paint_frame(uint8_t *plane, size_t length, const ViewFormat &format, uint32_t sequence,
+                 const uint8_t *background)
 {
     const uint32_t cell = layout_of(format).cell;
     if (!paintable(format, length) || !cell)
@@ -198,16 +242,25 @@ void paint_frame(uint8_t *plane, size_t length, const ViewFormat &format, uint32
     for (int bit = 0; bit < kBits; ++bit) {
         const bool one = (sequence >> (kBits - 1 - bit)) & 1;
         const uint32_t x = cell * (bit + 1);
-        fill_rect(plane, format, x, cell, x + cell, 2 * cell, one ? kWhite : kBlack);
-        fill_rect(plane, format, x, 2 * cell, x + cell, 3 * cell, one ? kBlack : kWhite);
+        fill_rect(plane, format, x, cell, x + cell, cell + 2, one ? kWhite : kBlack);
+        fill_rect(plane, format, x, 2 * cell, x + cell, 2 * cell + 2, one ? kBlack : kWhite);
     }
+    replicate_rows(plane, format, cell, cell * (kBits + 1), cell, 2 * cell);
+    replicate_rows(plane, format, cell, cell * (kBits + 1), 2 * cell, 3 * cell);
     // The block's band is repainted whole, since the buffer held some older
     // frame whose block stood elsewhere.
     const uint32_t band = 4 * cell;
-    paint_bars(plane, format, band, band + cell);
     const uint32_t travel = format.width - 2 * cell;
     const uint32_t x = uint32_t(uint64_t(sequence) * (cell / 2) % travel) & ~1u;
-    fill_rect(plane, format, x, band, x + 2 * cell, band + cell, kWhite);
+    if (background) {
+        copy_rows(plane, background, format, band, band + cell);
+        fill_rect(plane, format, x, band, x + 2 * cell, band + 2, kWhite);
+        replicate_rows(plane, format, x, x + 2 * cell, band, band + cell);
+        return;
+    }
+    paint_bars(plane, format, band, band + 2);
+    fill_rect(plane, format, x, band, x + 2 * cell, band + 2, kWhite);
+    replicate_rows(plane, format, 0, format.width, band, band + cell);
 }
 
 bool read_frame_number(const uint8_t *plane, size_t length, const ViewFormat &format, uint32_t *sequence)

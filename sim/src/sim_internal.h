@@ -49,7 +49,9 @@ bool camera_present(int camera);
 // cameras at high rates stay cheap.
 size_t image_size(const ViewFormat &format);       // bytes of one image
 void paint_background(uint8_t *plane, size_t length, const ViewFormat &format);
-void paint_frame(uint8_t *plane, size_t length, const ViewFormat &format, uint32_t sequence);
+// background: the image the band is restored from (null: the colour bars).
+void paint_frame(uint8_t *plane, size_t length, const ViewFormat &format, uint32_t sequence,
+                 const uint8_t *background = nullptr);
 // Reads back the frame number paint_frame wrote; false if none is found.
 bool read_frame_number(const uint8_t *plane, size_t length, const ViewFormat &format, uint32_t *sequence);
 

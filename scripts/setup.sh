@@ -25,7 +25,8 @@ packages=(
 if [ "${ZELISP_SETUP_CROSS:-0}" = 1 ]; then
   # The Arm64 build (scripts/cross-test.sh): the cross compiler, qemu to run
   # the tests, and the target's libraries through Debian multiarch.
-  packages+=(g++-aarch64-linux-gnu qemu-user libinih-dev:arm64 libgtest-dev:arm64 libgmock-dev:arm64)
+  packages+=(g++-aarch64-linux-gnu qemu-user libinih-dev:arm64 libgtest-dev:arm64 libgmock-dev:arm64
+             libpng-dev:arm64 libturbojpeg0-dev:arm64 libyuv-dev:arm64)
 fi
 
 missing=()

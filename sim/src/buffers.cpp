@@ -74,7 +74,7 @@ int allocate_buffers(State &s, int node, uint32_t count)
     for (Buffer &buffer : n.buffers) {
         buffer.planes.resize(views.size());
         for (size_t j = 0; j < views.size(); ++j)
-            if (int err = allocate_plane(buffer.planes[j], cam.config.views[views[j]]))
+            if (int err = allocate_plane(buffer.planes[j], delivered_view(cam, views[j])))
                 return err;
     }
     return 0;

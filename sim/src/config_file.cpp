@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "scene_source.h"
 #include "sim_internal.h"
 
 namespace zsim {
@@ -29,6 +30,7 @@ namespace {
 constexpr int kCameras = 12;
 constexpr uint32_t kMaxFps = 240;
 constexpr uint32_t kMaxBuffers = 32;
+constexpr uint32_t kMaxNoise = 64;
 constexpr uint32_t kMaxDimension = 65535; // the driver reports view sizes in 16-bit words
 
 struct CameraPlan {
@@ -64,6 +66,7 @@ enum class Section { None, Cameras, Camera, Node, Platform };
 struct Parser {
     FILE *file = nullptr;
     int line = 0;
+    std::string directory; // of the file: relative sources are found from there
     Section section = Section::None;
     int camera = -1; // of a [camera N] section
     std::string error; // first error, without its location
@@ -258,6 +261,16 @@ bool camera_key(Parser *parser, const std::string &key, const std::string &value
     } else if (key == "max_buffers") {
         if (!parse_uint(value, kMaxBuffers, &config.max_buffers) || config.max_buffers == 0)
             return parser->fail(bad + "1 to 32");
+    } else if (key == "source") {
+        std::string error;
+        config.source = value.empty() || value[0] == '/' ? value : parser->directory + value;
+        if (value.empty() || !detail::load_scene(config.source, &error))
+            return parser->fail("bad source '" + value + "': " + (value.empty() ? "expected a path" : error));
+    } else if (key == "noise") {
+        if (value == "none")
+            config.noise = 0;
+        else if (!parse_uint(value, kMaxNoise, &config.noise))
+            return parser->fail(bad + "none, or a standard deviation 0 to 64");
     } else if (key == "mode") {
         if (value != "scripted" && value != "free")
             return parser->fail(bad + "scripted or free");
@@ -409,6 +422,8 @@ void apply(const Plan &plan)
 bool load_config(const std::string &path, std::string *error)
 {
     Parser parser;
+    const size_t slash = path.rfind('/');
+    parser.directory = slash == std::string::npos ? "" : path.substr(0, slash + 1);
     parser.file = fopen(path.c_str(), "re");
     if (!parser.file) {
         if (error)

@@ -252,6 +252,8 @@ bool handle_control_request(int camera, uint32_t request, void *arg, int *error,
     std::lock_guard<std::mutex> hold(g_lock);
     CameraControls *controls = camera_controls(camera);
     *error = controls ? value_request(controls, request, arg, note) : ENODEV;
+    if (!*error && (request == uint32_t(VIDIOC_S_CTRL) || request == uint32_t(VIDIOC_S_EXT_CTRLS)))
+        note_controls_changed(camera);
     return true;
 }
 
@@ -261,6 +263,8 @@ void reset_controls()
     for (CameraControls &camera : g_cameras)
         set_defaults(&camera);
     g_ready = true;
+    for (int camera = 0; camera < kCameras; ++camera)
+        note_controls_changed(camera);
 }
 
 } // namespace zsim::detail
@@ -296,6 +300,7 @@ bool set_control_value(int camera, uint32_t id, int32_t value)
     if (!controls)
         return false;
     controls->values[slot] = value;
+    note_controls_changed(camera);
     return true;
 }
 

@@ -24,6 +24,7 @@
 
 #include <sys/types.h>
 
+#include "isp_pipeline.h"
 #include "sim_internal.h"
 
 namespace zsim::detail {
@@ -44,7 +45,7 @@ struct Plane {
     uint8_t *data = nullptr; // the driver's own view, for painting
     size_t length = 0;       // page-aligned
     ViewFormat format{};
-    bool painted = false;    // the background is painted once per buffer
+    uint64_t image_id = 0;   // the processed image the plane holds (0: none)
 };
 
 enum class BufferState { User, Queued, Filled };
@@ -83,6 +84,7 @@ struct Camera {
     bool present = false;
     CameraConfig config;
     uint32_t input = 7; // the view combination in force
+    CameraIsp isp;
 };
 
 // What a program's descriptor refers to. Descriptors made by dup share
@@ -204,6 +206,21 @@ void drain_filled(Node &n); // the node's descriptors stop being readable
 void fill_buffer(Node &n, int index, uint32_t sequence, uint64_t timestamp_ns, uint32_t reserved,
                  const uint32_t *plane_length, bool paint);
 void release_queue(State &s, int node); // the last descriptor of the node closed
+
+// ---- isp_pipeline.cpp: the ISP's processing of each view.
+// View v as the camera delivers it: the configured view, or for view 1 the
+// size its resize produces.
+ViewFormat delivered_view(const Camera &cam, int view);
+void set_view_resize(Camera &cam, const uint16_t words[11]);
+void clear_view_resize(Camera &cam);
+void set_camera_scene(Camera &cam, std::shared_ptr<const Scene> scene);
+// Paints a frame into one plane of a filled buffer: the processed image
+// when the plane does not hold it yet (or every frame with noise), then the
+// frame number on top.
+void paint_plane(State &s, int camera, int view, Plane &plane, uint32_t sequence);
+// After REQBUFS: builds the node's images and paints its buffers with the
+// lock released, so that streams already running lose no frame to it.
+void prepare_node_buffers(CoreLock &held, int node);
 
 // ---- hardware_thread.cpp
 uint64_t monotonic_ns();

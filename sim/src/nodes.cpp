@@ -153,9 +153,12 @@ void set_camera(int camera, const CameraConfig &config)
 {
     if (camera < 0 || camera >= kCameras)
         return;
+    // Decoded before the lock is taken: a video takes a while.
+    std::shared_ptr<const Scene> scene = config.source.empty() ? nullptr : load_scene(config.source, nullptr);
     CoreLock held;
     State &s = state();
     Camera &cam = s.cameras[camera];
+    set_camera_scene(cam, std::move(scene));
     // The selected combination survives a reconfiguration it still fits.
     if (!cam.present || (cam.input & ~config.supported_combination))
         cam.input = config.supported_combination;

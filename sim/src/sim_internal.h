@@ -35,6 +35,9 @@ struct LogNote {
 // them; otherwise true with *error = 0 or the errno to answer with.
 bool handle_control_request(int camera, uint32_t request, void *arg, int *error, LogNote *note);
 void reset_controls();
+// ---- isp_pipeline.cpp: a control of camera `camera` may have changed; the
+// image processing reads them again before the next frame. Takes no lock.
+void note_controls_changed(int camera);
 
 // ---- misc_device.cpp: requests on /dev/isp_misc. Returns false for a
 // request the platform driver does not know (the core answers ENOTTY).

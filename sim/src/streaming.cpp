@@ -119,6 +119,9 @@ void drain_filled(Node &n)
 void fill_buffer(Node &n, int index, uint32_t sequence, uint64_t timestamp_ns, uint32_t reserved,
                  const uint32_t *plane_length, bool paint)
 {
+    State &s = state();
+    const int node = int(&n - s.nodes);
+    const std::vector<int> views = views_of_node(s, node);
     Buffer &buffer = n.buffers[size_t(index)];
     buffer.state = BufferState::Filled;
     buffer.sequence = sequence;
@@ -127,12 +130,8 @@ void fill_buffer(Node &n, int index, uint32_t sequence, uint64_t timestamp_ns, u
     for (size_t j = 0; j < buffer.planes.size(); ++j) {
         Plane &plane = buffer.planes[j];
         buffer.reported_length[j] = plane_length ? plane_length[j] : 0;
-        if (!paint)
-            continue;
-        if (!plane.painted)
-            paint_background(plane.data, plane.length, plane.format);
-        plane.painted = true;
-        paint_frame(plane.data, plane.length, plane.format, sequence);
+        if (paint && j < views.size())
+            paint_plane(s, camera_of_node(node), views[j], plane, sequence);
     }
     n.filled.push_back(index);
     signal_filled(n);
@@ -145,6 +144,9 @@ void release_queue(State &s, int node)
         return;
     stop_stream(s.nodes[node]);
     free_buffers(s, node);
+    // The resize belongs to the open file that set it up, as on the board.
+    if (node < kCameras)
+        clear_view_resize(s.cameras[node]);
 }
 
 int queue_buffer(State &s, int node, v4l2_buffer *buf, LogNote *note)

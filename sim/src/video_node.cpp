@@ -96,7 +96,7 @@ void fill_format(const State &s, int node, v4l2_format *f)
     std::vector<int> views = views_of_node(s, node);
     std::memset(&f->fmt, 0, sizeof f->fmt);
     v4l2_pix_format_mplane &mp = f->fmt.pix_mp;
-    const ViewFormat &first = cam.config.views[views.empty() ? 0 : views[0]];
+    const ViewFormat first = delivered_view(cam, views.empty() ? 0 : views[0]);
     mp.width = first.width;
     mp.height = first.height;
     mp.pixelformat = first.fourcc;
@@ -104,13 +104,13 @@ void fill_format(const State &s, int node, v4l2_format *f)
     mp.colorspace = first.fourcc == kRGB24 ? V4L2_COLORSPACE_SRGB : V4L2_COLORSPACE_REC709;
     mp.num_planes = uint8_t(views.size());
     for (size_t j = 0; j < views.size(); ++j) {
-        const ViewFormat &view = cam.config.views[views[j]];
+        const ViewFormat view = delivered_view(cam, views[j]);
         const FormatInfo *info = find_format(view.fourcc);
         mp.plane_fmt[j].sizeimage = uint32_t(image_size(view));
         mp.plane_fmt[j].bytesperline = view.width * (info ? info->bytes_per_pixel_line : 1);
     }
     for (int v = 0; v < kMaxPlanes; ++v) {
-        const ViewFormat &view = cam.config.views[v];
+        const ViewFormat view = delivered_view(cam, v);
         mp.plane_fmt[v].reserved[0] = uint16_t(view.fourcc & 0xffff);
         mp.plane_fmt[v].reserved[1] = uint16_t(view.fourcc >> 16);
         mp.plane_fmt[v].reserved[2] = uint16_t(view.width);
@@ -265,9 +265,13 @@ bool handle_video_request(CoreLock &held, int node, const OpenFile &file, uint32
         return true;
     case VIDIOC_ISP_SET_RESIZE:
         *error = set_resize(arg, note);
+        if (!*error)
+            set_view_resize(s.cameras[camera_of_node(node)], static_cast<const uint16_t *>(arg));
         return true;
     case uint32_t(VIDIOC_REQBUFS):
         *error = request_buffers(s, node, static_cast<v4l2_requestbuffers *>(arg), note);
+        if (!*error)
+            prepare_node_buffers(held, node);
         return true;
     case uint32_t(VIDIOC_QUERYBUF):
         *error = query_buffer(s, node, static_cast<v4l2_buffer *>(arg), note);

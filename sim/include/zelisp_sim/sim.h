@@ -84,6 +84,13 @@ struct CameraConfig {
     uint32_t sensor_height = 1080;
     uint32_t fps = 30;            /* free-running frame rate, 1..240 */
     uint32_t max_buffers = 16;    /* REQBUFS grants at most this many */
+    /* The scene instead of the colour bars: a Y4M video (looped), a PNG or
+     * JPEG still, or a folder of stills in name order, one per frame. A
+     * source that cannot be decoded leaves the colour bars. */
+    std::string source;
+    /* Sensor noise, standard deviation in 8-bit code values before the
+     * denoise stage (0: none). */
+    uint32_t noise = 0;
 };
 
 /* Adds (or reconfigures) camera c: nodes /dev/video<c> and /dev/video<c+12>

@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "control_table.h"
 #include "scene_source.h"
 #include "sim_internal.h"
 
@@ -40,6 +41,7 @@ struct CameraPlan {
     bool has_mode = false;
     FrameMode mode = FrameMode::FreeRunning;
     int view_line[3] = {0, 0, 0};
+    std::vector<std::pair<uint32_t, int32_t>> controls; // start values, in file order
 };
 
 struct NodePlan {
@@ -238,6 +240,38 @@ char *read_line(char *text, int size, void *stream)
 
 // ----------------------------------------------------------------- keys
 
+// Controls whose start value a camera section may give, by the names
+// zelisp-cam uses for them.
+const struct {
+    const char *key;
+    uint32_t id;
+} kControlKeys[] = {
+    {"brightness", 0x00980900},         {"contrast", 0x00980901},        {"saturation", 0x00980902},
+    {"hue", 0x00980903},                {"gamma", 0x00980910},           {"sharpness", 0x0098091B},
+    {"awb", 0x0098090C},                {"aec", 0x009A0901},             {"luma_denoise", detail::kCidLumaDenoise},
+    {"chroma_denoise", detail::kCidChromaDenoise},
+};
+
+bool control_key(CameraPlan *plan, const std::string &key, const std::string &value, std::string *error)
+{
+    for (const auto &each : kControlKeys) {
+        if (key != each.key)
+            continue;
+        const detail::ControlDef *control = detail::find_control(each.id);
+        char *end = nullptr;
+        errno = 0;
+        const long long number = value.empty() ? 0 : strtoll(value.c_str(), &end, 0);
+        if (value.empty() || *end || errno || number < control->minimum || number > control->maximum) {
+            *error = "bad value '" + value + "' for " + key + ": " + std::to_string(control->minimum) + " to " +
+                     std::to_string(control->maximum);
+            return true;
+        }
+        plan->controls.emplace_back(each.id, int32_t(number));
+        return true;
+    }
+    return false;
+}
+
 bool camera_key(Parser *parser, const std::string &key, const std::string &value)
 {
     CameraPlan &plan = parser->plan.cameras[parser->camera];
@@ -276,6 +310,9 @@ bool camera_key(Parser *parser, const std::string &key, const std::string &value
             return parser->fail(bad + "scripted or free");
         plan.has_mode = true;
         plan.mode = value == "scripted" ? FrameMode::Scripted : FrameMode::FreeRunning;
+    } else if (std::string error; control_key(&plan, key, value, &error)) {
+        if (!error.empty())
+            return parser->fail(error);
     } else {
         return parser->fail("unknown key '" + key + "' in [camera " + std::to_string(parser->camera) + "]");
     }
@@ -399,6 +436,8 @@ void apply(const Plan &plan)
         if (!each.configured)
             continue;
         set_camera(camera, each.config);
+        for (const auto &control : each.controls)
+            set_control_value(camera, control.first, control.second);
         if (each.has_mode) {
             set_frame_mode(camera, each.mode);
             set_frame_mode(camera + kCameras, each.mode);

@@ -249,11 +249,17 @@ bool handle_control_request(int camera, uint32_t request, void *arg, int *error,
         *error = EFAULT;
         return true;
     }
-    std::lock_guard<std::mutex> hold(g_lock);
-    CameraControls *controls = camera_controls(camera);
-    *error = controls ? value_request(controls, request, arg, note) : ENODEV;
-    if (!*error && (request == uint32_t(VIDIOC_S_CTRL) || request == uint32_t(VIDIOC_S_EXT_CTRLS)))
+    bool changed = false;
+    {
+        std::lock_guard<std::mutex> hold(g_lock);
+        CameraControls *controls = camera_controls(camera);
+        *error = controls ? value_request(controls, request, arg, note) : ENODEV;
+        changed = !*error && (request == uint32_t(VIDIOC_S_CTRL) || request == uint32_t(VIDIOC_S_EXT_CTRLS));
+    }
+    if (changed) {
         note_controls_changed(camera);
+        schedule_image_update(camera);
+    }
     return true;
 }
 

@@ -217,7 +217,9 @@ void set_camera_scene(Camera &cam, std::shared_ptr<const Scene> scene);
 // Paints a frame into one plane of a filled buffer: the processed image
 // when the plane does not hold it yet (or every frame with noise), then the
 // frame number on top.
-void paint_plane(State &s, int camera, int view, Plane &plane, uint32_t sequence);
+// may_lag: a free-running frame may show the previous image while the
+// worker builds the next.
+void paint_plane(State &s, int camera, int view, Plane &plane, uint32_t sequence, bool may_lag);
 // After REQBUFS: builds the node's images and paints its buffers with the
 // lock released, so that streams already running lose no frame to it.
 void prepare_node_buffers(CoreLock &held, int node);

@@ -13,11 +13,20 @@
  * node's buffers, and by the thread that set a control. The frame loop
  * builds only what those could not foresee.
  */
+#include <algorithm>
 #include <atomic>
+#include <condition_variable>
 #include <cstring>
+#include <exception>
+#include <mutex>
+#include <thread>
 #include <vector>
 
+#include <pthread.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include "core.h"
 #include "real_libc.h"
@@ -37,12 +46,9 @@ uint32_t scene_frame(const CameraIsp &isp, uint32_t sequence)
     return isp.scene && !isp.scene->frames.empty() ? uint32_t(sequence % isp.scene->frames.size()) : 0;
 }
 
-void invalidate(CameraIsp &isp)
-{
-    ++isp.generation;
-    for (auto &image : isp.images)
-        image.reset();
-}
+// The images stay until replaced: a free-running frame shows the last one
+// while the worker builds the next.
+void invalidate(CameraIsp &isp) { ++isp.generation; }
 
 // Reads the controls again if a setter ran since the last look.
 void refresh_settings(int camera, CameraIsp &isp)
@@ -101,10 +107,77 @@ void install(CameraIsp &isp, int view, std::shared_ptr<const ViewImage> image, u
     isp.image_frame[view] = scene_frame(isp, sequence);
 }
 
-const ViewImage &image_for(Camera &cam, int view, const ViewFormat &format, uint32_t sequence)
+// The ISP worker: builds the images a control change calls for, one camera
+// at a time, so that neither the program's control request nor the frame
+// loop waits for it. Requests for a camera coalesce: a burst of control
+// changes costs one build with the last values.
+struct Worker {
+    std::mutex lock;
+    std::condition_variable wake;
+    // Camera bits; written under `lock`, read without it by the frame loop.
+    std::atomic<uint32_t> pending{0};
+    std::atomic<uint32_t> running{0};
+    bool stopping = false;
+    std::thread thread;
+    pid_t pid = 0;        // of the process the thread runs in
+};
+
+Worker &worker()
 {
-    if (!cached(cam.isp, view, format, sequence))
-        install(cam.isp, view, build_view_image(recipe_for(cam, view, format, sequence)), sequence);
+    // Never destroyed: the thread may outlive exit's destructors. A child
+    // forked while the lock was held would find it held forever.
+    static Worker *const instance = [] {
+        auto *w = new Worker;
+        pthread_atfork([] { worker().lock.lock(); }, [] { worker().lock.unlock(); },
+                       [] { worker().lock.unlock(); });
+        return w;
+    }();
+    return *instance;
+}
+
+void run_worker()
+{
+    // Background work: the frame clocks and the program's own threads come
+    // first, so a rebuild on a busy machine delays new settings rather than
+    // frames. Where lowering it is refused, the thread runs as it is.
+    (void)setpriority(PRIO_PROCESS, id_t(syscall(SYS_gettid)), 19);
+    Worker &w = worker();
+    std::unique_lock<std::mutex> guard(w.lock);
+    for (;;) {
+        w.wake.wait(guard, [&w] { return w.pending != 0 || w.stopping; });
+        if (w.stopping)
+            return;
+        const int camera = __builtin_ctz(w.pending.load());
+        w.running |= 1u << camera;
+        w.pending &= ~(1u << camera);
+        guard.unlock();
+        prepare_camera_images(camera);
+        guard.lock();
+        w.running &= ~(1u << camera);
+    }
+}
+
+// Lock-free, since the frame loop asks with the core's lock held.
+bool update_coming(int camera)
+{
+    const Worker &w = worker();
+    return ((w.pending.load() | w.running.load()) >> camera) & 1u;
+}
+
+// The image a frame shows. Scripted frames, which tests inspect, always show
+// the current settings; a free-running frame shows the previous image while
+// the worker still builds the new one, as an ISP applies new settings at a
+// later frame boundary rather than stalling its output.
+const ViewImage &image_for(Camera &cam, int camera, int view, const ViewFormat &format, uint32_t sequence,
+                           bool may_lag)
+{
+    if (cached(cam.isp, view, format, sequence))
+        return *cam.isp.images[view];
+    const ViewImage *previous = cam.isp.images[view].get();
+    if (may_lag && previous && previous->format.fourcc == format.fourcc && previous->format.width == format.width &&
+        previous->format.height == format.height && update_coming(camera))
+        return *previous;
+    install(cam.isp, view, build_view_image(recipe_for(cam, view, format, sequence)), sequence);
     return *cam.isp.images[view];
 }
 
@@ -159,11 +232,59 @@ void set_camera_scene(Camera &cam, std::shared_ptr<const Scene> scene)
     invalidate(cam.isp);
 }
 
-void paint_plane(State &s, int camera, int view, Plane &plane, uint32_t sequence)
+void schedule_image_update(int camera)
+{
+    if (camera < 0 || camera >= kCameras)
+        return;
+    {
+        // Only buffers already allocated have images to prepare.
+        CoreLock held;
+        const State &s = state();
+        if (s.nodes[camera].buffers.empty() && s.nodes[camera + kCameras].buffers.empty())
+            return;
+    }
+    Worker &w = worker();
+    std::lock_guard<std::mutex> hold(w.lock);
+    if (w.stopping)
+        return;
+    w.pending |= 1u << camera;
+    if (w.pid != getpid()) {
+        // First use, or a forked child, which has no such thread. Without a
+        // thread (address space exhausted) the frame loop builds the images.
+        if (w.thread.joinable())
+            new std::thread(std::move(w.thread)); // the parent's: never joined here
+        try {
+            w.thread = std::thread(run_worker);
+            w.pid = getpid();
+        } catch (const std::exception &) {
+            w.pending = 0;
+            return;
+        }
+    }
+    w.wake.notify_one();
+}
+
+// The worker must not outlive the library it runs in.
+__attribute__((destructor)) static void stop_isp_worker()
+{
+    Worker &w = worker();
+    std::thread thread;
+    {
+        std::lock_guard<std::mutex> hold(w.lock);
+        w.stopping = true;
+        if (w.pid == getpid())
+            thread.swap(w.thread);
+    }
+    w.wake.notify_all();
+    if (thread.joinable())
+        thread.join();
+}
+
+void paint_plane(State &s, int camera, int view, Plane &plane, uint32_t sequence, bool may_lag)
 {
     Camera &cam = s.cameras[camera];
     refresh_settings(camera, cam.isp);
-    const ViewImage &image = image_for(cam, view, plane.format, sequence);
+    const ViewImage &image = image_for(cam, camera, view, plane.format, sequence, may_lag);
     const NoiseTiles *tiles = noise_tiles(cam);
     if (tiles && image.bytes.size() == image_size(plane.format) && plane.length >= image.bytes.size()) {
         paint_noisy(plane.data, image.bytes.data(), plane.format, *tiles, sequence);
@@ -242,6 +363,50 @@ void prepare_node_buffers(CoreLock &held, int node)
         if (plane.data == target.data && images[target.plane] && plane.image_id == 0)
             plane.image_id = images[target.plane]->id;
     }
+}
+
+} // namespace zsim::detail
+
+namespace zsim::detail {
+
+void prepare_camera_images(int camera)
+{
+    if (camera < 0 || camera >= kCameras)
+        return;
+    State &s = state();
+    CoreLock held;
+    Camera &cam = s.cameras[camera];
+    refresh_settings(camera, cam.isp);
+    if (moving_scene(cam.isp))
+        return; // one image per scene frame: built as the frames come
+    std::vector<int> views;
+    std::vector<ViewRecipe> recipes;
+    for (int node : {camera, camera + kCameras}) {
+        const Node &n = s.nodes[node];
+        if (n.buffers.empty())
+            continue;
+        const std::vector<int> node_views = views_of_node(s, node);
+        for (size_t j = 0; j < node_views.size() && j < n.buffers[0].planes.size(); ++j) {
+            const ViewFormat &format = n.buffers[0].planes[j].format;
+            if (cached(cam.isp, node_views[j], format, 0) ||
+                std::find(views.begin(), views.end(), node_views[j]) != views.end())
+                continue;
+            views.push_back(node_views[j]);
+            recipes.push_back(recipe_for(cam, node_views[j], format, 0));
+        }
+    }
+    if (views.empty())
+        return;
+    const uint64_t generation = cam.isp.generation;
+    held.unlock();
+    std::vector<std::shared_ptr<const ViewImage>> images;
+    for (const ViewRecipe &recipe : recipes)
+        images.push_back(build_view_image(recipe));
+    held.lock();
+    if (cam.isp.generation != generation)
+        return;
+    for (size_t i = 0; i < views.size(); ++i)
+        install(cam.isp, views[i], images[i], 0);
 }
 
 } // namespace zsim::detail

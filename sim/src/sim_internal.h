@@ -38,6 +38,12 @@ void reset_controls();
 // ---- isp_pipeline.cpp: a control of camera `camera` may have changed; the
 // image processing reads them again before the next frame. Takes no lock.
 void note_controls_changed(int camera);
+// Builds the processed images a control change calls for, for the views of
+// buffers already allocated, without holding the core's lock during the
+// work, so that the frame loop finds them ready. Call with no simulator
+// lock held; schedule_image_update has the ISP worker thread do it.
+void prepare_camera_images(int camera);
+void schedule_image_update(int camera);
 
 // ---- misc_device.cpp: requests on /dev/isp_misc. Returns false for a
 // request the platform driver does not know (the core answers ENOTTY).

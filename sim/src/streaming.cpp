@@ -131,7 +131,8 @@ void fill_buffer(Node &n, int index, uint32_t sequence, uint64_t timestamp_ns, u
         Plane &plane = buffer.planes[j];
         buffer.reported_length[j] = plane_length ? plane_length[j] : 0;
         if (paint && j < views.size())
-            paint_plane(s, camera_of_node(node), views[j], plane, sequence);
+            paint_plane(s, camera_of_node(node), views[j], plane, sequence,
+                        n.frame_mode == FrameMode::FreeRunning);
     }
     n.filled.push_back(index);
     signal_filled(n);

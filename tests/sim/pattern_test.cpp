@@ -101,6 +101,49 @@ TEST(PatternTest, EachFrameRepaintsOnlyASmallRegionAndForgetsTheLastOne)
     EXPECT_EQ(short_plane, std::vector<uint8_t>(short_plane.size(), 0x42));
 }
 
+// The strip and the band are painted by whole rows; the bytes are those the
+// cell-by-cell painter wrote (its FNV-1a digests over five frame numbers,
+// recorded before the change), for every format and odd-sized images too.
+TEST(PatternTest, RowPaintingKeepsTheImageByteForByte)
+{
+    const struct {
+        ViewFormat format;
+        uint64_t digest;
+    } cases[] = {
+        {{zsim::kNV12, 640, 360}, 0xc4c84b83950bc6f3ull},
+        {{zsim::kNV12, 96, 64}, 0x2ca1ae5d55674c49ull},
+        {{zsim::kNV12, 98, 14}, 0xdcdf87fd41d571dbull},
+        {{zsim::kNV12, 1282, 722}, 0xbb6940961ca1cdc3ull},
+        {{zsim::kNV21, 640, 360}, 0x032cdf8f0b3497b3ull},
+        {{zsim::kNV21, 96, 64}, 0x1335cd6a44971821ull},
+        {{zsim::kNV21, 98, 14}, 0x0bb59c026e8d1b9bull},
+        {{zsim::kNV21, 1282, 722}, 0xb797503a49fad003ull},
+        {{zsim::kYUYV, 640, 360}, 0x0b38c509979219a3ull},
+        {{zsim::kYUYV, 96, 64}, 0xf7fd2809a79fe4e3ull},
+        {{zsim::kYUYV, 98, 14}, 0xa84c2e36976ced03ull},
+        {{zsim::kYUYV, 1282, 722}, 0xc4150a4bd92cb923ull},
+        {{zsim::kRGB24, 640, 360}, 0xdfd6d29006d23943ull},
+        {{zsim::kRGB24, 96, 64}, 0xd50f4bc69dde408full},
+        {{zsim::kRGB24, 98, 14}, 0x4c7229e04e7b5ec3ull},
+        {{zsim::kRGB24, 1282, 722}, 0x6b59bd00b752bfabull},
+        {{zsim::kGREY, 640, 360}, 0x9cc7a20297a86d13ull},
+        {{zsim::kGREY, 96, 64}, 0x8ecc46947ddf4acbull},
+        {{zsim::kGREY, 98, 14}, 0x3173b042bf50def3ull},
+        {{zsim::kGREY, 1282, 722}, 0xb4ffb16ce22f3f2bull},
+    };
+    for (const auto &each : cases) {
+        std::vector<uint8_t> plane = Background(each.format);
+        uint64_t digest = 1469598103934665603ull;
+        for (uint32_t number : {0u, 1u, 77u, 123456789u, 0xFFFFFFFFu}) {
+            paint_frame(plane.data(), plane.size(), each.format, number);
+            for (uint8_t byte : plane)
+                digest = (digest ^ byte) * 1099511628211ull;
+        }
+        EXPECT_EQ(digest, each.digest) << std::hex << each.format.fourcc << std::dec << " " << each.format.width
+                                       << "x" << each.format.height;
+    }
+}
+
 class PatternStreamedTest : public zelisp_test::SimTest {};
 
 TEST_F(PatternStreamedTest, EveryPlaneCarriesTheFrameNumberInItsViewsFormat)

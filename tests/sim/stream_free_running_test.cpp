@@ -122,9 +122,16 @@ TEST_F(StreamFreeRunningTest, TriggeredCamerasShareOneFrameClock)
     ASSERT_EQ(misc.Request(0x80047943, internal), 0);
     ASSERT_NE(zsim::trigger_mode(), zsim::TriggerMode::None);
     VideoNode a("/dev/video0"), b("/dev/video2");
-    Start(a, 3, true);
+    // Buffers first: allocating paints them, which must not delay b's start.
+    for (const VideoNode *node : {&a, &b}) {
+        uint32_t count = 3;
+        ASSERT_EQ(node->RequestBuffers(&count), 0);
+        for (uint32_t i = 0; i < count; ++i)
+            ASSERT_EQ(Queue(*node, i), 0);
+    }
+    ASSERT_EQ(a.Stream(VIDIOC_STREAMON), 0);
     std::this_thread::sleep_for(std::chrono::milliseconds(5)); // a different phase without the trigger
-    Start(b, 3, true);
+    ASSERT_EQ(b.Stream(VIDIOC_STREAMON), 0);
     BufferRecord from_a, from_b;
     ASSERT_EQ(Next(a, &from_a), 0);
     ASSERT_EQ(Next(b, &from_b), 0);

@@ -82,7 +82,7 @@ int allocate_buffers(State &s, int node, uint32_t count)
 
 uint32_t buffer_flags(const Buffer &buffer)
 {
-    uint32_t flags = V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC;
+    uint32_t flags = V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC | V4L2_BUF_FLAG_TSTAMP_SRC_EOF;
     if (buffer.state == BufferState::Queued)
         flags |= V4L2_BUF_FLAG_QUEUED;
     if (buffer.state == BufferState::Filled)
@@ -134,6 +134,7 @@ int request_buffers(State &s, int node, v4l2_requestbuffers *req, LogNote *note)
     }
     req->count = granted;
     req->capabilities = V4L2_BUF_CAP_SUPPORTS_MMAP;
+    req->flags = 0; // no cache hints: every buffer is coherent
     note->detail += " granted=" + std::to_string(granted);
     return 0;
 }

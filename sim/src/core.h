@@ -24,6 +24,8 @@
 
 #include <sys/types.h>
 
+#include <linux/videodev2.h>
+
 #include "sim_internal.h"
 
 namespace zsim::detail {
@@ -48,6 +50,8 @@ struct Plane {
 };
 
 enum class BufferState { User, Queued, Filled };
+
+struct OpenFile;
 
 struct Buffer {
     std::vector<Plane> planes;
@@ -77,6 +81,9 @@ struct Node {
     bool on_shared_clock = false;
     std::deque<ScriptedFrame> script;
     Counters counters{0, 0, 0};
+    // The open file that allocated the buffers: only it may use the queue
+    // (queue_ownership.cpp), as with the kernel's buffer framework.
+    std::weak_ptr<OpenFile> queue_owner;
 };
 
 struct Camera {
@@ -92,6 +99,12 @@ struct OpenFile {
     int flags = 0;        // O_ACCMODE | O_NONBLOCK as the program set them
     std::string path;
     bool plain = false;   // a node that looks like a file or directory
+    // What the kernel's V4L2 core keeps per open file: its access priority
+    // (V4L2_PRIORITY_DEFAULT) and its event subscriptions and queue.
+    uint32_t priority = 2;
+    std::vector<v4l2_event_subscription> subscriptions;
+    std::deque<v4l2_event> events;
+    uint32_t event_sequence = 0;
 };
 
 struct Mapping {

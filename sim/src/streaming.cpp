@@ -48,7 +48,7 @@ void report_dequeued(const Node &n, int index, v4l2_buffer *buf)
     buf->length = uint32_t(reported);
     buf->memory = V4L2_MEMORY_MMAP;
     buf->bytesused = 0;
-    buf->flags = V4L2_BUF_FLAG_DONE | V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC | V4L2_BUF_FLAG_TSTAMP_SRC_EOF;
+    buf->flags = V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC | V4L2_BUF_FLAG_TSTAMP_SRC_EOF; // dequeued: no longer DONE
     buf->field = V4L2_FIELD_NONE;
     buf->timestamp.tv_sec = time_t(buffer.timestamp_ns / 1000000000u);
     buf->timestamp.tv_usec = suseconds_t(buffer.timestamp_ns % 1000000000u / 1000u);

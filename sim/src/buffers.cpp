@@ -223,13 +223,7 @@ void *sim_mmap(void *addr, size_t length, int prot, int flags, int fd, off_t off
     }
     if (!err)
         s.mappings[reinterpret_cast<uintptr_t>(result)] = Mapping{length, file->path};
-    entry.error = err;
-    append_log(s, std::move(entry));
-    if (err) {
-        errno = err;
-        return MAP_FAILED;
-    }
-    return result;
+    return finish_request(s, std::move(entry), err, 0) < 0 ? MAP_FAILED : result;
 }
 
 int sim_munmap(void *addr, size_t length, bool *handled)
@@ -266,12 +260,7 @@ int sim_munmap(void *addr, size_t length, bool *handled)
         s.mappings.erase(first, it);
         s.mappings.insert(remains.begin(), remains.end());
     }
-    append_log(s, LogEntry{path, kMunmap, "munmap", "length=" + std::to_string(length), {}, err});
-    if (err) {
-        errno = err;
-        return -1;
-    }
-    return 0;
+    return finish_request(s, LogEntry{path, kMunmap, "munmap", "length=" + std::to_string(length), {}, 0}, err, 0);
 }
 
 } // namespace zsim::detail

@@ -23,8 +23,10 @@ bool handle_client_request(State &s, int node, OpenFile &file, uint32_t request,
 
 // ---- format_negotiation.cpp
 // True when a VIDIOC_S_FMT record is the ISP's per-view request: every
-// field but width, height, pixelformat and num_planes (the view, 0..2) is
-// zero, as the ISP library sends it. Anything else is a standard request.
+// field but width, height, pixelformat and num_planes (the view) is zero,
+// as the ISP library sends it; a view above 2 is refused there. Anything
+// else (a field order, a colorspace, a plane's line size) is a standard
+// request.
 bool is_view_request(const v4l2_format &f);
 int enum_format(v4l2_fmtdesc *desc, LogNote *note);
 int try_format(State &s, int node, v4l2_format *f, LogNote *note);

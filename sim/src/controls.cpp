@@ -255,6 +255,9 @@ bool handle_control_request(int camera, uint32_t request, void *arg, int *error,
     return true;
 }
 
+void lock_controls_for_fork() { g_lock.lock(); }
+void unlock_controls_after_fork() { g_lock.unlock(); }
+
 void reset_controls()
 {
     std::lock_guard<std::mutex> hold(g_lock);

@@ -112,6 +112,14 @@ struct Mapping {
     std::string path;
 };
 
+// One request as recorded: the name and the detail of frequent requests
+// are formatted only when the log is read.
+struct LoggedRequest {
+    LogEntry entry;
+    const char *format = nullptr;
+    uint32_t values[3] = {0, 0, 0};
+};
+
 struct Fault {
     uint32_t request;
     std::string path;
@@ -130,7 +138,8 @@ struct State {
     Camera cameras[kCameras];
     std::map<int, std::shared_ptr<OpenFile>> descriptors;
     std::map<uintptr_t, Mapping> mappings;
-    std::deque<LogEntry> log;
+    std::deque<LoggedRequest> log;
+    size_t log_limit = 0; // entries kept; 0: nothing is recorded
     std::vector<Fault> faults;
     std::thread hardware;
     pid_t hardware_pid = 0;
@@ -170,7 +179,12 @@ void reset_nodes(State &s);
 
 // ---- request_log.cpp
 std::string request_name(uint32_t request);
-void append_log(State &s, LogEntry entry);
+bool logging(const State &s); // false: skip building entries
+void append_log(State &s, LogEntry entry, const LogNote *note = nullptr);
+constexpr size_t kTestLogLimit = 4096; // what reset() sets: tests read short logs
+// The end of every simulated call: logs the entry with the errno answered,
+// then returns result, or -1 with errno set.
+int finish_request(State &s, LogEntry entry, int err, int result, const LogNote *note = nullptr);
 // Consumes one occurrence of request on path; returns the errno to inject
 // (0: none).
 int take_fault(State &s, uint32_t request, const std::string &path);
@@ -220,7 +234,7 @@ void release_queue(State &s, int node); // the last descriptor of the node close
 
 // ---- hardware_thread.cpp
 uint64_t monotonic_ns();
-void ensure_hardware_thread(State &s);
+int ensure_hardware_thread(State &s); // 0, or ENOMEM when the thread cannot start
 
 } // namespace zsim::detail
 

@@ -94,7 +94,8 @@ int dispatch_ioctl(int fd, uint32_t request, void *arg, bool *handled)
     if (!file)
         return 0;
     *handled = true;
-    LogEntry entry{file->path, request, request_name(request), "", raw_record(request, arg), 0};
+    // The record as the program sent it, before the driver writes its answer.
+    LogEntry entry{file->path, request, "", "", logging(s) ? raw_record(request, arg) : std::vector<uint8_t>(), 0};
     LogNote note;
     int err = take_fault(s, request, file->path);
     if (!err)
@@ -102,13 +103,7 @@ int dispatch_ioctl(int fd, uint32_t request, void *arg, bool *handled)
     entry.detail = std::move(note.detail);
     if (note.raw_set)
         entry.raw = std::move(note.raw);
-    entry.error = err;
-    append_log(s, std::move(entry));
-    if (err) {
-        errno = err;
-        return -1;
-    }
-    return 0;
+    return finish_request(s, std::move(entry), err, 0, &note);
 }
 
 } // namespace zsim::detail

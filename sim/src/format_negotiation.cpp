@@ -119,7 +119,7 @@ void describe_colorimetry(uint32_t fourcc, v4l2_pix_format_mplane *mp)
 bool is_view_request(const v4l2_format &f)
 {
     const v4l2_pix_format_mplane &mp = f.fmt.pix_mp;
-    if (mp.num_planes >= kMaxPlanes || mp.field != V4L2_FIELD_ANY || mp.colorspace || mp.flags || mp.ycbcr_enc ||
+    if (mp.field != V4L2_FIELD_ANY || mp.colorspace || mp.flags || mp.ycbcr_enc ||
         mp.quantization || mp.xfer_func)
         return false;
     static const v4l2_plane_pix_format kZeroPlanes[VIDEO_MAX_PLANES] = {};

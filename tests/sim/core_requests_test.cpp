@@ -31,7 +31,8 @@ TEST_F(CoreRequestsTest, QuerycapDescribesAMultiPlanarStreamingCaptureDevice)
     ASSERT_GE(node.fd(), 0);
     v4l2_capability cap{};
     ASSERT_EQ(node.Request(VIDIOC_QUERYCAP, &cap), 0);
-    EXPECT_EQ(cap.device_caps, uint32_t(V4L2_CAP_VIDEO_CAPTURE_MPLANE | V4L2_CAP_STREAMING));
+    const uint32_t kDeviceCaps = V4L2_CAP_VIDEO_CAPTURE_MPLANE | V4L2_CAP_STREAMING | V4L2_CAP_EXT_PIX_FORMAT;
+    EXPECT_EQ(cap.device_caps, kDeviceCaps);
     EXPECT_EQ(cap.capabilities, cap.device_caps | V4L2_CAP_DEVICE_CAPS);
     EXPECT_STREQ(reinterpret_cast<char *>(cap.card), "ISP camera 1");
 
@@ -41,7 +42,7 @@ TEST_F(CoreRequestsTest, QuerycapDescribesAMultiPlanarStreamingCaptureDevice)
     ASSERT_NE(widened, static_cast<unsigned long>(VIDIOC_QUERYCAP));
     std::memset(&cap, 0, sizeof cap);
     ASSERT_EQ(ioctl(node.fd(), widened, &cap), 0);
-    EXPECT_EQ(cap.device_caps, uint32_t(V4L2_CAP_VIDEO_CAPTURE_MPLANE | V4L2_CAP_STREAMING));
+    EXPECT_EQ(cap.device_caps, kDeviceCaps);
 
     // What the ISP lacks is answered as by any driver without the feature.
     v4l2_standard standard{};

@@ -37,6 +37,13 @@ bool camera_streams(const State &s, int node)
     return s.nodes[camera].streaming || s.nodes[camera + kCameras].streaming;
 }
 
+// The single-planar type is accepted too, as the V4L2 core accepts it for
+// multi-planar drivers: v4l2-ctl -P and --set-parm send it.
+bool capture_type(uint32_t type)
+{
+    return type == V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE || type == V4L2_BUF_TYPE_VIDEO_CAPTURE;
+}
+
 void fill_capture_parameters(uint32_t fps, v4l2_streamparm *parm)
 {
     std::memset(&parm->parm, 0, sizeof parm->parm);
@@ -74,7 +81,7 @@ int enum_frame_intervals(const State &s, int node, v4l2_frmivalenum *interval, L
 int get_stream_parameters(const State &s, int node, v4l2_streamparm *parm, LogNote *note)
 {
     note->detail = "type=" + std::to_string(parm->type);
-    if (parm->type != V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE)
+    if (!capture_type(parm->type))
         return EINVAL;
     fill_capture_parameters(s.cameras[camera_of_node(node)].config.fps, parm);
     note->detail += " fps=" + std::to_string(parm->parm.capture.timeperframe.denominator);
@@ -86,7 +93,7 @@ int set_stream_parameters(State &s, int node, v4l2_streamparm *parm, LogNote *no
     const v4l2_fract asked = parm->parm.capture.timeperframe;
     note->detail = "type=" + std::to_string(parm->type) + " timeperframe=" + std::to_string(asked.numerator) + "/" +
                    std::to_string(asked.denominator);
-    if (parm->type != V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE)
+    if (!capture_type(parm->type))
         return EINVAL;
     CameraConfig &config = s.cameras[camera_of_node(node)].config;
     // A zero fraction asks for the driver's default: keep the rate.

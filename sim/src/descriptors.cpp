@@ -31,6 +31,8 @@ int open_error(const State &s, int node, int flags)
         return EEXIST;
     if (n.kind == NodeKind::Directory && (flags & O_ACCMODE) != O_RDONLY)
         return EISDIR;
+    if (n.kind != NodeKind::Directory && (flags & O_DIRECTORY))
+        return ENOTDIR;
     if (n.open_errno)
         return n.open_errno;
     int camera = camera_of_node(node);

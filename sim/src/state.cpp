@@ -112,6 +112,9 @@ __attribute__((constructor)) void load_environment_config()
     const char *policy = std::getenv("ZELISP_SIM_CONFIG_ERRORS");
     if (!policy || std::strcmp(policy, "warn") != 0)
         _exit(2);
+    // The program's own children run on the defaults too, without the
+    // same warning again.
+    unsetenv("ZELISP_SIM_CONFIG");
 }
 
 // The hardware thread must not outlive the library it runs in.

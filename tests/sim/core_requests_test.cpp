@@ -79,6 +79,29 @@ TEST_F(CoreRequestsTest, LogKeepsTheRecordAsSentAndItsDecodedFields)
     EXPECT_TRUE(zsim::request_log().empty());
 }
 
+TEST_F(CoreRequestsTest, LogIsBoundedAndCanBeTurnedOff)
+{
+    VideoNode node("/dev/video1");
+    int input = 3;
+    for (int i = 0; i < 4100; ++i)
+        ASSERT_EQ(node.Request(VIDIOC_S_INPUT, &input), 0);
+    EXPECT_EQ(zsim::request_log().size(), 4096u); // the default after reset()
+
+    zsim::set_log_limit(3);
+    EXPECT_EQ(zsim::request_log().size(), 3u); // the latest kept
+    input = 1;
+    ASSERT_EQ(node.Request(VIDIOC_S_INPUT, &input), 0);
+    auto log = zsim::request_log();
+    ASSERT_EQ(log.size(), 3u);
+    EXPECT_EQ(log.back().detail, "input=1");
+    EXPECT_EQ(log.back().name, "VIDIOC_S_INPUT");
+
+    zsim::set_log_limit(0);
+    EXPECT_TRUE(zsim::request_log().empty());
+    ASSERT_EQ(node.Request(VIDIOC_S_INPUT, &input), 0);
+    EXPECT_TRUE(zsim::request_log().empty());
+}
+
 TEST_F(CoreRequestsTest, FailRequestHitsTheNthOccurrenceForCountTimes)
 {
     VideoNode node("/dev/video0");

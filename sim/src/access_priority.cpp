@@ -13,11 +13,12 @@
 #include <iterator>
 
 #include "client_requests.h"
+#include "driver/isp_requests.h"
 
 namespace zsim::detail {
 namespace {
 
-constexpr uint32_t kResizeRequest = 0x401656cf; // the ISP's resize record
+constexpr uint32_t kResizeRequest = uint32_t(zelisp::VIDIOC_ISP_SET_RESIZE);
 
 const uint32_t kChangingRequests[] = {
     VIDIOC_S_FMT,      VIDIOC_S_INPUT,      VIDIOC_S_PARM,   VIDIOC_REQBUFS,    VIDIOC_CREATE_BUFS,

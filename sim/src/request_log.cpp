@@ -10,6 +10,7 @@
 #include <linux/videodev2.h>
 
 #include "core.h"
+#include "driver/isp_requests.h"
 
 namespace zsim::detail {
 namespace {
@@ -94,11 +95,11 @@ const RequestName kNames[] = {
     NAMED(VIDIOC_ENUM_FREQ_BANDS),
     NAMED(VIDIOC_DBG_G_CHIP_INFO),
     NAMED(VIDIOC_QUERY_EXT_CTRL),
-    {0x401656cf, "VIDIOC_ISP_SET_RESIZE"},
-    {0x800e56cc, "VIDIOC_ISP_GET_ABNORMAL_INFO"},
-    {0x80047941, "GET_VAILED_CAMERA_INFO"},
-    {0x40047944, "IOC_SET_I2C_CTRL"},
-    {0x80047943, "IOC_SET_MIPI_TRIGGER_MODE"},
+    {uint32_t(zelisp::VIDIOC_ISP_SET_RESIZE), "VIDIOC_ISP_SET_RESIZE"},
+    {uint32_t(zelisp::VIDIOC_ISP_GET_ABNORMAL_INFO), "VIDIOC_ISP_GET_ABNORMAL_INFO"},
+    {uint32_t(zelisp::GET_VAILED_CAMERA_INFO), "GET_VAILED_CAMERA_INFO"},
+    {uint32_t(zelisp::IOC_SET_I2C_CTRL), "IOC_SET_I2C_CTRL"},
+    {uint32_t(zelisp::IOC_SET_MIPI_TRIGGER_MODE), "IOC_SET_MIPI_TRIGGER_MODE"},
     {0x5421, "FIONBIO"},
     {kOpen, "open"},
     {kClose, "close"},

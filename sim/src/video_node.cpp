@@ -19,12 +19,13 @@
 
 #include "client_requests.h"
 #include "core.h"
+#include "driver/isp_requests.h"
 #include "video_requests.h"
 
 namespace zsim::detail {
 namespace {
 
-constexpr uint32_t VIDIOC_ISP_SET_RESIZE = 0x401656cf;
+constexpr uint32_t VIDIOC_ISP_SET_RESIZE = uint32_t(zelisp::VIDIOC_ISP_SET_RESIZE);
 
 struct FormatInfo {
     uint32_t fourcc;

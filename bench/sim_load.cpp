@@ -29,6 +29,7 @@
 #include <string>
 #include <vector>
 
+#include "driver/isp_requests.h"
 #include "zelisp_sim/sim.h"
 
 namespace {
@@ -84,24 +85,24 @@ void set_payload(int fd, uint32_t id, const uint16_t *words, size_t count, size_
 
 void change_every_control(int fd)
 {
-    set_control(fd, 0x00980900, 150); // brightness
-    set_control(fd, 0x00980901, 150); // contrast
-    set_control(fd, 0x00980902, 170); // saturation
-    set_control(fd, 0x00980903, 140); // hue
-    set_control(fd, 0x00980910, 140); // gamma
-    set_control(fd, 0x0098091B, 8);   // sharpness
-    set_control(fd, 0x0098090C, 0);   // white balance manual
+    set_control(fd, V4L2_CID_BRIGHTNESS, 150);
+    set_control(fd, V4L2_CID_CONTRAST, 150);
+    set_control(fd, V4L2_CID_SATURATION, 170);
+    set_control(fd, V4L2_CID_HUE, 140);
+    set_control(fd, V4L2_CID_GAMMA, 140);
+    set_control(fd, V4L2_CID_SHARPNESS, 8);
+    set_control(fd, V4L2_CID_AUTO_WHITE_BALANCE, 0);
     const uint16_t gains[9] = {300, 256, 220, 300, 256, 220, 300, 256, 220};
-    set_payload(fd, 0x00981991, gains, 9, 16, 1);
-    set_control(fd, 0x009A0901, 1); // exposure manual
+    set_payload(fd, zelisp::ISP_CID_MWB, gains, 9, 16, 1);
+    set_control(fd, V4L2_CID_EXPOSURE_AUTO, 1); // manual
     const uint16_t exposure[6] = {12000, 300, 0, 0, 0, 0};
-    set_payload(fd, 0x00981992, exposure, 6, 4, 0);
+    set_payload(fd, zelisp::ISP_CID_MEC, exposure, 6, 4, 0);
     v4l2_ext_control denoise{};
     v4l2_ext_controls controls{};
     controls.ctrl_class = V4L2_CTRL_CLASS_USER;
     controls.count = 1;
     controls.controls = &denoise;
-    for (uint32_t id : {0x00981993u, 0x00981994u}) {
+    for (uint32_t id : {zelisp::ISP_CID_YDNS, zelisp::ISP_CID_UVDNS}) {
         denoise.id = id;
         denoise.size = 4;
         denoise.value = 3;
@@ -196,7 +197,7 @@ int main(int argc, char **argv)
         if (changing && now_s() >= next_change) {
             brightness = brightness == 150 ? 110 : 150;
             for (int fd : fds)
-                set_control(fd, 0x00980900, brightness);
+                set_control(fd, V4L2_CID_BRIGHTNESS, brightness);
             next_change += 1;
         }
     }

@@ -14,6 +14,8 @@
 #include <cmath>
 #include <cstring>
 
+#include <linux/videodev2.h>
+
 #include <libyuv.h>
 
 #include "control_table.h"
@@ -253,9 +255,9 @@ IspSettings read_isp_settings(int camera)
         uint32_t id;
         int32_t *value;
     } values[] = {
-        {0x00980900, &s.brightness},         {0x00980901, &s.contrast},     {0x00980902, &s.saturation},
-        {0x00980903, &s.hue},                {0x00980910, &s.gamma},        {0x0098091B, &s.sharpness},
-        {0x0098090C, &s.auto_white_balance}, {0x009A0901, &s.exposure_mode}, {kCidLumaDenoise, &s.luma_denoise},
+        {V4L2_CID_BRIGHTNESS, &s.brightness},         {V4L2_CID_CONTRAST, &s.contrast},     {V4L2_CID_SATURATION, &s.saturation},
+        {V4L2_CID_HUE, &s.hue},                {V4L2_CID_GAMMA, &s.gamma},        {V4L2_CID_SHARPNESS, &s.sharpness},
+        {V4L2_CID_AUTO_WHITE_BALANCE, &s.auto_white_balance}, {V4L2_CID_EXPOSURE_AUTO, &s.exposure_mode}, {kCidLumaDenoise, &s.luma_denoise},
         {kCidChromaDenoise, &s.chroma_denoise},
     };
     for (const auto &each : values)

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "../../sim/src/sim_internal.h"
+#include "../../src/driver/isp_requests.h"
 #include "sim_fixture.h"
 #include "video_test_node.h"
 
@@ -20,11 +21,13 @@ using zelisp_test::BufferRecord;
 using zelisp_test::VideoNode;
 using zsim::ViewFormat;
 
-constexpr uint32_t kBrightness = 0x00980900, kContrast = 0x00980901, kSaturation = 0x00980902,
-                   kHue = 0x00980903, kAutoWhiteBalance = 0x0098090C, kGamma = 0x00980910,
-                   kSharpness = 0x0098091B, kManualWhiteBalance = 0x00981991, kManualExposure = 0x00981992,
-                   kLumaDenoise = 0x00981993, kChromaDenoise = 0x00981994, kExposureAuto = 0x009A0901;
-constexpr uint32_t kSetResize = 0x401656cf;
+constexpr uint32_t kBrightness = V4L2_CID_BRIGHTNESS, kContrast = V4L2_CID_CONTRAST,
+                   kSaturation = V4L2_CID_SATURATION, kHue = V4L2_CID_HUE,
+                   kAutoWhiteBalance = V4L2_CID_AUTO_WHITE_BALANCE, kGamma = V4L2_CID_GAMMA,
+                   kSharpness = V4L2_CID_SHARPNESS, kExposureAuto = V4L2_CID_EXPOSURE_AUTO;
+constexpr uint32_t kManualWhiteBalance = zelisp::ISP_CID_MWB, kManualExposure = zelisp::ISP_CID_MEC,
+                   kLumaDenoise = zelisp::ISP_CID_YDNS, kChromaDenoise = zelisp::ISP_CID_UVDNS;
+constexpr unsigned long kSetResize = zelisp::VIDIOC_ISP_SET_RESIZE;
 constexpr int kCamera = 1;
 // The colour bars' luma, left to right, as the sensor pattern paints them.
 constexpr int kBarLuma[8] = {180, 162, 131, 112, 84, 65, 35, 16};

@@ -75,10 +75,10 @@ int open_path(int dirfd, const char *path, int flags, mode_t mode)
 int stat_path(int dirfd, const char *path, struct stat *st, int flags)
 {
     if (!inside_core() && path && st) {
-        if (path[0] == '\0' && (flags & AT_EMPTY_PATH) && sim_fstat(dirfd, st))
+        if (path[0] == '\0' && (flags & AT_EMPTY_PATH) && guarded(false, [&] { return sim_fstat(dirfd, st); }))
             return 0;
         int err = 0;
-        if (node_of_path(path) >= 0 && sim_stat(path, st, &err)) {
+        if (node_of_path(path) >= 0 && guarded(false, [&] { return sim_stat(path, st, &err); })) {
             if (err) {
                 errno = err;
                 return -1;
@@ -91,7 +91,7 @@ int stat_path(int dirfd, const char *path, struct stat *st, int flags)
 
 int stat_descriptor(int fd, struct stat *st)
 {
-    if (!inside_core() && sim_fstat(fd, st))
+    if (!inside_core() && guarded(false, [&] { return sim_fstat(fd, st); }))
         return 0;
     return real::fstatat(fd, "", st, AT_EMPTY_PATH);
 }
@@ -155,7 +155,7 @@ ssize_t no_attribute(const char *path)
 {
     struct stat st;
     int err = 0;
-    sim_stat(path, &st, &err);
+    guarded(false, [&] { return sim_stat(path, &st, &err); });
     errno = err ? err : ENODATA;
     return -1;
 }
@@ -258,9 +258,9 @@ int statx(int dirfd, const char *given_path, int flags, unsigned int mask, struc
         int err = 0;
         bool simulated = false;
         if ((!path || path[0] == '\0') && (flags & AT_EMPTY_PATH))
-            simulated = sim_fstat(dirfd, &st);
+            simulated = guarded(false, [&] { return sim_fstat(dirfd, &st); });
         else if (node_of_path(path) >= 0)
-            simulated = sim_stat(path, &st, &err);
+            simulated = guarded(false, [&] { return sim_stat(path, &st, &err); });
         if (simulated) {
             if (err) {
                 errno = err;

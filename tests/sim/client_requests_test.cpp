@@ -342,6 +342,7 @@ TEST_F(ClientRequestsTest, BufferFlagsFollowTheKernelsBufferFramework)
     ASSERT_EQ(node.Request(VIDIOC_QUERYBUF, &record.buf), 0);
     EXPECT_EQ(record.buf.flags, kTimestamp);
     ASSERT_EQ(node.Request(VIDIOC_QBUF, &record.buf), 0);
+    EXPECT_EQ(record.buf.flags, kTimestamp | V4L2_BUF_FLAG_QUEUED);
     ASSERT_EQ(node.Request(VIDIOC_QUERYBUF, &record.buf), 0);
     EXPECT_EQ(record.buf.flags, kTimestamp | V4L2_BUF_FLAG_QUEUED);
     ASSERT_EQ(node.Stream(VIDIOC_STREAMON), 0);

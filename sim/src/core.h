@@ -251,6 +251,10 @@ void paint_plane(State &s, int camera, int view, Plane &plane, uint32_t sequence
 // lock released, so that streams already running lose no frame to it.
 void prepare_node_buffers(CoreLock &held, int node);
 
+// ---- control_events.cpp: true when fd is a node descriptor whose open
+// file has an event waiting (an exceptional condition for select/poll).
+bool events_pending(int fd);
+
 // ---- hardware_thread.cpp
 uint64_t monotonic_ns();
 int ensure_hardware_thread(State &s); // 0, or ENOMEM when the thread cannot start

@@ -19,14 +19,22 @@ namespace zelisp {
 
 namespace {
 
+// The view a plane carries. The buffer phase walks only the planes that the
+// view mask enables, so the lookup always names a view; the floor at view 0
+// says so to the compiler, which otherwise sees the lookup's -1 reach an index.
+int PlaneView(const IspVideo &video, int plane)
+{
+    return std::max(ViewOfPlane(video.view_mask, plane), 0);
+}
+
 zelvideo::_isp_view_buf_t &PlaneEntry(IspVideo &video, int buffer, int plane)
 {
-    return video.buffers[buffer].views[ViewOfPlane(video.view_mask, plane)];
+    return video.buffers[buffer].views[PlaneView(video, plane)];
 }
 
 uint32_t &MappedLength(IspVideo &video, int buffer, int plane)
 {
-    return video.mapped_length[buffer][ViewOfPlane(video.view_mask, plane)];
+    return video.mapped_length[buffer][PlaneView(video, plane)];
 }
 
 // Undoes the mappings of a failed buffer phase: every plane of the first

@@ -453,7 +453,7 @@ void CameraHub::take_frame(Camera &camera, int timeout_ms)
 {
     zelvideo::_isp_buf_t frame;
     int result = isp_get_frame_buf(camera.handle, &frame, timeout_ms);
-    if (result == ISP_ERR_NOT_READY)
+    if (result == ISP_ERR_NOT_READY || result == ISP_ERR_TIMEOUT)
         return;
     if (result != ISP_OK) {
         std::lock_guard<std::mutex> lock(stats_mutex_);
@@ -492,7 +492,7 @@ void CameraHub::stream_loop()
             struct timeval timeout = {0, wait_ms * 1000};
             std::vector<int> ready(batch.size(), 0);
             int result = isp_camera_wait_for_data(handles.data(), ready.data(), int(handles.size()), &timeout);
-            if (result < 0 && result != ISP_ERR_WAIT_INTERRUPTED) {
+            if (result < 0 && result != ISP_ERR_WAIT_INTERRUPTED && result != ISP_ERR_TIMEOUT) {
                 std::lock_guard<std::mutex> lock(stats_mutex_);
                 for (Camera *camera : batch)
                     camera->error = std::string("waiting for frames: ") + isp_get_result_text(result);
@@ -519,6 +519,8 @@ void CameraHub::group_loop()
         for (auto &frame : set_frames_)
             frame.index = kNoFrame;
         int result = zelvideo::isp_group_get_sync_frame(group_, set_frames_.data(), int(set_frames_.size()), kWaitMs);
+        if (result == ISP_ERR_TIMEOUT)
+            result = ISP_ERR_NOT_READY; // no set within the wait: look at the commands, then wait again
         if (result != ISP_OK) {
             // The members before the failing one handed frames over: each goes back by itself.
             size_t failed = 0;

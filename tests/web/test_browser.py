@@ -13,6 +13,7 @@ import numpy as np
 import pytest
 from selenium import webdriver
 from selenium.webdriver.chrome.service import Service
+from selenium.common.exceptions import StaleElementReferenceException
 from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
 
@@ -47,7 +48,10 @@ def browser():
 def wait_for(condition, what):
     # Bounded by a count of tries, each of which waits on the page itself.
     for _ in range(LONG_WAIT_S * 5):
-        value = condition()
+        try:
+            value = condition()
+        except StaleElementReferenceException:
+            value = None  # the page redrew the element between finding and reading it
         if value is not None and value is not False:
             return value
         time.sleep(0.2)
@@ -99,7 +103,9 @@ def test_live_tiles_and_brightness_slider(browser):
 
         # The simulated ISP does not change its picture with the controls
         # yet, so the value the driver reads back is what is checked.
-        wait_for(lambda: browser.find_element(By.ID, "timing-3").text.split()[2] != "0", "timing rows")
+        wait_for(lambda: browser.execute_script(
+            "const row = document.getElementById('timing-3'); return row && row.cells[2].textContent !== '0';"),
+            "timing rows")
         os.makedirs(os.path.dirname(SCREENSHOT), exist_ok=True)
         browser.save_screenshot(SCREENSHOT)
         assert os.path.getsize(SCREENSHOT) > 10000

@@ -252,8 +252,8 @@ def test_stream_limit_answers_503_and_frees_on_close():
 
 
 # Slow cameras and deep queues: capture only drops a frame if its thread
-# stalls for 0.7 s, so any drop below is the server's fault, not the machine's.
-CALM = "[cameras]\npresent = 0, 1\n" + "".join(f"[camera {c}]\nfps = 10\nmax_buffers = 8\n" for c in (0, 1))
+# stalls for 1.4 s, so any drop below is the server's fault, not the machine's.
+CALM = "[cameras]\npresent = 0, 1\n" + "".join(f"[camera {c}]\nfps = 5\nmax_buffers = 8\n" for c in (0, 1))
 
 
 def test_four_viewers_and_a_stalled_one_cost_the_capture_no_frame():

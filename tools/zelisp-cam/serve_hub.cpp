@@ -19,11 +19,6 @@ constexpr size_t kMaxWaitCameras = 8; // the multi-camera wait takes up to 8 han
 constexpr int kWaitMs = 100;          // how long the loop sleeps before looking at its commands again
 constexpr size_t kRecentSkews = 240;  // frame sets kept for the page's skew chart
 
-std::string camera_context(int camera)
-{
-    return "camera " + std::to_string(camera);
-}
-
 } // namespace
 
 uint32_t ServeOptions::combination() const
@@ -202,11 +197,11 @@ int CameraHub::start()
         uint32_t count = 0;
         int result = isp_get_valid_camera_count(&count);
         if (result != ISP_OK)
-            return report_failure("reading the valid-camera table", result);
+            return report_failure("the platform", "isp_get_valid_camera_info", result);
         zelvideo::_camera_info_t info[12] = {};
         uint32_t reported = 0;
         if (count > 0 && (result = isp_get_valid_camera_info(info, std::min(count, 12u), &reported)) != ISP_OK)
-            return report_failure("reading the valid-camera table", result);
+            return report_failure("the platform", "isp_get_valid_camera_info", result);
         for (uint32_t i = 0; i < std::min(count, 12u); ++i)
             if (info[i].camera_index >= 0 && info[i].camera_index < 12)
                 cameras_.push_back(info[i].camera_index);
@@ -231,6 +226,20 @@ int CameraHub::start()
     return kExitOk;
 }
 
+// The trigger record names no camera: one request sets the platform's mode.
+static int set_trigger(const ServeOptions &options, unsigned long handle)
+{
+    if (!options.trigger)
+        return kExitOk;
+    const TriggerSetting &t = *options.trigger;
+    int result = t.external ? isp_set_external_trigger(handle, t.param1, t.param2, t.param3)
+                            : isp_set_internal_trigger(handle, t.param1, t.param2, t.param3);
+    if (result != ISP_OK)
+        return report_failure("the trigger", t.external ? "isp_set_external_trigger" : "isp_set_internal_trigger",
+                              result);
+    return kExitOk;
+}
+
 // Reads the formats of a camera's views and makes its tiles.
 static int make_tiles(const ServeOptions &options, int camera, unsigned long handle,
                       std::vector<std::unique_ptr<Tile>> *tiles, std::vector<Tile *> *own)
@@ -241,8 +250,7 @@ static int make_tiles(const ServeOptions &options, int camera, unsigned long han
         tile->view = view;
         int result = isp_get_view_format(handle, uint32_t(view), &tile->format);
         if (result != ISP_OK)
-            return report_failure(camera_context(camera) + ": reading the format of view " + std::to_string(view),
-                                  result);
+            return report_failure(camera_context(camera), "isp_get_view_format (view " + std::to_string(view) + ")", result);
         uint32_t width = 0, height = 0;
         preview_size(tile->format, uint32_t(options.preview_width), &width, &height);
         tile->preview = std::make_unique<PreviewSlot>(width, height);
@@ -256,32 +264,26 @@ static int make_tiles(const ServeOptions &options, int camera, unsigned long han
 
 int CameraHub::open_single()
 {
+    int status = kExitOk;
     for (auto &camera : state_) {
-        int result = camera->own.open(camera->camera, 1);
-        if (result != ISP_OK)
-            return report_failure(camera_context(camera->camera), result);
+        status = camera->own.open(camera->camera, 1);
+        if (status != kExitOk)
+            return status;
         camera->handle = camera->own.get();
+        int result = 0;
         if ((result = isp_init_video(camera->handle, options_.combination(), options_.buffers)) != ISP_OK)
-            return report_failure(camera_context(camera->camera) + ": setting the stream up", result);
-        int status = make_tiles(options_, camera->camera, camera->handle, &tiles_, &camera->tiles);
+            return report_failure(camera_context(camera->camera), "isp_init_video", result);
+        status = make_tiles(options_, camera->camera, camera->handle, &tiles_, &camera->tiles);
         if (status != kExitOk)
             return status;
     }
-    // The trigger record names no camera: one request sets the platform's mode.
-    if (options_.trigger) {
-        const TriggerSetting &t = *options_.trigger;
-        unsigned long handle = state_.front()->handle;
-        int result = t.external ? isp_set_external_trigger(handle, t.param1, t.param2, t.param3)
-                                : isp_set_internal_trigger(handle, t.param1, t.param2, t.param3);
-        if (result != ISP_OK)
-            return report_failure(std::string("setting the ") + (t.external ? "external" : "internal") +
-                                      " trigger (parameters 0..2, 0..7" + (t.external ? ", 0..2)" : ", any)"),
-                                  result);
-    }
+    status = set_trigger(options_, state_.front()->handle);
+    if (status != kExitOk)
+        return status;
     for (auto &camera : state_) {
         int result = isp_start_capture(camera->handle);
         if (result != ISP_OK)
-            return report_failure(camera_context(camera->camera) + ": starting the capture", result);
+            return report_failure(camera_context(camera->camera), "isp_start_capture", result);
     }
     return kExitOk;
 }
@@ -291,35 +293,32 @@ int CameraHub::open_group()
     int result = isp_create_video_group(&group_, 0, "zelisp-cam serve", cameras_.data(), int(cameras_.size()));
     if (result != ISP_OK) {
         group_ = 0;
-        return report_failure("creating the group", result);
+        return report_failure("the group", "isp_create_video_group", result);
     }
     for (auto &camera : state_)
         if ((result = isp_group_get_camera_handle(group_, camera->camera, &camera->handle)) != ISP_OK)
-            return report_failure(camera_context(camera->camera), result);
+            return report_failure(camera_context(camera->camera), "isp_group_get_camera_handle", result);
     std::vector<int> open_results(cameras_.size(), 0);
     if ((result = isp_group_open_video(group_, 1, open_results.data())) != ISP_OK) {
         for (size_t i = 0; i < cameras_.size(); ++i)
             if (open_results[i] != ISP_OK)
-                report_failure(camera_context(cameras_[i]), open_results[i]);
-        return report_failure("opening the group", result);
+                report_failure(camera_context(cameras_[i]), "isp_group_open_video", open_results[i]);
+        return report_failure("the group", "isp_group_open_video", result);
     }
     if ((result = isp_group_init_video(group_, options_.combination(), uint32_t(options_.buffers))) != ISP_OK)
-        return report_failure("setting the group's streams up", result);
+        return report_failure("the group", "isp_group_init_video", result);
     for (auto &camera : state_) {
         int status = make_tiles(options_, camera->camera, camera->handle, &tiles_, &camera->tiles);
         if (status != kExitOk)
             return status;
     }
-    // These calls answer 0 whatever happens; a refusal shows in the library's line.
-    if (options_.trigger) {
-        const TriggerSetting &t = *options_.trigger;
-        if (t.external)
-            isp_group_set_external_trigger(group_, t.param1, t.param2, t.param3);
-        else
-            isp_group_set_internal_trigger(group_, t.param1, t.param2, t.param3);
-    }
+    // The group's own trigger calls answer 0 whatever the driver says; the
+    // record names no camera, so it goes through a member, which reports.
+    int status = set_trigger(options_, state_.front()->handle);
+    if (status != kExitOk)
+        return status;
     if ((result = isp_group_start_captrue(group_)) != ISP_OK)
-        return report_failure("starting the group's capture", result);
+        return report_failure("the group", "isp_group_start_captrue", result);
     set_frames_.resize(state_.size());
     return kExitOk;
 }

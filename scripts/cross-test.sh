@@ -13,6 +13,9 @@
 #    zelisp-sim-run or host tools (ls, v4l2-ctl, v4l2-compliance, gst-launch)
 #    with the simulator preloaded: an Arm64 runner cannot be executed by the
 #    host shell, nor an Arm64 library preloaded into a host tool;
+#  - web.* start an Arm64 zelisp-sim-run from the host's Python and drive the
+#    host's Chromium, for the same reason as RunnerTest.* (and the web
+#    console is only built where cpp-httplib and libturbojpeg exist for Arm64);
 #  - SimulatorRobustnessTest.StreamOnAnswersEnomemWhenTheFrameThreadCannotStart
 #    limits the address space, which under qemu-user is the emulator's own;
 #  - CoreNodesTest.DuplicatesAreTrackedAndShareTheOpenFile sends a V4L2
@@ -34,7 +37,7 @@ cmake --build "$build_dir" -j"$jobs"
 library="$build_dir/src/libzelisp.so.1"
 readelf -h "$library" | grep -q 'Machine:.*AArch64' || { echo "$library is not an Arm64 library"; exit 1; }
 
-excluded='^packaging\.install_and_consume$|^RunnerTest\.|^StandardClientsTest\.|^SimulatorRobustnessTest\.StreamOnAnswersEnomem|^ControlListingTest\.V4l2Ctl|^CoreNodesTest\.DuplicatesAreTrackedAndShareTheOpenFile$'
+excluded='^web\.|^packaging\.install_and_consume$|^RunnerTest\.|^StandardClientsTest\.|^SimulatorRobustnessTest\.StreamOnAnswersEnomem|^ControlListingTest\.V4l2Ctl|^CoreNodesTest\.DuplicatesAreTrackedAndShareTheOpenFile$'
 ctest --test-dir "$build_dir" --output-on-failure -j"$jobs" -E "$excluded" "$@"
 
 exported() { nm -D --defined-only "$1" | awk '$2 ~ /^[TWDBRV]$/ {print $3}' | sort -u; }

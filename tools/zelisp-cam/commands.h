@@ -15,6 +15,9 @@ void add_info_command(CLI::App &app, int *status);
 void add_get_command(CLI::App &app, int *status);
 void add_set_command(CLI::App &app, int *status);
 void add_capture_command(CLI::App &app, int *status);
+#ifdef ZELISP_CAM_SERVE
+void add_serve_command(CLI::App &app, int *status); // the web console
+#endif
 
 } // namespace zcam
 

@@ -31,6 +31,9 @@ int main(int argc, char **argv)
     zcam::add_get_command(app, &status);
     zcam::add_set_command(app, &status);
     zcam::add_capture_command(app, &status);
+#ifdef ZELISP_CAM_SERVE
+    zcam::add_serve_command(app, &status);
+#endif
 
     try {
         app.parse(argc, argv);

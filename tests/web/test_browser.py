@@ -1,0 +1,111 @@
+"""The console as a person uses it: headless Chromium (Debian's chromium and
+chromedriver, driven by Selenium) opens the page served on the simulated
+driver, watches a tile's painted frame numbers go up, drags the brightness
+slider to its end, and saves a screenshot for the documentation."""
+import base64
+import os
+import shutil
+import tempfile
+import time
+
+import cv2
+import numpy as np
+import pytest
+from selenium import webdriver
+from selenium.webdriver.chrome.service import Service
+from selenium.common.exceptions import StaleElementReferenceException
+from selenium.webdriver.common.by import By
+from selenium.webdriver.common.keys import Keys
+
+from console import LONG_WAIT_S, OUT, Console, frame_number
+
+CHROMIUM = "/usr/bin/chromium"
+CHROMEDRIVER = "/usr/bin/chromedriver"
+SCREENSHOT = os.environ.get("WEB_SCREENSHOT", os.path.join(OUT, "zelisp-cam-console.png"))
+
+pytestmark = pytest.mark.skipif(not (os.path.exists(CHROMIUM) and os.path.exists(CHROMEDRIVER)),
+                                reason="needs Debian's chromium and chromium-driver")
+
+
+@pytest.fixture()
+def browser():
+    profile = tempfile.mkdtemp(prefix="zelisp-chromium-")
+    options = webdriver.ChromeOptions()
+    options.binary_location = CHROMIUM
+    for flag in ("--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
+                 "--disable-background-networking", "--disable-component-update", "--disable-sync",
+                 "--disable-dev-shm-usage", f"--user-data-dir={profile}", "--window-size=1500,1000"):
+        options.add_argument(flag)
+    driver = webdriver.Chrome(service=Service(CHROMEDRIVER), options=options)
+    driver.set_script_timeout(LONG_WAIT_S)
+    try:
+        yield driver
+    finally:
+        driver.quit()
+        shutil.rmtree(profile, ignore_errors=True)
+
+
+def wait_for(condition, what):
+    # Bounded by a count of tries, each of which waits on the page itself.
+    for _ in range(LONG_WAIT_S * 5):
+        try:
+            value = condition()
+        except StaleElementReferenceException:
+            value = None  # the page redrew the element between finding and reading it
+        if value is not None and value is not False:
+            return value
+        time.sleep(0.2)
+    raise AssertionError("timed out waiting for " + what)
+
+
+def tile_picture(driver, tile_id):
+    """The picture the tile shows now, as the browser decoded it."""
+    data = driver.execute_script("""
+        const img = document.getElementById(arguments[0]);
+        if (!img.complete || !img.naturalWidth) return null;
+        const canvas = document.createElement('canvas');
+        canvas.width = img.naturalWidth; canvas.height = img.naturalHeight;
+        canvas.getContext('2d').drawImage(img, 0, 0);
+        return canvas.toDataURL('image/png');""", tile_id)
+    if not data:
+        return None
+    png = base64.b64decode(data.split(",", 1)[1])
+    return cv2.imdecode(np.frombuffer(png, np.uint8), cv2.IMREAD_COLOR)
+
+
+def test_live_tiles_and_brightness_slider(browser):
+    with Console(config="[cameras]\npresent = 0, 1, 2, 3\n") as console:
+        browser.get(f"http://127.0.0.1:{console.port}/")
+        wait_for(lambda: len(browser.find_elements(By.CSS_SELECTOR, "figure.tile")) == 12, "12 tiles")
+
+        # The tile's frame number, read from its pixels, goes up, and the
+        # caption names the same frame.
+        numbers = []
+        for _ in range(3):
+            def next_number():
+                image = tile_picture(browser, "tile-0-0")
+                number = None if image is None else frame_number(image, 1920, 1080)
+                return number if number is not None and (not numbers or number > numbers[-1]) else None
+            numbers.append(wait_for(next_number, "a newer frame on tile 0/0"))
+        assert numbers == sorted(set(numbers))
+        caption = browser.find_element(By.CSS_SELECTOR, "figure[data-camera='0'][data-view='0'] .frame").text
+        assert caption.startswith("#") and int(caption[1:]) >= numbers[0]
+
+        slider = browser.find_element(By.ID, "control-brightness")
+        assert (slider.get_attribute("min"), slider.get_attribute("max"), slider.get_attribute("value")) == \
+            ("0", "255", "128")
+        slider.click()  # the middle of the track: where the value already is
+        slider.send_keys(Keys.END)
+        readback = browser.find_element(By.ID, "readback-brightness")
+        wait_for(lambda: readback.get_attribute("data-value") == "255", "brightness read back as 255")
+        status, details = console.json("GET", "/api/cameras/0")
+        assert [c["value"] for c in details["controls"] if c["name"] == "brightness"] == [[255]]
+
+        # The simulated ISP does not change its picture with the controls
+        # yet, so the value the driver reads back is what is checked.
+        wait_for(lambda: browser.execute_script(
+            "const row = document.getElementById('timing-3'); return row && row.cells[2].textContent !== '0';"),
+            "timing rows")
+        os.makedirs(os.path.dirname(SCREENSHOT), exist_ok=True)
+        browser.save_screenshot(SCREENSHOT)
+        assert os.path.getsize(SCREENSHOT) > 10000

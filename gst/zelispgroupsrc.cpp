@@ -18,6 +18,7 @@
 #include <gst/video/video.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -90,6 +91,7 @@ struct GroupState {
     GstClockTime frame_interval = 33 * GST_MSECOND;
     uint64_t last_timestamp_us = 0;
     guint64 sets_pushed = 0;
+    std::atomic<bool> eos_pending{false};
     GroupCounters counters;
 };
 
@@ -268,7 +270,6 @@ gboolean pad_query(GstPad *pad, GstObject *parent, GstQuery *query)
 bool start_pads(GstZelispGroupSrc *self)
 {
     GroupState &s = *self->state;
-    gchar *group_id_text = nullptr;
     guint group_id = gst_util_group_id_next();
     for (auto &member : s.members) {
         gchar *id = gst_pad_create_stream_id_printf(member->pad, GST_ELEMENT(self), "camera%d", member->camera);
@@ -294,7 +295,6 @@ bool start_pads(GstZelispGroupSrc *self)
         gst_segment_init(&segment, GST_FORMAT_TIME);
         gst_pad_push_event(member->pad, gst_event_new_segment(&segment));
     }
-    g_free(group_id_text);
     return true;
 }
 
@@ -341,7 +341,7 @@ void loop(gpointer data)
             return stop_streaming(self, GST_FLOW_NOT_NEGOTIATED);
         s.started_pads = true;
     }
-    if (s.num_buffers >= 0 && s.sets_pushed >= guint64(s.num_buffers))
+    if (s.eos_pending || (s.num_buffers >= 0 && s.sets_pushed >= guint64(s.num_buffers)))
         return stop_streaming(self, GST_FLOW_EOS);
 
     const size_t count = s.members.size();
@@ -355,7 +355,7 @@ void loop(gpointer data)
         }
         WaitResult wait = wait_for_set(self, deadline);
         if (wait == WaitResult::Flushing)
-            return stop_streaming(self, GST_FLOW_FLUSHING);
+            return stop_streaming(self, s.eos_pending ? GST_FLOW_EOS : GST_FLOW_FLUSHING);
         if (wait != WaitResult::Ready) {
             post_library_error(GST_ELEMENT(self), "isp_group_get_sync_frame",
                                wait == WaitResult::TimedOut ? ISP_ERR_TIMEOUT : ISP_ERR_SELECT);
@@ -407,35 +407,32 @@ void loop(gpointer data)
 
     GstFlowReturn flow = GST_FLOW_OK;
     guint64 copies = 0;
-    size_t finished = 0;
+    std::vector<GstBuffer *> buffers;
     for (size_t i = 0; i < count; ++i) {
         Member &member = *s.members[i];
         bool copy = s.stream->held(member.handle) >= s.buffers - kQueuedReserve;
         Stream::Frame *frame = s.stream->hold(member.handle, frames[i]);
         GstBuffer *buffer = member.eos ? nullptr : view_buffer(s.stream, frame, member.output, copy);
         s.stream->done(frame);
-        if (member.eos) {
-            ++finished;
-            continue;
-        }
-        if (!buffer) {
+        if (buffer) {
+            copies += copy ? 1 : 0;
+            GST_BUFFER_PTS(buffer) = pts;
+            if (discont)
+                GST_BUFFER_FLAG_SET(buffer, GST_BUFFER_FLAG_DISCONT);
+        } else if (!member.eos) {
             GST_ELEMENT_ERROR(self, RESOURCE, READ,
                               ("camera %d: the plane cannot hold a %ux%u image", member.camera,
                                member.output.format.width, member.output.format.height),
                               (nullptr));
-            return stop_streaming(self, GST_FLOW_ERROR);
+            flow = GST_FLOW_ERROR;
         }
-        copies += copy ? 1 : 0;
-        GST_BUFFER_PTS(buffer) = pts;
-        if (discont)
-            GST_BUFFER_FLAG_SET(buffer, GST_BUFFER_FLAG_DISCONT);
-        GstFlowReturn pushed = gst_pad_push(member.pad, buffer);
-        if (pushed == GST_FLOW_EOS) {
-            member.eos = true;
-            ++finished;
-        } else if (pushed != GST_FLOW_OK && pushed != GST_FLOW_NOT_LINKED) {
-            flow = pushed;
-        }
+        buffers.push_back(buffer);
+    }
+    if (flow != GST_FLOW_OK) {
+        for (GstBuffer *buffer : buffers)
+            if (buffer)
+                gst_buffer_unref(buffer);
+        return stop_streaming(self, flow);
     }
     GST_OBJECT_LOCK(self);
     ++s.counters.sets;
@@ -447,7 +444,23 @@ void loop(gpointer data)
     ++s.sets_pushed;
     GST_LOG_OBJECT(self, "set %u, skew %" G_GUINT64_FORMAT " us, pts %" GST_TIME_FORMAT, sequence, last - first,
                    GST_TIME_ARGS(pts));
-    if (finished == count)
+
+    size_t finished = 0;
+    for (size_t i = 0; i < count; ++i) {
+        Member &member = *s.members[i];
+        if (!buffers[i]) {
+            ++finished;
+            continue;
+        }
+        GstFlowReturn pushed = gst_pad_push(member.pad, buffers[i]);
+        if (pushed == GST_FLOW_EOS) {
+            member.eos = true;
+            ++finished;
+        } else if (pushed != GST_FLOW_OK && pushed != GST_FLOW_NOT_LINKED) {
+            flow = pushed;
+        }
+    }
+    if (flow == GST_FLOW_OK && finished == count)
         flow = GST_FLOW_EOS;
     if (flow != GST_FLOW_OK)
         stop_streaming(self, flow);
@@ -527,6 +540,7 @@ bool set_up(GstZelispGroupSrc *self)
     s.started_pads = false;
     s.have_sequence = false;
     s.sets_pushed = 0;
+    s.eos_pending = false;
     return true;
 }
 
@@ -619,6 +633,22 @@ GstStateChangeReturn change_state(GstElement *element, GstStateChange transition
     return result;
 }
 
+// An EOS sent to the element (gst-launch-1.0 -e) ends the stream after the
+// frame set in flight.
+gboolean send_event(GstElement *element, GstEvent *event)
+{
+    GstZelispGroupSrc *self = GST_ZELISP_GROUP_SRC(element);
+    if (GST_EVENT_TYPE(event) != GST_EVENT_EOS)
+        return GST_ELEMENT_CLASS(gst_zelisp_group_src_parent_class)->send_event(element, event);
+    gst_event_unref(event);
+    self->state->eos_pending = true;
+    GST_OBJECT_LOCK(self);
+    if (self->state->poll)
+        gst_poll_set_flushing(self->state->poll, TRUE);
+    GST_OBJECT_UNLOCK(self);
+    return TRUE;
+}
+
 void finalize(GObject *object)
 {
     GstZelispGroupSrc *self = GST_ZELISP_GROUP_SRC(object);
@@ -636,6 +666,7 @@ static void gst_zelisp_group_src_class_init(GstZelispGroupSrcClass *klass)
     object_class->get_property = get_property;
     object_class->finalize = finalize;
     element_class->change_state = change_state;
+    element_class->send_event = send_event;
 
     const GParamFlags flags = GParamFlags(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS | GST_PARAM_MUTABLE_READY);
     g_object_class_install_property(

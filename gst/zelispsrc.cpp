@@ -17,6 +17,8 @@
 
 #include <gst/video/video.h>
 
+#include <atomic>
+
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -52,17 +54,19 @@ enum {
     PROP_BUFFERS,
     PROP_VIEW,
     PROP_TIMEOUT_MS,
+    PROP_NUM_BUFFERS,
     PROP_DROP,
     PROP_RESIZE,
     PROP_STATS,
     PROP_FIRST_CONTROL,
 };
 
-struct RequestPad {
+// One pad and the view it carries: the always pad src first, then the
+// request pads.
+struct PadOutput {
     GstPad *pad;
     ViewOutput output;
-    bool started = false;
-    bool linked_failed = false;
+    bool eos = false;
 };
 
 struct Counters {
@@ -80,6 +84,7 @@ struct SrcState {
     int buffers = kDefaultBuffers;
     int view = 0;
     int timeout_ms = kDefaultTimeoutMs;
+    int num_buffers = -1;
     DropRatio drop;
     zelvideo::_resize_param_t resize{};
     ControlValues controls;
@@ -90,8 +95,10 @@ struct SrcState {
     GstPoll *poll = nullptr;
     GstPollFD poll_fd = GST_POLL_FD_INIT;
     bool capturing = false;
-    ViewOutput output;
-    std::vector<std::unique_ptr<RequestPad>> requests; // GST_OBJECT_LOCK for the list
+    bool started_pads = false;
+    std::atomic<bool> eos_pending{false};
+    guint64 frames_pushed = 0;
+    std::vector<std::unique_ptr<PadOutput>> outputs; // GST_OBJECT_LOCK for the list; [0] is src
     DecimationRule decimation;
     bool have_sequence = false;
     uint32_t last_sequence = 0;
@@ -103,11 +110,11 @@ struct SrcState {
 } // namespace
 
 struct _GstZelispSrc {
-    GstPushSrc parent;
+    GstElement parent;
     SrcState *state;
 };
 
-G_DEFINE_TYPE(GstZelispSrc, gst_zelisp_src, GST_TYPE_PUSH_SRC)
+G_DEFINE_TYPE(GstZelispSrc, gst_zelisp_src, GST_TYPE_ELEMENT)
 
 namespace {
 
@@ -147,7 +154,7 @@ void set_property(GObject *object, guint id, const GValue *value, GParamSpec *sp
         GST_OBJECT_UNLOCK(self);
         return;
     }
-    if (id != PROP_TIMEOUT_MS && stream_set_up(self)) {
+    if (id != PROP_TIMEOUT_MS && id != PROP_NUM_BUFFERS && stream_set_up(self)) {
         refuse_property(object, spec->name, "the camera is set up; change it in the READY or NULL state");
         return;
     }
@@ -168,6 +175,9 @@ void set_property(GObject *object, guint id, const GValue *value, GParamSpec *sp
         break;
     case PROP_TIMEOUT_MS:
         s.timeout_ms = g_value_get_int(value);
+        break;
+    case PROP_NUM_BUFFERS:
+        s.num_buffers = g_value_get_int(value);
         break;
     case PROP_DROP: {
         DropRatio ratio;
@@ -242,6 +252,9 @@ void get_property(GObject *object, guint id, GValue *value, GParamSpec *spec)
     case PROP_TIMEOUT_MS:
         g_value_set_int(value, s.timeout_ms);
         break;
+    case PROP_NUM_BUFFERS:
+        g_value_set_int(value, s.num_buffers);
+        break;
     case PROP_DROP:
         g_value_set_string(value, format_drop(s.drop).c_str());
         break;
@@ -258,18 +271,19 @@ void get_property(GObject *object, guint id, GValue *value, GParamSpec *spec)
     GST_OBJECT_UNLOCK(self);
 }
 
-// ---- Request pads ----
+// ---- Pads ----
 
-gboolean request_pad_query(GstPad *pad, GstObject *parent, GstQuery *query)
+gboolean pad_query(GstPad *pad, GstObject *parent, GstQuery *query)
 {
     GstZelispSrc *self = GST_ZELISP_SRC(parent);
+    SrcState &s = *self->state;
     switch (GST_QUERY_TYPE(query)) {
     case GST_QUERY_CAPS: {
         GstCaps *caps = nullptr;
         GST_OBJECT_LOCK(self);
-        for (auto &request : self->state->requests)
-            if (request->pad == pad && stream_set_up(self))
-                caps = view_caps(request->output.format);
+        for (auto &output : s.outputs)
+            if (output->pad == pad && stream_set_up(self))
+                caps = view_caps(output->output.format);
         GST_OBJECT_UNLOCK(self);
         if (!caps)
             caps = gst_pad_get_pad_template_caps(pad);
@@ -284,13 +298,32 @@ gboolean request_pad_query(GstPad *pad, GstObject *parent, GstQuery *query)
         gst_caps_unref(caps);
         return TRUE;
     }
-    case GST_QUERY_LATENCY:
-    case GST_QUERY_SCHEDULING:
-        // The same stream as the always pad: the same answers.
-        return gst_pad_query(GST_BASE_SRC_PAD(self), query);
+    case GST_QUERY_LATENCY: {
+        if (!stream_set_up(self))
+            return FALSE;
+        // A frame is complete one frame period after its capture time, and
+        // the driver can hold the frames of all but two buffers.
+        GstClockTime interval = s.frame_interval;
+        gst_query_set_latency(query, TRUE, interval, interval * guint64(s.buffers - kQueuedReserve + 1));
+        return TRUE;
+    }
     default:
         return gst_pad_query_default(pad, parent, query);
     }
+}
+
+GstPad *make_pad(GstZelispSrc *self, GstPadTemplate *templ, const std::string &name, int view)
+{
+    GstPad *pad = gst_pad_new_from_template(templ, name.c_str());
+    gst_pad_set_query_function(pad, pad_query);
+    gst_pad_use_fixed_caps(pad);
+    auto output = std::make_unique<PadOutput>();
+    output->pad = pad;
+    output->output.view = view;
+    GST_OBJECT_LOCK(self);
+    self->state->outputs.push_back(std::move(output));
+    GST_OBJECT_UNLOCK(self);
+    return pad;
 }
 
 GstPad *request_new_pad(GstElement *element, GstPadTemplate *templ, const gchar *name, const GstCaps *)
@@ -302,8 +335,8 @@ GstPad *request_new_pad(GstElement *element, GstPadTemplate *templ, const gchar 
     auto taken = [&](int v) {
         if (v == s.view)
             return true;
-        for (auto &request : s.requests)
-            if (request->output.view == v)
+        for (size_t i = 1; i < s.outputs.size(); ++i)
+            if (s.outputs[i]->output.view == v)
                 return true;
         return false;
     };
@@ -326,20 +359,13 @@ GstPad *request_new_pad(GstElement *element, GstPadTemplate *templ, const gchar 
         reason = "the stream's views are chosen when it is set up; request pads in the NULL or READY state";
     if (reason.empty() && s.mode == 2)
         reason = "open mode 2 carries view 0 only";
+    GST_OBJECT_UNLOCK(self);
     if (!reason.empty()) {
-        GST_OBJECT_UNLOCK(self);
         g_warning("%s: no request pad: %s", GST_OBJECT_NAME(self), reason.c_str());
         return nullptr;
     }
     std::string pad_name = "src_" + std::to_string(view);
-    GstPad *pad = gst_pad_new_from_template(templ, pad_name.c_str());
-    auto request = std::make_unique<RequestPad>();
-    request->pad = pad;
-    request->output.view = view;
-    s.requests.push_back(std::move(request));
-    GST_OBJECT_UNLOCK(self);
-    gst_pad_set_query_function(pad, request_pad_query);
-    gst_pad_use_fixed_caps(pad);
+    GstPad *pad = make_pad(self, templ, pad_name, view);
     gst_pad_set_active(pad, GST_STATE(element) > GST_STATE_READY);
     gst_element_add_pad(element, pad);
     GST_DEBUG_OBJECT(self, "request pad %s carries view %d", pad_name.c_str(), view);
@@ -350,10 +376,10 @@ void release_pad(GstElement *element, GstPad *pad)
 {
     GstZelispSrc *self = GST_ZELISP_SRC(element);
     GST_OBJECT_LOCK(self);
-    auto &requests = self->state->requests;
-    for (auto it = requests.begin(); it != requests.end(); ++it)
+    auto &outputs = self->state->outputs;
+    for (auto it = outputs.begin() + 1; it != outputs.end(); ++it)
         if ((*it)->pad == pad) {
-            requests.erase(it);
+            outputs.erase(it);
             break;
         }
     GST_OBJECT_UNLOCK(self);
@@ -361,58 +387,40 @@ void release_pad(GstElement *element, GstPad *pad)
     gst_element_remove_pad(element, pad);
 }
 
-// The EOS of the always pad ends the other views too.
-GstPadProbeReturn forward_eos(GstPad *, GstPadProbeInfo *info, gpointer data)
+// Stream start, caps (the view's format in the memory the peer takes) and
+// segment on every pad.
+bool start_pads(GstZelispSrc *self)
 {
-    GstZelispSrc *self = GST_ZELISP_SRC(data);
-    GstEvent *event = GST_PAD_PROBE_INFO_EVENT(info);
-    if (GST_EVENT_TYPE(event) != GST_EVENT_EOS)
-        return GST_PAD_PROBE_OK;
-    std::vector<GstPad *> pads;
-    GST_OBJECT_LOCK(self);
-    for (auto &request : self->state->requests)
-        pads.push_back(GST_PAD(gst_object_ref(request->pad)));
-    GST_OBJECT_UNLOCK(self);
-    for (GstPad *pad : pads) {
-        gst_pad_push_event(pad, gst_event_new_eos());
-        gst_object_unref(pad);
-    }
-    return GST_PAD_PROBE_OK;
-}
-
-// Caps of a request pad: the view's format in the memory its peer takes.
-bool negotiate_request(GstZelispSrc *self, RequestPad &request)
-{
-    GstCaps *ours = view_caps(request.output.format);
-    GstCaps *peer = gst_pad_peer_query_caps(request.pad, ours);
-    gst_caps_unref(ours);
-    if (gst_caps_is_empty(peer)) {
-        gst_caps_unref(peer);
-        GST_ELEMENT_ERROR(self, CORE, NEGOTIATION, ("%s: downstream takes no caps of view %d",
-                                                         GST_PAD_NAME(request.pad), request.output.view),
-                          (nullptr));
-        return false;
-    }
-    GstCaps *chosen = gst_caps_fixate(peer);
-    request.output.dmabuf = caps_want_dmabuf(chosen);
-    bool sent = gst_pad_push_event(request.pad, gst_event_new_caps(chosen));
-    gst_caps_unref(chosen);
-    return sent || !gst_pad_is_linked(request.pad);
-}
-
-bool start_request_pads(GstZelispSrc *self)
-{
-    GstBaseSrc *base = GST_BASE_SRC(self);
-    for (auto &request : self->state->requests) {
-        if (request->started)
-            continue;
-        gchar *id = gst_pad_create_stream_id_printf(request->pad, GST_ELEMENT(self), "view%d", request->output.view);
-        gst_pad_push_event(request->pad, gst_event_new_stream_start(id));
+    guint group_id = gst_util_group_id_next();
+    for (auto &output : self->state->outputs) {
+        output->eos = false;
+        gchar *id = gst_pad_create_stream_id_printf(output->pad, GST_ELEMENT(self), "view%d", output->output.view);
+        GstEvent *start = gst_event_new_stream_start(id);
+        gst_event_set_group_id(start, group_id);
+        gst_pad_push_event(output->pad, start);
         g_free(id);
-        if (!negotiate_request(self, *request))
+        GstCaps *ours = view_caps(output->output.format);
+        GstCaps *peer = gst_pad_peer_query_caps(output->pad, ours);
+        gst_caps_unref(ours);
+        if (gst_caps_is_empty(peer)) {
+            gst_caps_unref(peer);
+            if (!gst_pad_is_linked(output->pad))
+                continue;
+            GST_ELEMENT_ERROR(self, CORE, NEGOTIATION,
+                              ("%s: downstream takes no caps of view %d", GST_PAD_NAME(output->pad),
+                               output->output.view),
+                              (nullptr));
             return false;
-        gst_pad_push_event(request->pad, gst_event_new_segment(&base->segment));
-        request->started = true;
+        }
+        GstCaps *chosen = gst_caps_fixate(peer);
+        output->output.dmabuf = caps_want_dmabuf(chosen);
+        GST_DEBUG_OBJECT(self, "%s: view %d in %s memory: %" GST_PTR_FORMAT, GST_PAD_NAME(output->pad),
+                         output->output.view, output->output.dmabuf ? "DMA-buf" : "system", chosen);
+        gst_pad_push_event(output->pad, gst_event_new_caps(chosen));
+        gst_caps_unref(chosen);
+        GstSegment segment;
+        gst_segment_init(&segment, GST_FORMAT_TIME);
+        gst_pad_push_event(output->pad, gst_event_new_segment(&segment));
     }
     return true;
 }
@@ -441,26 +449,24 @@ bool set_up_view(GstZelispSrc *self, unsigned long handle, ViewOutput &output)
     return true;
 }
 
-gboolean start(GstBaseSrc *base)
+bool set_up(GstZelispSrc *self)
 {
-    GstZelispSrc *self = GST_ZELISP_SRC(base);
     SrcState &s = *self->state;
     GST_OBJECT_LOCK(self);
     int camera = s.camera, mode = s.mode, buffers = s.buffers, view = s.view;
     DropRatio drop = s.drop;
     zelvideo::_resize_param_t resize = s.resize;
     ControlValues controls = s.controls;
-    uint32_t combination = 1u << view;
-    for (auto &request : s.requests) {
-        combination |= 1u << request->output.view;
-        request->started = false;
-    }
+    s.outputs[0]->output.view = view;
+    uint32_t combination = 0;
+    for (auto &output : s.outputs)
+        combination |= 1u << output->output.view;
     GST_OBJECT_UNLOCK(self);
 
     if (mode == 2 && view != 0) {
         GST_ELEMENT_ERROR(self, RESOURCE, SETTINGS, ("open mode 2 carries view 0 only, not view %d", view),
                           (nullptr));
-        return FALSE;
+        return false;
     }
     unsigned long handle = isp_open_video(uint32_t(camera), mode);
     if (handle == 0) {
@@ -468,13 +474,13 @@ gboolean start(GstBaseSrc *base)
                           ("isp_open_video: camera %d could not be opened in mode %d (see the library's line above)",
                            camera, mode),
                           (nullptr));
-        return FALSE;
+        return false;
     }
     auto fail = [&](const char *call, int result) {
         if (call)
             post_library_error(GST_ELEMENT(self), call, result);
         isp_close_video(handle);
-        return FALSE;
+        return false;
     };
     int result;
     zelvideo::_resize_param_t none{};
@@ -495,11 +501,8 @@ gboolean start(GstBaseSrc *base)
             GST_ELEMENT_WARNING(self, RESOURCE, SETTINGS, ("%s", text.c_str()), (nullptr));
         }
     }
-    s.output.view = view;
-    if (!set_up_view(self, handle, s.output))
-        return fail(nullptr, 0);
-    for (auto &request : s.requests)
-        if (!set_up_view(self, handle, request->output))
+    for (auto &output : s.outputs)
+        if (!set_up_view(self, handle, output->output))
             return fail(nullptr, 0);
     int64_t fd = -1;
     if ((result = isp_camera_get_native_fd(handle, &fd)) != ISP_OK)
@@ -513,18 +516,20 @@ gboolean start(GstBaseSrc *base)
     s.decimation = DecimationRule(drop);
     s.have_sequence = false;
     s.capturing = false;
+    s.started_pads = false;
+    s.eos_pending = false;
+    s.frames_pushed = 0;
     Stream *stream = Stream::create([handle] { close_camera(handle); });
     GST_OBJECT_LOCK(self);
     s.handle = handle;
     s.stream = stream;
     s.counters = Counters();
     GST_OBJECT_UNLOCK(self);
-    return TRUE;
+    return true;
 }
 
-gboolean stop(GstBaseSrc *base)
+void tear_down(GstZelispSrc *self)
 {
-    GstZelispSrc *self = GST_ZELISP_SRC(base);
     SrcState &s = *self->state;
     GST_OBJECT_LOCK(self);
     Stream *stream = s.stream;
@@ -533,7 +538,7 @@ gboolean stop(GstBaseSrc *base)
     s.handle = 0;
     GST_OBJECT_UNLOCK(self);
     if (!stream)
-        return TRUE;
+        return;
     stream->stop();
     if (s.capturing) {
         std::lock_guard<std::mutex> guard(stream->library_lock());
@@ -542,74 +547,10 @@ gboolean stop(GstBaseSrc *base)
     s.capturing = false;
     // Closes the camera now, or when downstream frees the last frame.
     stream->unref();
-    if (s.poll) {
-        gst_poll_free(s.poll);
-        s.poll = nullptr;
-    }
-    s.output.copies.reset();
-    for (auto &request : s.requests)
-        request->output.copies.reset();
-    return TRUE;
-}
-
-gboolean unlock(GstBaseSrc *base)
-{
-    GstZelispSrc *self = GST_ZELISP_SRC(base);
-    if (self->state->poll)
-        gst_poll_set_flushing(self->state->poll, TRUE);
-    return TRUE;
-}
-
-gboolean unlock_stop(GstBaseSrc *base)
-{
-    GstZelispSrc *self = GST_ZELISP_SRC(base);
-    if (self->state->poll)
-        gst_poll_set_flushing(self->state->poll, FALSE);
-    return TRUE;
-}
-
-// ---- Caps ----
-
-GstCaps *get_caps(GstBaseSrc *base, GstCaps *filter)
-{
-    GstZelispSrc *self = GST_ZELISP_SRC(base);
-    GstCaps *caps = nullptr;
-    GST_OBJECT_LOCK(self);
-    if (stream_set_up(self))
-        caps = view_caps(self->state->output.format);
-    GST_OBJECT_UNLOCK(self);
-    if (!caps)
-        caps = gst_pad_get_pad_template_caps(GST_BASE_SRC_PAD(base));
-    if (filter) {
-        GstCaps *both = gst_caps_intersect_full(filter, caps, GST_CAPS_INTERSECT_FIRST);
-        gst_caps_unref(caps);
-        caps = both;
-    }
-    return caps;
-}
-
-gboolean set_caps(GstBaseSrc *base, GstCaps *caps)
-{
-    GstZelispSrc *self = GST_ZELISP_SRC(base);
-    self->state->output.dmabuf = caps_want_dmabuf(caps);
-    GST_DEBUG_OBJECT(self, "view %d in %s memory: %" GST_PTR_FORMAT, self->state->output.view,
-                     self->state->output.dmabuf ? "DMA-buf" : "system", caps);
-    return TRUE;
-}
-
-gboolean query(GstBaseSrc *base, GstQuery *query)
-{
-    GstZelispSrc *self = GST_ZELISP_SRC(base);
-    if (GST_QUERY_TYPE(query) == GST_QUERY_LATENCY) {
-        if (!stream_set_up(self))
-            return FALSE;
-        // A frame is complete one frame period after its capture time, and
-        // the driver can hold the frames of all but two buffers.
-        GstClockTime interval = self->state->frame_interval;
-        gst_query_set_latency(query, TRUE, interval, interval * guint64(self->state->buffers - kQueuedReserve + 1));
-        return TRUE;
-    }
-    return GST_BASE_SRC_CLASS(gst_zelisp_src_parent_class)->query(base, query);
+    gst_poll_free(s.poll);
+    s.poll = nullptr;
+    for (auto &output : s.outputs)
+        output->output.copies.reset();
 }
 
 // ---- Frames ----
@@ -664,34 +605,23 @@ GstFlowReturn take_frame(GstZelispSrc *self, zelvideo::_isp_buf_t *frame)
     }
 }
 
-GstFlowReturn push_views(GstZelispSrc *self, Stream::Frame *frame, bool copy, GstClockTime pts, bool discont)
+
+void pause_streaming(GstZelispSrc *self, GstFlowReturn flow)
 {
     SrcState &s = *self->state;
-    GstFlowReturn flow = GST_FLOW_OK;
-    for (auto &request : s.requests) {
-        GstBuffer *buffer = view_buffer(s.stream, frame, request->output, copy);
-        if (!buffer) {
-            GST_ELEMENT_ERROR(self, RESOURCE, READ,
-                              ("view %d: the plane cannot hold a %ux%u image", request->output.view,
-                               request->output.format.width, request->output.format.height),
-                              (nullptr));
-            return GST_FLOW_ERROR;
-        }
-        GST_BUFFER_PTS(buffer) = pts;
-        if (discont)
-            GST_BUFFER_FLAG_SET(buffer, GST_BUFFER_FLAG_DISCONT);
-        GstFlowReturn pushed = gst_pad_push(request->pad, buffer);
-        if (pushed == GST_FLOW_NOT_LINKED || pushed == GST_FLOW_EOS)
-            continue; // an unlinked or finished view does not stop the others
-        if (pushed != GST_FLOW_OK)
-            flow = pushed;
+    GST_DEBUG_OBJECT(self, "pausing: %s", gst_flow_get_name(flow));
+    if (flow == GST_FLOW_EOS || flow <= GST_FLOW_NOT_NEGOTIATED) {
+        if (flow != GST_FLOW_EOS && flow != GST_FLOW_ERROR)
+            GST_ELEMENT_FLOW_ERROR(self, flow);
+        for (auto &output : s.outputs)
+            gst_pad_push_event(output->pad, gst_event_new_eos());
     }
-    return flow;
+    gst_pad_pause_task(s.outputs[0]->pad);
 }
 
-GstFlowReturn create(GstPushSrc *push, GstBuffer **out)
+void loop(gpointer data)
 {
-    GstZelispSrc *self = GST_ZELISP_SRC(push);
+    GstZelispSrc *self = GST_ZELISP_SRC(data);
     SrcState &s = *self->state;
     if (!s.capturing) {
         int result;
@@ -701,20 +631,30 @@ GstFlowReturn create(GstPushSrc *push, GstBuffer **out)
         }
         if (result != ISP_OK) {
             post_library_error(GST_ELEMENT(self), "isp_start_capture", result);
-            return GST_FLOW_ERROR;
+            return pause_streaming(self, GST_FLOW_ERROR);
         }
         s.capturing = true;
     }
-    if (!start_request_pads(self))
-        return GST_FLOW_NOT_NEGOTIATED;
+    if (!s.started_pads) {
+        if (!start_pads(self))
+            return pause_streaming(self, GST_FLOW_NOT_NEGOTIATED);
+        s.started_pads = true;
+    }
+    GST_OBJECT_LOCK(self);
+    int num_buffers = s.num_buffers;
+    GST_OBJECT_UNLOCK(self);
+    if (s.eos_pending || (num_buffers >= 0 && s.frames_pushed >= guint64(num_buffers)))
+        return pause_streaming(self, GST_FLOW_EOS);
 
     zelvideo::_isp_buf_t buf;
     GstFlowReturn flow = take_frame(self, &buf);
+    if (flow == GST_FLOW_FLUSHING && s.eos_pending)
+        flow = GST_FLOW_EOS;
     if (flow != GST_FLOW_OK)
-        return flow;
+        return pause_streaming(self, flow);
 
-    const zelvideo::_isp_view_buf_t &plane = buf.views[s.output.view];
-    bool discont = false;
+    const zelvideo::_isp_view_buf_t &plane = buf.views[s.outputs[0]->output.view];
+    bool discont = !s.have_sequence;
     guint64 missing = 0;
     if (s.have_sequence && plane.sequence > s.last_sequence + 1) {
         missing = guint64(plane.sequence - s.last_sequence - 1) -
@@ -733,21 +673,28 @@ GstFlowReturn create(GstPushSrc *push, GstBuffer **out)
     bool copy = s.stream->held(s.handle) >= s.buffers - kQueuedReserve;
     GstClockTime pts = capture_running_time(GST_ELEMENT(self), plane.timestamp);
     Stream::Frame *frame = s.stream->hold(s.handle, buf);
-    GstBuffer *buffer = view_buffer(s.stream, frame, s.output, copy);
-    if (buffer) {
-        GST_BUFFER_PTS(buffer) = pts;
-        GST_BUFFER_DURATION(buffer) = GST_CLOCK_TIME_NONE;
-        if (discont)
-            GST_BUFFER_FLAG_SET(buffer, GST_BUFFER_FLAG_DISCONT);
-        flow = push_views(self, frame, copy, pts, discont);
+    std::vector<GstBuffer *> buffers;
+    for (auto &output : s.outputs) {
+        GstBuffer *buffer = output->eos ? nullptr : view_buffer(s.stream, frame, output->output, copy);
+        if (buffer) {
+            GST_BUFFER_PTS(buffer) = pts;
+            if (discont)
+                GST_BUFFER_FLAG_SET(buffer, GST_BUFFER_FLAG_DISCONT);
+        } else if (!output->eos) {
+            GST_ELEMENT_ERROR(self, RESOURCE, READ,
+                              ("view %d: the plane cannot hold a %ux%u image", output->output.view,
+                               output->output.format.width, output->output.format.height),
+                              (nullptr));
+            flow = GST_FLOW_ERROR;
+        }
+        buffers.push_back(buffer);
     }
     s.stream->done(frame);
-    if (!buffer) {
-        GST_ELEMENT_ERROR(self, RESOURCE, READ,
-                          ("view %d: the plane cannot hold a %ux%u image", s.output.view, s.output.format.width,
-                           s.output.format.height),
-                          (nullptr));
-        return GST_FLOW_ERROR;
+    if (flow != GST_FLOW_OK) {
+        for (GstBuffer *buffer : buffers)
+            if (buffer)
+                gst_buffer_unref(buffer);
+        return pause_streaming(self, flow);
     }
     GST_OBJECT_LOCK(self);
     ++s.counters.frames;
@@ -755,14 +702,98 @@ GstFlowReturn create(GstPushSrc *push, GstBuffer **out)
     if (copy)
         ++s.counters.copied;
     GST_OBJECT_UNLOCK(self);
+    ++s.frames_pushed;
     GST_LOG_OBJECT(self, "frame %u%s%s, pts %" GST_TIME_FORMAT, plane.sequence, copy ? " (copied)" : "",
-                   discont ? " after a gap" : "", GST_TIME_ARGS(pts));
-    if (flow != GST_FLOW_OK) {
-        gst_buffer_unref(buffer);
-        return flow;
+                   missing ? " after a gap" : "", GST_TIME_ARGS(pts));
+
+    // The request pads first: the always pad's peer is often the slowest.
+    size_t finished = 0, unlinked = 0;
+    for (size_t i = s.outputs.size(); i-- > 0;) {
+        PadOutput &output = *s.outputs[i];
+        if (!buffers[i]) {
+            ++finished;
+            continue;
+        }
+        GstFlowReturn pushed = gst_pad_push(output.pad, buffers[i]);
+        if (pushed == GST_FLOW_EOS) {
+            output.eos = true;
+            ++finished;
+        } else if (pushed == GST_FLOW_NOT_LINKED) {
+            ++unlinked; // an unlinked view does not stop the others
+        } else if (pushed != GST_FLOW_OK) {
+            flow = pushed;
+        }
     }
-    *out = buffer;
-    return GST_FLOW_OK;
+    if (flow == GST_FLOW_OK && finished == s.outputs.size())
+        flow = GST_FLOW_EOS;
+    else if (flow == GST_FLOW_OK && unlinked + finished == s.outputs.size())
+        flow = GST_FLOW_NOT_LINKED;
+    if (flow != GST_FLOW_OK)
+        pause_streaming(self, flow);
+}
+
+// ---- State changes and events ----
+
+GstStateChangeReturn change_state(GstElement *element, GstStateChange transition)
+{
+    GstZelispSrc *self = GST_ZELISP_SRC(element);
+    SrcState &s = *self->state;
+    switch (transition) {
+    case GST_STATE_CHANGE_READY_TO_PAUSED:
+        if (!set_up(self))
+            return GST_STATE_CHANGE_FAILURE;
+        break;
+    case GST_STATE_CHANGE_PLAYING_TO_PAUSED:
+    case GST_STATE_CHANGE_PAUSED_TO_READY:
+        // Wakes the streaming thread out of its wait for the sensor.
+        if (s.poll)
+            gst_poll_set_flushing(s.poll, TRUE);
+        break;
+    default:
+        break;
+    }
+    GstStateChangeReturn result = GST_ELEMENT_CLASS(gst_zelisp_src_parent_class)->change_state(element, transition);
+    if (result == GST_STATE_CHANGE_FAILURE) {
+        if (transition == GST_STATE_CHANGE_READY_TO_PAUSED)
+            tear_down(self);
+        return result;
+    }
+    switch (transition) {
+    case GST_STATE_CHANGE_READY_TO_PAUSED:
+        result = GST_STATE_CHANGE_NO_PREROLL; // live: frames only in PLAYING
+        break;
+    case GST_STATE_CHANGE_PAUSED_TO_PLAYING:
+        gst_poll_set_flushing(s.poll, FALSE);
+        gst_pad_start_task(s.outputs[0]->pad, loop, self, nullptr);
+        break;
+    case GST_STATE_CHANGE_PLAYING_TO_PAUSED:
+        gst_pad_pause_task(s.outputs[0]->pad);
+        result = GST_STATE_CHANGE_NO_PREROLL;
+        break;
+    case GST_STATE_CHANGE_PAUSED_TO_READY:
+        gst_pad_stop_task(s.outputs[0]->pad);
+        tear_down(self);
+        break;
+    default:
+        break;
+    }
+    return result;
+}
+
+// An EOS sent to the element (gst-launch-1.0 -e, an application ending a
+// recording) ends the stream after the frame in flight.
+gboolean send_event(GstElement *element, GstEvent *event)
+{
+    GstZelispSrc *self = GST_ZELISP_SRC(element);
+    if (GST_EVENT_TYPE(event) != GST_EVENT_EOS)
+        return GST_ELEMENT_CLASS(gst_zelisp_src_parent_class)->send_event(element, event);
+    gst_event_unref(event);
+    self->state->eos_pending = true;
+    GST_OBJECT_LOCK(self);
+    if (self->state->poll)
+        gst_poll_set_flushing(self->state->poll, TRUE);
+    GST_OBJECT_UNLOCK(self);
+    return TRUE;
 }
 
 // ---- Object ----
@@ -780,8 +811,6 @@ static void gst_zelisp_src_class_init(GstZelispSrcClass *klass)
 {
     GObjectClass *object_class = G_OBJECT_CLASS(klass);
     GstElementClass *element_class = GST_ELEMENT_CLASS(klass);
-    GstBaseSrcClass *base_class = GST_BASE_SRC_CLASS(klass);
-    GstPushSrcClass *push_class = GST_PUSH_SRC_CLASS(klass);
 
     object_class->set_property = set_property;
     object_class->get_property = get_property;
@@ -808,6 +837,10 @@ static void gst_zelisp_src_class_init(GstZelispSrcClass *klass)
                          "How long to wait for a frame before posting an error, in milliseconds (-1: forever)", -1,
                          G_MAXINT, kDefaultTimeoutMs,
                          GParamFlags(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS | GST_PARAM_MUTABLE_PLAYING)));
+    g_object_class_install_property(object_class, PROP_NUM_BUFFERS,
+                                    g_param_spec_int("num-buffers", "num-buffers",
+                                                     "Number of frames to push before EOS (-1: unlimited)", -1,
+                                                     G_MAXINT, -1, flags));
     g_object_class_install_property(
         object_class, PROP_DROP,
         g_param_spec_string("drop", "Frame decimation",
@@ -837,14 +870,8 @@ static void gst_zelisp_src_class_init(GstZelispSrcClass *klass)
 
     element_class->request_new_pad = request_new_pad;
     element_class->release_pad = release_pad;
-    base_class->start = start;
-    base_class->stop = stop;
-    base_class->unlock = unlock;
-    base_class->unlock_stop = unlock_stop;
-    base_class->get_caps = get_caps;
-    base_class->set_caps = set_caps;
-    base_class->query = query;
-    push_class->create = create;
+    element_class->change_state = change_state;
+    element_class->send_event = send_event;
 
     GST_DEBUG_CATEGORY_INIT(zelispsrc_debug, "zelispsrc", 0, "ISP camera source");
 }
@@ -852,8 +879,7 @@ static void gst_zelisp_src_class_init(GstZelispSrcClass *klass)
 static void gst_zelisp_src_init(GstZelispSrc *self)
 {
     self->state = new SrcState();
-    gst_base_src_set_live(GST_BASE_SRC(self), TRUE);
-    gst_base_src_set_format(GST_BASE_SRC(self), GST_FORMAT_TIME);
-    gst_base_src_set_do_timestamp(GST_BASE_SRC(self), FALSE);
-    gst_pad_add_probe(GST_BASE_SRC_PAD(self), GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, forward_eos, self, nullptr);
+    GST_OBJECT_FLAG_SET(self, GST_ELEMENT_FLAG_SOURCE);
+    GstPadTemplate *templ = gst_element_class_get_pad_template(GST_ELEMENT_GET_CLASS(self), "src");
+    gst_element_add_pad(GST_ELEMENT(self), make_pad(self, templ, "src", 0));
 }

@@ -6,12 +6,12 @@
 #ifndef GST_ZELISP_SRC_H
 #define GST_ZELISP_SRC_H
 
-#include <gst/base/gstpushsrc.h>
+#include <gst/gst.h>
 
 G_BEGIN_DECLS
 
 #define GST_TYPE_ZELISP_SRC (gst_zelisp_src_get_type())
-G_DECLARE_FINAL_TYPE(GstZelispSrc, gst_zelisp_src, GST, ZELISP_SRC, GstPushSrc)
+G_DECLARE_FINAL_TYPE(GstZelispSrc, gst_zelisp_src, GST, ZELISP_SRC, GstElement)
 
 G_END_DECLS
 

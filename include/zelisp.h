@@ -15,6 +15,20 @@
 #include <stdint.h>
 #include <sys/time.h>
 
+/*
+ * The header is C11 as well as C++17. C sees the same records without the
+ * namespace (name them struct _isp_buf_t or through the typedefs below), a
+ * plain int-sized enum for the results, and every function except the four
+ * group functions of the namespace, which are C++ symbols.
+ */
+#ifdef __cplusplus
+#define ZELISP_RECORD(name) zelvideo::name
+#else
+#include <assert.h>
+#include <stdalign.h>
+#define ZELISP_RECORD(name) name
+#endif
+
 #if defined(ZELISP_BUILDING_LIBRARY)
 #define ZELISP_API __attribute__((visibility("default")))
 #else
@@ -22,7 +36,11 @@
 #endif
 
 /* Result codes shared by every function of the library. */
+#ifdef __cplusplus
 enum IspResult : int {
+#else
+enum IspResult {
+#endif
     ISP_OK = 0,
     ISP_ERR_SELECT = -1,            /* select() failed with an error other than EINTR */
     ISP_ERR_BUFFER_COUNT = -2,      /* buffer count outside 3..8 */
@@ -40,7 +58,18 @@ enum IspResult : int {
     ISP_ERR_NO_VALID_CAMERA = -17,  /* a group has no valid camera */
 };
 
+#ifdef __cplusplus
 namespace zelvideo {
+#else
+typedef struct _isp_view_buf_t _isp_view_buf_t;
+typedef struct _isp_buf_t _isp_buf_t;
+typedef struct _view_format_t _view_format_t;
+typedef struct _resize_crop_t _resize_crop_t;
+typedef struct _resize_scale_t _resize_scale_t;
+typedef struct _resize_param_t _resize_param_t;
+typedef struct _mec_param_t _mec_param_t;
+typedef struct _camera_info_t _camera_info_t;
+#endif
 
 /* One view of one capture buffer (72 bytes). */
 struct _isp_view_buf_t {
@@ -139,6 +168,7 @@ static_assert(sizeof(_camera_info_t) == 40, "_camera_info_t is 40 bytes");
 static_assert(offsetof(_camera_info_t, camera_index) == 32, "_camera_info_t layout");
 static_assert(offsetof(_camera_info_t, driver_data_tail) == 36, "_camera_info_t layout");
 
+#ifdef __cplusplus
 /* Group operations that take public records (C++ symbols). */
 ZELISP_API int isp_group_set_view_format(unsigned long group, int view, _view_format_t view_format);
 ZELISP_API int isp_group_get_view_format(unsigned long group, int view, _view_format_t *formats);
@@ -156,6 +186,7 @@ ZELISP_API int isp_group_put_frame(unsigned long group, _isp_buf_t *frames, int 
 } // namespace zelvideo
 
 extern "C" {
+#endif
 
 /* ---- Library and camera handles ---- */
 ZELISP_API const char *isp_get_sdk_version(void);
@@ -168,23 +199,23 @@ ZELISP_API int isp_camera_get_native_fd(unsigned long handle, int64_t *fd);
 
 /* ---- Stream setup, resize ---- */
 ZELISP_API int isp_init_video(unsigned long handle, uint32_t combination, int32_t buffer_num);
-ZELISP_API int isp_resize_resolution(unsigned long handle, const zelvideo::_resize_param_t *param);
+ZELISP_API int isp_resize_resolution(unsigned long handle, const ZELISP_RECORD(_resize_param_t) *param);
 
 /* ---- Capture and frames ---- */
 ZELISP_API int isp_start_capture(unsigned long handle);
 ZELISP_API int isp_stop_capture(unsigned long handle);
-ZELISP_API int isp_get_frame_buf(unsigned long handle, zelvideo::_isp_buf_t *buf, int32_t timeout_ms);
-ZELISP_API int isp_put_frame_buf(unsigned long handle, const zelvideo::_isp_buf_t *buf);
+ZELISP_API int isp_get_frame_buf(unsigned long handle, ZELISP_RECORD(_isp_buf_t) *buf, int32_t timeout_ms);
+ZELISP_API int isp_put_frame_buf(unsigned long handle, const ZELISP_RECORD(_isp_buf_t) *buf);
 ZELISP_API int isp_put_frame_buf_by_index(unsigned long handle, int32_t index);
 
 /* ---- Views ---- */
-ZELISP_API int isp_get_view_format(unsigned long handle, uint32_t view, zelvideo::_view_format_t *format);
+ZELISP_API int isp_get_view_format(unsigned long handle, uint32_t view, ZELISP_RECORD(_view_format_t) *format);
 /* Returns the DMA-buf descriptor (owned by the camera) or a negative result. */
 ZELISP_API int isp_get_view_buf_fd(unsigned long handle, uint32_t buffer_index, uint32_t view);
 
 /* ---- Frame decimation ---- */
 ZELISP_API int isp_set_frame_drop_num(unsigned long handle, int32_t total_num, int32_t drop_num);
-ZELISP_API int isp_get_expected_frame(unsigned long handle, zelvideo::_isp_buf_t *buf, int32_t timeout_ms);
+ZELISP_API int isp_get_expected_frame(unsigned long handle, ZELISP_RECORD(_isp_buf_t) *buf, int32_t timeout_ms);
 
 /* ---- Picture controls ---- */
 ZELISP_API int isp_camera_set_brightness(unsigned long handle, uint32_t value);
@@ -208,13 +239,13 @@ ZELISP_API int isp_camera_get_awb(unsigned long handle, uint8_t *value);
 ZELISP_API int isp_camera_set_mwb(unsigned long handle, uint32_t gain1, uint32_t gain2, uint32_t gain3);
 ZELISP_API int isp_camera_set_aec(unsigned long handle, uint8_t value);
 ZELISP_API int isp_camera_get_aec(unsigned long handle, uint8_t *value);
-ZELISP_API int isp_camera_set_mec(unsigned long handle, const zelvideo::_mec_param_t *param);
+ZELISP_API int isp_camera_set_mec(unsigned long handle, const ZELISP_RECORD(_mec_param_t) *param);
 /* info: a buffer of at least 14 bytes, filled by the driver. */
 ZELISP_API int isp_camera_get_abnormal_info(unsigned long handle, void *info);
 
 /* ---- Platform: discovery, sensor bus, trigger modes ---- */
 ZELISP_API int isp_get_valid_camera_count(uint32_t *count);
-ZELISP_API int isp_get_valid_camera_info(zelvideo::_camera_info_t *info, uint32_t camera_num, uint32_t *count);
+ZELISP_API int isp_get_valid_camera_info(ZELISP_RECORD(_camera_info_t) *info, uint32_t camera_num, uint32_t *count);
 ZELISP_API int isp_set_i2c_ctrl(uint32_t camera_index, uint32_t i2c_bus_ctrler);
 ZELISP_API int isp_set_internal_trigger(unsigned long handle, uint32_t trigger_param1, uint32_t trigger_param2,
                                         uint32_t internal_param3);
@@ -244,7 +275,7 @@ ZELISP_API int isp_create_video_group(unsigned long *group, uint32_t group_type,
                                       const int *camera_index_list, int camera_count);
 ZELISP_API int isp_get_single_camera_handle(unsigned long group, int camera_index);
 ZELISP_API int isp_group_get_video_handle(unsigned long group, int camera_index);
-ZELISP_API int isp_group_get_video_info(unsigned long group, int camera_index, zelvideo::_camera_info_t *info);
+ZELISP_API int isp_group_get_video_info(unsigned long group, int camera_index, ZELISP_RECORD(_camera_info_t) *info);
 ZELISP_API int isp_group_open_video(unsigned long group, int mode, int *open_results);
 ZELISP_API int isp_group_init_video(unsigned long group, uint32_t combination, uint32_t buffer_num);
 ZELISP_API int isp_group_start_captrue(unsigned long group);
@@ -278,6 +309,8 @@ ZELISP_API int isp_group_get_camera_handle(unsigned long group, int camera_index
  */
 ZELISP_API int isp_destroy_video_group(unsigned long group);
 
+#ifdef __cplusplus
 } /* extern "C" */
+#endif
 
 #endif /* ZELISP_H */

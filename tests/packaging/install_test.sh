@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Installs the build into a scratch prefix and builds a small program
-# against it twice: with pkg-config and with CMake's find_package.
+# against it twice: with pkg-config and with CMake's find_package. Then a C11
+# program is built against the same tree with pkg-config and run on the
+# installed simulator: it captures frames and checks their stamps.
 set -euo pipefail
 build_dir=$1
 consumer=$2
@@ -20,6 +22,22 @@ export PKG_CONFIG_PATH="$libdir/pkgconfig"
 c++ -std=c++17 -Wall -Wextra -Werror $(pkg-config --cflags zelisp) "$consumer/version.cpp" \
     -o "$work/version-pkgconfig" $(pkg-config --libs zelisp)
 LD_LIBRARY_PATH="$libdir" "$work/version-pkgconfig" | grep -qx "zelisp:v1.3.0"
+
+# A C application: the header is C11 too, and the library's C functions are
+# everything it needs.
+cc -std=c11 -Wall -Wextra -Werror -Wpedantic $(pkg-config --cflags zelisp) "$consumer/capture.c" \
+    -o "$work/capture-c" $(pkg-config --libs zelisp)
+LD_LIBRARY_PATH="$libdir" "$prefix/bin/zelisp-sim-run" -- "$work/capture-c" >"$work/capture-c.out" || {
+  cat "$work/capture-c.out"; exit 1; }
+diff -u - "$work/capture-c.out" <<'OUT'
+zelisp:v1.3.0
+cameras: 4, first 0
+/dev/video0 view input supported combination: 7
+/dev/video0 view input combination: 4
+view 2: NV12 640x360
+3 frames, each stamped with its sequence number
+closed
+OUT
 
 # find_package
 cmake -S "$consumer" -B "$work/consumer-build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null

@@ -43,4 +43,18 @@ OUT
 cmake -S "$consumer" -B "$work/consumer-build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$work/consumer-build" >/dev/null
 LD_LIBRARY_PATH="$libdir" "$work/consumer-build/version" | grep -qx "zelisp:v1.3.0"
-echo "installed tree usable through pkg-config and find_package"
+# The installed programs find the installed library and simulator by
+# themselves: no environment at all.
+out=$(cd "$work" && env -i "$prefix/bin/zelisp-sim-run" -- "$prefix/bin/zelisp-cam" info -c 0)
+[[ $out == "camera 0: /dev/video0 (mode 1)"* ]] || { echo "installed zelisp-cam: $out"; exit 1; }
+for page in zelisp-cam zelisp-sim-run; do
+  zcat "$prefix/share/man/man1/$page.1.gz" | grep -q '^\.TH' || { echo "no manual page for $page"; exit 1; }
+done
+[ -f "$prefix/share/doc/zelisp/zelisp-cam.md" ] || { echo "guide not installed"; exit 1; }
+
+# The examples, as a project of their own against the installed tree.
+cmake -S "$consumer/../../../examples" -B "$work/examples" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+cmake --build "$work/examples" >/dev/null
+env -i "$prefix/bin/zelisp-sim-run" -- "$work/examples/open_camera" | grep -q "camera 0: native descriptor" || {
+  echo "example built against the install does not run"; exit 1; }
+echo "installed tree usable through pkg-config and find_package; installed programs and examples run"

@@ -6,12 +6,12 @@
 # for code outside this project.
 #
 # The packaging checks are left out: they run the compiler, cmake and shell
-# tools, not the library. So are the tests that measure the frame clocks of
-# free-running cameras against wall time (the group skew tests and the
-# shared-trigger clock): under valgrind the simulator's hardware thread misses
-# its ticks. They run in the plain, sanitizer and Arm64 stages. The test that
-# limits the address space to make the frame thread fail to start is left out
-# too: under valgrind the limit falls on valgrind's own allocations.
+# tools, not the library. So is the simulator's test that measures the frame
+# clocks of free-running cameras against wall time (the shared-trigger
+# clock): under valgrind the simulator's hardware thread misses its ticks. It
+# runs in the plain, sanitizer and Arm64 stages. The test that limits the
+# address space to make the frame thread fail to start is left out too: under
+# valgrind the limit falls on valgrind's own allocations.
 # The GStreamer plugin's tests (gst.*) are left out as well: under memcheck
 # GStreamer's registry scan and type system take minutes per test program
 # and report GLib's lifetime allocations, none of it our code; they run in
@@ -34,7 +34,7 @@ MemoryCheckCommandOptions: --tool=memcheck --error-exitcode=97 --leak-check=full
 MemoryCheckSuppressionFile: $suppressions
 CONF
 
-excluded='^packaging\.|^gst\.|^GroupSkew\.|^StreamFreeRunningTest\.TriggeredCamerasShareOneFrameClock$|^SimulatorRobustnessTest\.StreamOnAnswersEnomem'
+excluded='^packaging\.|^gst\.|^StreamFreeRunningTest\.TriggeredCamerasShareOneFrameClock$|^SimulatorRobustnessTest\.StreamOnAnswersEnomem'
 export ZELISP_RANDOM_SEQUENCES=${ZELISP_RANDOM_SEQUENCES:-500}
 cd "$build_dir"
 status=0

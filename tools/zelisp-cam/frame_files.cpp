@@ -48,7 +48,7 @@ std::string FrameFiles::write_views(int camera, const std::vector<ViewSlot> &vie
         if (options_.format == "raw") {
             error = write_raw(path, image);
         } else {
-            RgbImage rgb;
+            RgbImage &rgb = &view == &views.front() ? first_view_rgb_[camera] : rgb_;
             error = to_rgb(image, &rgb);
             if (error.empty())
                 error = write_png(path, rgb);
@@ -84,14 +84,19 @@ std::string FrameFiles::last(int camera, const std::vector<ViewSlot> &views, con
     }
     if (options_.format != "png")
         return "";
-    // The sheet shows view 0, or the first view captured when view 0 is off.
-    RgbImage tile;
-    std::string error = to_rgb(view_image(buf, views.front().view, views.front().format), &tile);
-    if (!error.empty()) {
-        failed_path_ = options_.out_dir;
-        return error;
+    // The sheet shows view 0, or the first view captured when view 0 is off:
+    // the conversion made when this frame was written.
+    auto tile = first_view_rgb_.find(camera);
+    if (tile == first_view_rgb_.end()) {
+        tile = first_view_rgb_.emplace(camera, RgbImage()).first;
+        std::string error = to_rgb(view_image(buf, views.front().view, views.front().format), &tile->second);
+        if (!error.empty()) {
+            failed_path_ = options_.out_dir;
+            return error;
+        }
     }
-    sheet_.add(std::move(tile));
+    sheet_.add(std::move(tile->second));
+    first_view_rgb_.erase(tile);
     return "";
 }
 

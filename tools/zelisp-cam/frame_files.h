@@ -51,6 +51,12 @@ private:
 
     const CaptureOptions &options_;
     std::map<int, uint32_t> last_written_; // camera -> sequence of its last written frame
+    // Conversion buffers kept from frame to frame, so that a PNG capture
+    // neither reallocates nor clears one per view: the first view of each
+    // camera's last written frame (the contact sheet's tile, taken from
+    // here rather than converted again), and one for every other view.
+    std::map<int, RgbImage> first_view_rgb_;
+    RgbImage rgb_;
     ContactSheet sheet_;
     std::vector<std::string> written_;
     std::string contact_sheet_;

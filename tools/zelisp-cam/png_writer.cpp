@@ -22,7 +22,9 @@ std::string to_rgb(const ViewImage &image, RgbImage *rgb)
     const uint8_t *src = image.data;
     rgb->width = image.format.width;
     rgb->height = image.format.height;
-    rgb->pixels.assign(size_t(width) * height * 3, 0);
+    // Every conversion below writes every byte: no clearing, and a buffer
+    // reused for the same size is not reallocated.
+    rgb->pixels.resize(size_t(width) * height * 3);
     uint8_t *dst = rgb->pixels.data();
     const int stride = width * 3;
     const uint8_t *chroma = src + size_t(width) * height;

@@ -1,0 +1,167 @@
+// camera_controls.cpp - the tuning controls table and the calls behind it.
+#include "camera_controls.h"
+
+#include "zelisp.h"
+
+namespace gstzelisp {
+namespace {
+
+struct ControlEntry {
+    const char *name;
+    const char *nick;
+    const char *blurb;
+    uint32_t minimum;
+    uint32_t maximum;
+    uint32_t fallback; // the driver's default, shown until the camera is open
+    bool boolean;
+};
+
+const ControlEntry kControls[kControlCount] = {
+    {"brightness", "Brightness", "Picture brightness", 0, 255, 128, false},
+    {"contrast", "Contrast", "Picture contrast", 0, 255, 128, false},
+    {"saturation", "Saturation", "Colour saturation", 0, 255, 128, false},
+    {"hue", "Hue", "Hue shift", 0, 255, 128, false},
+    {"gamma", "Gamma", "Gamma word handed to the ISP firmware as it is", 0, G_MAXUINT32, 100, false},
+    {"sharpness", "Sharpness", "Edge enhancement", 0, 10, 5, false},
+    {"denoise-luma", "Luma denoise", "Luma noise reduction strength", 0, 10, 5, false},
+    {"denoise-chroma", "Chroma denoise", "Chroma noise reduction strength", 0, 10, 5, false},
+    {"awb", "Auto white balance", "Automatic white balance on or off", 0, 1, 1, true},
+    {"aec", "Auto exposure mode",
+     "The ISP's exposure mode: 0 auto, 1 manual, 2 shutter priority, 3 aperture priority, 4..255 firmware "
+     "modes (reads back 1 for any mode other than 0)",
+     0, 255, 0, false},
+};
+
+} // namespace
+
+ControlValues::ControlValues()
+{
+    for (int i = 0; i < kControlCount; ++i)
+        value[i] = kControls[i].fallback;
+}
+
+void install_control_properties(GObjectClass *klass, guint first_id)
+{
+    const GParamFlags flags = GParamFlags(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS | GST_PARAM_MUTABLE_PLAYING);
+    for (int i = 0; i < kControlCount; ++i) {
+        const ControlEntry &entry = kControls[i];
+        GParamSpec *spec =
+            entry.boolean
+                ? g_param_spec_boolean(entry.name, entry.nick, entry.blurb, entry.fallback != 0, flags)
+                : g_param_spec_uint(entry.name, entry.nick, entry.blurb, entry.minimum, entry.maximum,
+                                    entry.fallback, flags);
+        g_object_class_install_property(klass, first_id + guint(i), spec);
+    }
+}
+
+int control_of_property(guint property_id, guint first_id)
+{
+    if (property_id < first_id || property_id >= first_id + kControlCount)
+        return -1;
+    return int(property_id - first_id);
+}
+
+uint32_t control_from_value(int control, const GValue *value)
+{
+    return kControls[control].boolean ? (g_value_get_boolean(value) ? 1u : 0u) : g_value_get_uint(value);
+}
+
+void control_to_value(int control, uint32_t number, GValue *value)
+{
+    if (kControls[control].boolean)
+        g_value_set_boolean(value, number != 0);
+    else
+        g_value_set_uint(value, number);
+}
+
+int send_control(unsigned long handle, int control, uint32_t value, const char **call)
+{
+    switch (control) {
+    case kBrightness:
+        *call = "isp_camera_set_brightness";
+        return isp_camera_set_brightness(handle, value);
+    case kContrast:
+        *call = "isp_camera_set_contrast";
+        return isp_camera_set_contrast(handle, value);
+    case kSaturation:
+        *call = "isp_camera_set_saturation";
+        return isp_camera_set_saturation(handle, value);
+    case kHue:
+        *call = "isp_camera_set_hue";
+        return isp_camera_set_hue(handle, value);
+    case kGamma:
+        *call = "isp_camera_set_gamma";
+        return isp_camera_set_gamma(handle, value);
+    case kSharpness:
+        *call = "isp_camera_set_sharpness";
+        return isp_camera_set_sharpness(handle, value);
+    case kDenoiseLuma:
+    case kDenoiseChroma: {
+        // The ISP takes both strengths in one call: keep the other one.
+        uint32_t luma = 0, chroma = 0;
+        *call = "isp_camera_get_denoise";
+        int result = isp_camera_get_denoise(handle, &luma, &chroma);
+        if (result != 0)
+            return result;
+        (control == kDenoiseLuma ? luma : chroma) = value;
+        *call = "isp_camera_set_denoise";
+        return isp_camera_set_denoise(handle, luma, chroma);
+    }
+    case kAwb:
+        *call = "isp_camera_set_awb";
+        return isp_camera_set_awb(handle, uint8_t(value));
+    case kAec:
+        *call = "isp_camera_set_aec";
+        return isp_camera_set_aec(handle, uint8_t(value));
+    default:
+        *call = "controls";
+        return ISP_ERR_INVALID;
+    }
+}
+
+int read_control(unsigned long handle, int control, uint32_t *value, const char **call)
+{
+    switch (control) {
+    case kBrightness:
+        *call = "isp_camera_get_brightness";
+        return isp_camera_get_brightness(handle, value);
+    case kContrast:
+        *call = "isp_camera_get_contrast";
+        return isp_camera_get_contrast(handle, value);
+    case kSaturation:
+        *call = "isp_camera_get_saturation";
+        return isp_camera_get_saturation(handle, value);
+    case kHue:
+        *call = "isp_camera_get_hue";
+        return isp_camera_get_hue(handle, value);
+    case kGamma:
+        *call = "isp_camera_get_gamma";
+        return isp_camera_get_gamma(handle, value);
+    case kSharpness:
+        *call = "isp_camera_get_sharpness";
+        return isp_camera_get_sharpness(handle, value);
+    case kDenoiseLuma:
+    case kDenoiseChroma: {
+        uint32_t luma = 0, chroma = 0;
+        *call = "isp_camera_get_denoise";
+        int result = isp_camera_get_denoise(handle, &luma, &chroma);
+        if (result == 0)
+            *value = control == kDenoiseLuma ? luma : chroma;
+        return result;
+    }
+    case kAwb:
+    case kAec: {
+        uint8_t byte = 0;
+        *call = control == kAwb ? "isp_camera_get_awb" : "isp_camera_get_aec";
+        int result = control == kAwb ? isp_camera_get_awb(handle, &byte) : isp_camera_get_aec(handle, &byte);
+        if (result == 0)
+            *value = byte;
+        return result;
+    }
+    default:
+        *call = "controls";
+        return ISP_ERR_INVALID;
+    }
+}
+
+} // namespace gstzelisp

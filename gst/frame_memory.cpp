@@ -1,0 +1,177 @@
+// frame_memory.cpp - camera buffers wrapped as GstMemory, given back to the
+// driver when GStreamer frees the last of them.
+#include "frame_memory.h"
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include <gst/allocators/allocators.h>
+
+namespace gstzelisp {
+
+Stream *Stream::create(std::function<void()> close) { return new Stream(std::move(close)); }
+
+void Stream::unref()
+{
+    if (refs_.fetch_sub(1) != 1)
+        return;
+    close_();
+    if (dmabuf_allocator_)
+        gst_object_unref(dmabuf_allocator_);
+    delete this;
+}
+
+void Stream::stop()
+{
+    std::lock_guard<std::mutex> guard(returned_lock_);
+    running_ = false;
+    returned_.clear();
+}
+
+void Stream::put_back_released()
+{
+    std::vector<std::pair<unsigned long, zelvideo::_isp_buf_t>> frames;
+    {
+        std::lock_guard<std::mutex> guard(returned_lock_);
+        frames.swap(returned_);
+    }
+    for (const auto &[handle, buf] : frames)
+        isp_put_frame_buf(handle, &buf);
+}
+
+int Stream::held(unsigned long handle)
+{
+    std::lock_guard<std::mutex> guard(returned_lock_);
+    auto found = held_.find(handle);
+    return found == held_.end() ? 0 : found->second;
+}
+
+Stream::Frame *Stream::hold(unsigned long handle, const zelvideo::_isp_buf_t &buf)
+{
+    ref();
+    {
+        std::lock_guard<std::mutex> guard(returned_lock_);
+        ++held_[handle];
+    }
+    return new Frame{this, handle, buf, {1}};
+}
+
+void Stream::done(Frame *frame) { frame_released(frame); }
+
+void Stream::frame_released(Frame *frame)
+{
+    if (frame->refs.fetch_sub(1) != 1)
+        return;
+    Stream *stream = frame->stream;
+    {
+        std::lock_guard<std::mutex> guard(stream->returned_lock_);
+        --stream->held_[frame->handle];
+        if (stream->running_)
+            stream->returned_.emplace_back(frame->handle, frame->buf);
+    }
+    delete frame;
+    stream->unref();
+}
+
+void Stream::memory_freed(gpointer data, GstMiniObject *)
+{
+    Frame *frame = static_cast<Frame *>(data);
+    frame->stream->frame_released(frame);
+}
+
+void Stream::system_memory_freed(gpointer data) { memory_freed(data, nullptr); }
+
+GstMemory *Stream::wrap(Frame *frame, int view, gsize size, bool dmabuf)
+{
+    const zelvideo::_isp_view_buf_t &plane = frame->buf.views[view];
+    if (plane.length < size)
+        return nullptr;
+    GstMemory *memory = nullptr;
+    if (dmabuf) {
+        if (plane.fd < 0)
+            return nullptr;
+        if (!dmabuf_allocator_)
+            dmabuf_allocator_ = gst_dmabuf_allocator_new();
+        // The descriptor stays the camera's: it is closed at isp_close_video.
+        memory = gst_dmabuf_allocator_alloc_with_flags(dmabuf_allocator_, plane.fd, plane.length,
+                                                       GST_FD_MEMORY_FLAG_DONT_CLOSE);
+        if (!memory)
+            return nullptr;
+        gst_memory_resize(memory, 0, size);
+        frame->refs.fetch_add(1);
+        gst_mini_object_weak_ref(GST_MINI_OBJECT_CAST(memory), memory_freed, frame);
+        return memory;
+    }
+    if (!plane.addr || plane.addr == MAP_FAILED)
+        return nullptr;
+    frame->refs.fetch_add(1);
+    return gst_memory_new_wrapped(GstMemoryFlags(0), plane.addr, plane.length, 0, size, frame,
+                                  system_memory_freed);
+}
+
+void CopyPool::reset()
+{
+    if (pool_) {
+        gst_buffer_pool_set_active(pool_, FALSE);
+        gst_object_unref(pool_);
+        pool_ = nullptr;
+    }
+    if (dmabuf_allocator_) {
+        gst_object_unref(dmabuf_allocator_);
+        dmabuf_allocator_ = nullptr;
+    }
+}
+
+GstBuffer *CopyPool::copy(const void *data, gsize size, bool dmabuf)
+{
+    GstBuffer *buffer = nullptr;
+    if (dmabuf) {
+        // DMA-buf caps promise a descriptor: the copy goes into a memfd.
+        int fd = memfd_create("zelisp-copy", MFD_CLOEXEC);
+        if (fd < 0)
+            return nullptr;
+        if (ftruncate(fd, off_t(size)) != 0) {
+            close(fd);
+            return nullptr;
+        }
+        if (!dmabuf_allocator_)
+            dmabuf_allocator_ = gst_dmabuf_allocator_new();
+        GstMemory *memory = gst_dmabuf_allocator_alloc(dmabuf_allocator_, fd, size);
+        if (!memory) {
+            close(fd);
+            return nullptr;
+        }
+        buffer = gst_buffer_new();
+        gst_buffer_append_memory(buffer, memory);
+    } else {
+        if (!pool_ || pool_size_ != size) {
+            if (pool_) {
+                gst_buffer_pool_set_active(pool_, FALSE);
+                gst_object_unref(pool_);
+            }
+            pool_ = gst_buffer_pool_new();
+            pool_size_ = size;
+            GstStructure *config = gst_buffer_pool_get_config(pool_);
+            gst_buffer_pool_config_set_params(config, nullptr, guint(size), 2, 0);
+            if (!gst_buffer_pool_set_config(pool_, config) || !gst_buffer_pool_set_active(pool_, TRUE)) {
+                gst_object_unref(pool_);
+                pool_ = nullptr;
+                return nullptr;
+            }
+        }
+        if (gst_buffer_pool_acquire_buffer(pool_, &buffer, nullptr) != GST_FLOW_OK)
+            return nullptr;
+    }
+    GstMapInfo map;
+    if (!gst_buffer_map(buffer, &map, GST_MAP_WRITE)) {
+        gst_buffer_unref(buffer);
+        return nullptr;
+    }
+    std::memcpy(map.data, data, size);
+    gst_buffer_unmap(buffer, &map);
+    return buffer;
+}
+
+} // namespace gstzelisp

@@ -1,0 +1,132 @@
+// zelispgroupsrc_test.cpp - the camera group source element, in-process on
+// the simulated driver with scripted frames.
+#include <gst/app/gstappsink.h>
+
+#include "gst_support.h"
+
+namespace zelisp_gst_test {
+namespace {
+
+class ZelispGroupSrcTest : public GstTest {
+protected:
+    GstElement *pipeline_ = nullptr;
+
+    void launch(const std::string &description)
+    {
+        GError *error = nullptr;
+        pipeline_ = gst_parse_launch(description.c_str(), &error);
+        ASSERT_NE(pipeline_, nullptr) << (error ? error->message : "");
+    }
+    GstSample *pull(const char *sink)
+    {
+        GstElement *element = gst_bin_get_by_name(GST_BIN(pipeline_), sink);
+        GstSample *sample = gst_app_sink_try_pull_sample(GST_APP_SINK(element), 60 * GST_SECOND);
+        gst_object_unref(element);
+        return sample;
+    }
+    GstElement *group() { return gst_bin_get_by_name(GST_BIN(pipeline_), "g"); }
+    std::string bus_error()
+    {
+        GstBus *bus = gst_element_get_bus(pipeline_);
+        GstMessage *message = gst_bus_timed_pop_filtered(bus, 60 * GST_SECOND, GST_MESSAGE_ERROR);
+        gst_object_unref(bus);
+        if (!message)
+            return "";
+        GError *error = nullptr;
+        gst_message_parse_error(message, &error, nullptr);
+        std::string text = error->message;
+        g_error_free(error);
+        gst_message_unref(message);
+        return text;
+    }
+    void TearDown() override
+    {
+        if (pipeline_) {
+            gst_element_set_state(pipeline_, GST_STATE_NULL);
+            gst_object_unref(pipeline_);
+        }
+        GstTest::TearDown();
+    }
+};
+
+TEST_F(ZelispGroupSrcTest, EveryMemberPushesItsFrameOfEachSetWithTheSetsPts)
+{
+    for (int node : {0, 1, 3})
+        zsim::set_frame_mode(node, zsim::FrameMode::Scripted);
+    launch("zelispgroupsrc name=g cameras=0,1,3 trigger=internal,2,7 "
+           "g.src_0 ! queue ! appsink name=a0 g.src_1 ! queue ! appsink name=a1 g.src_3 ! queue ! appsink name=a3");
+    ASSERT_NE(gst_element_set_state(pipeline_, GST_STATE_PLAYING), GST_STATE_CHANGE_FAILURE);
+    for (uint32_t sequence = 20; sequence < 23; ++sequence) {
+        // Camera 3 captures 300 us later than camera 0, camera 1 120 us later.
+        uint64_t time = 5000000 + (sequence - 20) * 40000;
+        push_frames(0, sequence, 1, time);
+        push_frames(1, sequence, 1, time + 120);
+        push_frames(3, sequence, 1, time + 300);
+        GstClockTime pts[3];
+        const char *sinks[3] = {"a0", "a1", "a3"};
+        for (int i = 0; i < 3; ++i) {
+            GstSample *sample = pull(sinks[i]);
+            ASSERT_NE(sample, nullptr) << sinks[i];
+            GstBuffer *buffer = gst_sample_get_buffer(sample);
+            EXPECT_EQ(GST_BUFFER_OFFSET(buffer), sequence);
+            EXPECT_EQ(painted_number(buffer, 1920, 1080), sequence);
+            pts[i] = GST_BUFFER_PTS(buffer);
+            gst_sample_unref(sample);
+        }
+        EXPECT_EQ(pts[0], pts[1]);
+        EXPECT_EQ(pts[0], pts[2]);
+    }
+    GstElement *element = group();
+    EXPECT_EQ(stats_field(element, "frames"), 3u);
+    EXPECT_EQ(stats_field(element, "skew-us"), 300u);
+    EXPECT_EQ(stats_field(element, "max-skew-us"), 300u);
+    EXPECT_EQ(stats_field(element, "copied"), 0u); // each set released before the next
+    gst_object_unref(element);
+    EXPECT_EQ(zsim::trigger_mode(), zsim::TriggerMode::Internal);
+    std::vector<zsim::LogEntry> trigger = zsim::requests(0x80047943);
+    ASSERT_EQ(trigger.size(), 1u);
+    EXPECT_EQ(trigger[0].detail,
+              "trigger_mode=0 trigger_param1=2 internal_param3=0 trigger_param2=7 external_param3=0");
+}
+
+TEST_F(ZelispGroupSrcTest, PadsFollowTheCameraListAndBadTextsAreRefused)
+{
+    GstElement *element = gst_element_factory_make("zelispgroupsrc", "g");
+    g_object_set(element, "cameras", "4,2,11", "views", "2,0", nullptr);
+    std::vector<std::string> names;
+    for (GList *pad = GST_ELEMENT(element)->srcpads; pad; pad = pad->next)
+        names.push_back(GST_PAD_NAME(pad->data));
+    EXPECT_EQ(names, (std::vector<std::string>{"src_4", "src_2", "src_11"}));
+    g_object_set(element, "cameras", "1,1", "views", "3", "trigger", "sometimes", nullptr);
+    g_object_set(element, "cameras", "0,1,2,3,4,5,6,7,8", nullptr);
+    gchar *cameras = nullptr, *views = nullptr, *trigger = nullptr;
+    g_object_get(element, "cameras", &cameras, "views", &views, "trigger", &trigger, nullptr);
+    EXPECT_STREQ(cameras, "4,2,11");
+    EXPECT_STREQ(views, "0,2");
+    EXPECT_STREQ(trigger, "none");
+    g_free(cameras);
+    g_free(views);
+    g_free(trigger);
+    EXPECT_EQ(warnings(), (std::vector<std::string>{
+                              "g: refused cameras: '1,1' names 1 twice; the value stays as it was",
+                              "g: refused views: '3' is not a list of numbers 0..2 separated by commas; the value "
+                              "stays as it was",
+                              "g: refused trigger: trigger takes none, or internal|external and up to three "
+                              "parameters, got 'sometimes'; the value stays as it was",
+                              "g: refused cameras: '0,1,2,3,4,5,6,7,8' names more than 8; the value stays as it was",
+                          }));
+    gst_object_unref(element);
+}
+
+TEST_F(ZelispGroupSrcTest, AMissingMemberFailsTheStartWithTheLibraryWords)
+{
+    launch("zelispgroupsrc name=g cameras=0,9 g.src_0 ! queue ! fakesink g.src_9 ! queue ! fakesink");
+    EXPECT_EQ(gst_element_set_state(pipeline_, GST_STATE_PLAYING), GST_STATE_CHANGE_FAILURE);
+    EXPECT_EQ(bus_error(), "isp_group_open_video: a device node could not be opened, or the sensor bus could not be "
+                           "taken (-9)");
+    gst_element_set_state(pipeline_, GST_STATE_NULL);
+    EXPECT_EQ(zsim::live_descriptors(), 0u);
+}
+
+} // namespace
+} // namespace zelisp_gst_test

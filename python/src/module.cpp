@@ -457,7 +457,7 @@ PYBIND11_MODULE(_zelisp, m)
                 ready.append(cameras[i]);
             return ready;
         },
-        "cameras"_a, "timeout_ms"_a = py::none());
+        "cameras"_a, "timeout_ms"_a = py::none(), "Backs zelisp.wait.");
 
     /* ---- Group ---- */
     py::class_<PyGroup>(m, "Group", py::dynamic_attr(),
@@ -468,37 +468,52 @@ PYBIND11_MODULE(_zelisp, m)
                  return PyGroup{GroupCore::create(cameras, name, group_type)};
              }),
              "cameras"_a, "name"_a = "group", "group_type"_a = 0)
-        .def_property_readonly("members", [](const PyGroup &g) { return g.core->members(); })
-        .def("open", [](PyGroup &g, int mode) { g.core->open(mode); }, "mode"_a = 1)
+        .def_property_readonly(
+            "members", [](const PyGroup &g) { return g.core->members(); }, "The member camera numbers, in order.")
+        .def(
+            "open", [](PyGroup &g, int mode) { g.core->open(mode); }, "mode"_a = 1,
+            "Opens every member (mode 1 or 2). Raises Error -9 naming the members that failed.")
         .def(
             "configure",
             [](PyGroup &g, const py::iterable &views, uint32_t buffers) {
                 g.core->configure(view_mask(views, "isp_group_init_video"), buffers);
             },
-            "views"_a = py::make_tuple(0), "buffers"_a = 4)
+            "views"_a = py::make_tuple(0), "buffers"_a = 4,
+            "Sets up every member's stream: the views to deliver and the buffer count (3..8).")
         .def(
             "set_view_format",
             [](PyGroup &g, int view, const std::string &fourcc, uint32_t width, uint32_t height) {
                 g.core->set_view_format(view, ViewFormat{fourcc_value(fourcc), width, height});
             },
-            "view"_a, "fourcc"_a, "width"_a, "height"_a)
-        .def("start", [](PyGroup &g) { g.core->start(); })
-        .def("stop", [](PyGroup &g) { g.core->stop(); })
-        .def("close", [](PyGroup &g) { g.core->close(); })
-        .def("destroy", [](PyGroup &g) { g.core->destroy(); })
-        .def_property_readonly("destroyed", [](const PyGroup &g) { return g.core->destroyed(); })
+            "view"_a, "fourcc"_a, "width"_a, "height"_a,
+            "Sets one view's format on every member (before start), fourcc as four characters.")
+        .def(
+            "start", [](PyGroup &g) { g.core->start(); }, "Starts every member's stream.")
+        .def(
+            "stop", [](PyGroup &g) { g.core->stop(); }, "Stops every member's stream.")
+        .def(
+            "close", [](PyGroup &g) { g.core->close(); },
+            "Closes every member. Raises BadState while frames of a member are out.")
+        .def(
+            "destroy", [](PyGroup &g) { g.core->destroy(); },
+            "Frees the group (closing open members); its borrowed cameras are closed afterwards. Leaving "
+            "a with block does this.")
+        .def_property_readonly(
+            "destroyed", [](const PyGroup &g) { return g.core->destroyed(); }, "True after destroy().")
         .def(
             "trigger_internal",
             [](PyGroup &g, uint32_t p1, uint32_t p2, uint32_t p3) { g.core->trigger(false, p1, p2, p3); },
-            "p1"_a, "p2"_a, "p3"_a)
+            "p1"_a, "p2"_a, "p3"_a, "Puts the group's cameras on the ISP's internal trigger.")
         .def(
             "trigger_external",
             [](PyGroup &g, uint32_t p1, uint32_t p2, uint32_t p3) { g.core->trigger(true, p1, p2, p3); },
-            "p1"_a, "p2"_a, "p3"_a)
+            "p1"_a, "p2"_a, "p3"_a, "Puts the group's cameras on an external trigger.")
         .def(
             "camera",
             [](PyGroup &g, int index) { return PyCamera{g.core->camera(index), g.core, index, 1}; },
-            "index"_a)
+            "index"_a,
+            "The member camera number index, borrowed for its controls, fileno() and wait(); the group "
+            "opens, sets up and closes it.")
         .def(
             "get_frame_set",
             [](PyGroup &g, std::optional<int> timeout_ms) {
@@ -507,5 +522,5 @@ PYBIND11_MODULE(_zelisp, m)
                     frames.append(PyFrame{frame, py::object()});
                 return frames;
             },
-            "timeout_ms"_a = 1000);
+            "timeout_ms"_a = 1000, "The frames of one set, as a list (the package wraps it in a FrameSet).");
 }

@@ -239,9 +239,10 @@ zelvideo::_isp_buf_t CameraCore::take_frame(int timeout_ms, bool expected)
     require_open(call);
     const bool limited = timeout_ms >= 0;
     const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(limited ? timeout_ms : 0);
-    for (;;) {
-        // Not capturing: let the library say so in its own words (-4).
-        if (timeout_ms != 0 && capturing_) {
+    for (bool first = true;; first = false) {
+        // A stream that keeps up has a frame waiting: take it without a
+        // poll. Not capturing: the library says so in its own words (-4).
+        if (!first && timeout_ms != 0 && capturing_) {
             ++waiting_;
             bool ready;
             try {
@@ -258,7 +259,7 @@ zelvideo::_isp_buf_t CameraCore::take_frame(int timeout_ms, bool expected)
         int result = expected ? isp_get_expected_frame(handle_, &buf, 0) : isp_get_frame_buf(handle_, &buf, 0);
         // A frame dropped by the decimation leaves the descriptor idle
         // until the next one: keep waiting within the limit.
-        if (result == ISP_ERR_NOT_READY && timeout_ms != 0 && remaining_ms(limited, deadline) != 0)
+        if (result == ISP_ERR_NOT_READY && timeout_ms != 0 && (first || remaining_ms(limited, deadline) != 0))
             continue;
         if (result == ISP_ERR_NOT_READY && timeout_ms != 0)
             fail(ISP_ERR_TIMEOUT, call);

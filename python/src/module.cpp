@@ -339,9 +339,18 @@ PYBIND11_MODULE(_zelisp, m)
             "Closes the camera. Raises BadState, leaving it open, while frames or their arrays are out.")
         .def("__enter__", [](py::object self) { return self; })
         .def("__exit__",
-             [](PyCamera &c, py::args) {
-                 if (!c.group)
+             [](PyCamera &c, const py::object &type, const py::object &, const py::object &) {
+                 if (c.group)
+                     return false;
+                 try {
                      c.core->close();
+                 } catch (const CallError &) {
+                     // Leaving the block on an exception: do not hide it. A
+                     // camera with frames out closes itself when the last
+                     // frame and array of it are gone.
+                     if (type.is_none())
+                         throw;
+                 }
                  return false;
              })
         .def("fileno", [](const PyCamera &c) { return c.open_core("isp_camera_get_native_fd").fileno(); },

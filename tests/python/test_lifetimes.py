@@ -98,6 +98,23 @@ def test_close_with_frames_or_arrays_out_raises_and_keeps_the_camera_open():
         camera.brightness
 
 
+def test_leaving_a_with_block_by_an_exception_keeps_that_exception():
+    script = small_camera(0)
+    with pytest.raises(ZeroDivisionError):
+        with zelisp.Camera(0) as camera:
+            camera.configure(views=(0,), buffers=3)
+            camera.start()
+            script.push()
+            frame = camera.get_frame()
+            1 / 0
+    # The camera stayed open for the frame, and closes once it is gone.
+    assert not camera.closed
+    assert frame.sequence == 1
+    del camera, frame
+    gc.collect()
+    assert zsim.live_descriptors() == 0
+
+
 def test_stop_keeps_frames_readable_and_start_waits_for_them(camera):
     number = camera.script.push()
     frame = camera.get_frame()

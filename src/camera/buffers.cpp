@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "driver/driver_request.h"
 #include "isp_video.h"
 #include "v4l2_records.h"
 
@@ -44,11 +45,11 @@ int MapBuffer(IspVideo &video, int buffer)
 {
     v4l2_plane planes[kMaxViews];
     v4l2_buffer query = PlaneBufferRecord(uint32_t(buffer), planes, video.plane_count);
-    if (IspVideo::IoctlRetry(video.fd, VIDIOC_QUERYBUF, &query) < 0) {
-        video.DeviceMessage("query buffer %d failed", buffer);
-        perror("query buf");
+    const int result = ReportedRequest(video.fd, video.dev_path, VIDIOC_QUERYBUF, &query, "query buf",
+                                       "query buffer %d failed", buffer);
+    if (result != ISP_OK) {
         UnmapPlanes(video, buffer, 0);
-        return ISP_ERR_REQUEST;
+        return result;
     }
 
     video.buffers[buffer].index = uint32_t(buffer);
@@ -75,13 +76,16 @@ void ExportPlane(IspVideo &video, int buffer, int plane)
 {
     v4l2_exportbuffer request = ExportRequest(uint32_t(buffer), uint32_t(plane));
     zelvideo::_isp_view_buf_t &entry = PlaneEntry(video, buffer, plane);
-    if (IspVideo::IoctlRetry(video.fd, VIDIOC_EXPBUF, &request) < 0 || request.fd < 0) {
+    int &exported = video.exported_fd[buffer][ViewOfPlane(video.view_mask, plane)];
+    if (video.Request(VIDIOC_EXPBUF, &request) < 0 || request.fd < 0) {
         printf("export buf failed, index %d plane %d\n", buffer, plane);
         fflush(stdout);
         entry.fd = -1;
+        exported = -1;
         return;
     }
     entry.fd = request.fd;
+    exported = request.fd;
 }
 
 } // namespace
@@ -89,11 +93,10 @@ void ExportPlane(IspVideo &video, int buffer, int plane)
 int IspVideo::SetupBuffers(int32_t buffer_num)
 {
     v4l2_requestbuffers request = BufferRequest(uint32_t(buffer_num));
-    if (IoctlRetry(fd, VIDIOC_REQBUFS, &request) < 0) {
-        DeviceMessage(" request buffers failed");
-        perror("request buf");
-        return ISP_ERR_REQUEST;
-    }
+    const int requested =
+        ReportedRequest(fd, dev_path, VIDIOC_REQBUFS, &request, "request buf", " request buffers failed");
+    if (requested != ISP_OK)
+        return requested;
 
     // A driver may grant fewer buffers than asked, 0 included. It should
     // never grant more than the 8 we ask for at most, but the table has room
@@ -123,9 +126,15 @@ void IspVideo::ReleaseBuffers()
             if (entry.addr == MAP_FAILED)
                 continue;
             munmap(entry.addr, MappedLength(*this, buffer, plane));
-            // -1 marks a plane whose export failed: nothing to close.
-            if (entry.fd > 0)
-                close(entry.fd);
+        }
+    }
+    // What was exported, whatever number it got (0 included); the table's
+    // fd is the application's copy and not consulted.
+    for (auto &descriptors : exported_fd) {
+        for (int32_t &descriptor : descriptors) {
+            if (descriptor >= 0)
+                close(descriptor);
+            descriptor = -1;
         }
     }
 }

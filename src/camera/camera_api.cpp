@@ -15,11 +15,6 @@ using zelisp::VideoFromHandle;
 
 extern "C" {
 
-ZELISP_API const char *isp_get_sdk_version(void)
-{
-    return "zelisp:v1.3.0";
-}
-
 ZELISP_API unsigned long isp_open_video(uint32_t camera_index, int32_t mode)
 {
     if (camera_index >= uint32_t(zelisp::kMaxCameras) || (mode != 1 && mode != 2))
@@ -50,7 +45,9 @@ ZELISP_API int isp_close_video(unsigned long handle)
 
 ZELISP_API int isp_camera_get_native_fd(unsigned long handle, int64_t *fd)
 {
-    if (handle == 0)
+    // A null output would be a crash on a board that must stay up; it is
+    // refused like every other pointer argument.
+    if (handle == 0 || fd == nullptr)
         return ISP_ERR_INVALID;
     int descriptor = VideoFromHandle(handle)->GetVideoFd();
     if (descriptor < 0) {

@@ -10,8 +10,8 @@
 #include <poll.h>
 
 #include <cerrno>
-#include <cinttypes>
 
+#include "driver/device_message.h"
 #include "isp_video.h"
 #include "v4l2_records.h"
 
@@ -58,7 +58,7 @@ int IspVideo::GetFrame(zelvideo::_isp_buf_t *out, int32_t timeout_ms)
 
     v4l2_plane planes[kMaxViews];
     v4l2_buffer frame = PlaneBufferRecord(0, planes, plane_count);
-    if (IoctlRetry(fd, VIDIOC_DQBUF, &frame) < 0) {
+    if (Request(VIDIOC_DQBUF, &frame) < 0) {
         if (errno == EAGAIN)
             return ISP_ERR_NOT_READY;
         DeviceMessage(" get frame failed");
@@ -76,15 +76,28 @@ int IspVideo::GetFrame(zelvideo::_isp_buf_t *out, int32_t timeout_ms)
     // A refused frame goes straight back to the driver and leaves the
     // history alone, so the next frame is judged against the last good one.
     if (last_sequence != 0 && last_sequence >= sequence) {
-        DeviceMessage(" ERROR: frame sequencecur seq = %ulast seq = %u", sequence, last_sequence);
-        IoctlRetry(fd, VIDIOC_QBUF, &frame);
+        MessageLine()
+            .Text(" ERROR: frame sequencecur seq = ")
+            .Number(sequence)
+            .Text("last seq = ")
+            .Number(last_sequence)
+            .Print(dev_path);
+        Request(VIDIOC_QBUF, &frame);
         return ISP_ERR_REQUEST;
     }
     if (last_timestamp_us != 0 &&
         (last_timestamp_us >= time_us || time_us - last_timestamp_us < kMinFrameIntervalUs)) {
-        DeviceMessage("ERROR: buf_ts = %" PRIu64 "seq = %umlast = %" PRIu64 "last seq = %u", time_us, sequence,
-                      last_timestamp_us, last_sequence);
-        IoctlRetry(fd, VIDIOC_QBUF, &frame);
+        MessageLine()
+            .Text("ERROR: buf_ts = ")
+            .Number(time_us)
+            .Text("seq = ")
+            .Number(sequence)
+            .Text("mlast = ")
+            .Number(last_timestamp_us)
+            .Text("last seq = ")
+            .Number(last_sequence)
+            .Print(dev_path);
+        Request(VIDIOC_QBUF, &frame);
         return ISP_ERR_REQUEST;
     }
     last_timestamp_us = time_us;

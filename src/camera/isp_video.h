@@ -12,6 +12,7 @@
 
 #include <cstdint>
 
+#include "driver/driver_request.h"
 #include "zelisp.h"
 
 namespace zelisp {
@@ -57,12 +58,25 @@ struct IspVideo {
     // driver that reports another size must not make Close unmap more (or
     // less) than was mapped.
     uint32_t mapped_length[kMaxBuffers][kMaxViews] = {};
+    // Descriptor each plane was exported as, -1 for none. The table's `fd`
+    // cannot tell: 0 is both "not set" and a valid descriptor (a daemon
+    // with standard input closed is handed 0 by the first export).
+    int32_t exported_fd[kMaxBuffers][kMaxViews] = {
+        {-1, -1, -1}, {-1, -1, -1}, {-1, -1, -1}, {-1, -1, -1},
+        {-1, -1, -1}, {-1, -1, -1}, {-1, -1, -1}, {-1, -1, -1},
+    };
 
     // Node lifetime.
     int Open(uint32_t camera_index, int32_t open_mode);
     int Close();
+    // The open node's descriptor, or -1 when the camera holds none.
     int GetVideoFd() const { return fd; }
-    static int IoctlRetry(int descriptor, unsigned long request, void *argument);
+    // Every request to the video node is repeated while a signal interrupts
+    // it: nothing the camera asks of its node is a failure when interrupted.
+    int Request(unsigned long request, void *record) const
+    {
+        return DriverRequest(fd, request, record, Retry::WhileInterrupted);
+    }
 
     // Stream setup and buffers.
     int Init(uint32_t combination, int32_t buffer_num);
@@ -101,8 +115,28 @@ struct IspVideo {
 // Bit for a state in the accepted mask of StateAllows.
 constexpr uint32_t StateBit(uint32_t state) { return 1u << state; }
 
+// The state rule of cameras and groups alike: true when `state` is one of
+// the accepted ones; otherwise prints "<operation>: bad state <n>". A state
+// number past the mask's 32 bits (a corrupted object) is never accepted.
+bool StateAllows(const char *operation, uint32_t state, uint32_t accepted_mask);
+
+// kViewOfPlane[mask][j]: the j-th enabled view of a three-bit view mask, -1
+// when fewer views are enabled. The ISP packs the enabled views into the
+// planes of each buffer in view order; the buffer table is indexed by view,
+// so that an application finds view k in views[k] whatever else is enabled.
+// A lookup, since it runs for every plane of every frame.
+inline constexpr int8_t kViewOfPlane[1 << kMaxViews][kMaxViews] = {
+    {-1, -1, -1}, {0, -1, -1}, {1, -1, -1}, {0, 1, -1},
+    {2, -1, -1},  {0, 2, -1},  {1, 2, -1},  {0, 1, 2},
+};
+
 // View carried by plane `plane` of a buffer under `view_mask`, or -1.
-int ViewOfPlane(uint32_t view_mask, int plane);
+inline int ViewOfPlane(uint32_t view_mask, int plane)
+{
+    if (plane < 0 || plane >= kMaxViews)
+        return -1;
+    return kViewOfPlane[view_mask & ((1u << kMaxViews) - 1)][plane];
+}
 
 // Turns a handle into its camera object (handles are object addresses).
 inline IspVideo *VideoFromHandle(unsigned long handle) { return reinterpret_cast<IspVideo *>(handle); }

@@ -8,6 +8,7 @@
 
 #include <cstdio>
 
+#include "driver/device_message.h"
 #include "isp_video.h"
 
 namespace zelisp {
@@ -17,8 +18,7 @@ namespace {
 // Open and Close put "video device " before the node path.
 int NodeFailure(const IspVideo &video, const char *what, int result)
 {
-    printf("video device %s %s\n", video.dev_path, what);
-    fflush(stdout);
+    DeviceMessage("video device ", "%s %s", video.dev_path, what);
     return result;
 }
 
@@ -68,6 +68,10 @@ int IspVideo::Close()
     if (close(fd) != 0)
         return NodeFailure(*this, "close failed", ISP_ERR_CLOSE);
 
+    // The number is no longer ours: the next open() anywhere in the process
+    // may be handed it, so the camera must not offer it to the native
+    // descriptor query or the multi-camera wait.
+    fd = -1;
     buffer_count = 0;
     state = VIDEO_CLOSED;
     return ISP_OK;

@@ -8,30 +8,12 @@
 #include <cstdio>
 #include <cstring>
 
+#include "driver/isp_requests.h"
 #include "isp_video.h"
 
 namespace zelisp {
 
 namespace {
-
-// The camera driver's private request and record: each crop as begin and
-// end edges, vertical pair first.
-struct IspResizeRegs {
-    uint16_t crop_before_top;
-    uint16_t crop_before_bottom;
-    uint16_t crop_before_left;
-    uint16_t crop_before_right;
-    uint16_t crop_after_top;
-    uint16_t crop_after_bottom;
-    uint16_t crop_after_left;
-    uint16_t crop_after_right;
-    uint16_t scaled_width;
-    uint16_t scaled_height;
-    uint16_t reserved;
-};
-static_assert(sizeof(IspResizeRegs) == 22, "the driver reads 22 bytes");
-
-constexpr unsigned long VIDIOC_ISP_SET_RESIZE = 0x401656cf; // _IOW('V', BASE_VIDIOC_PRIVATE + 15, 22 bytes)
 
 IspResizeRegs ResizeRegs(const zelvideo::_resize_param_t &record)
 {
@@ -99,7 +81,7 @@ int IspVideo::ApplyResize(zelvideo::_resize_param_t record, int32_t bound_width,
         printf("invalid corp_before height param: %d\n", bottom);
         return ISP_ERR_MISSING;
     }
-    if (IoctlRetry(fd, VIDIOC_ISP_SET_RESIZE, &regs) < 0) {
+    if (Request(VIDIOC_ISP_SET_RESIZE, &regs) < 0) {
         perror("Resize resolution");
         return ISP_ERR_REQUEST;
     }

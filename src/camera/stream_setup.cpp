@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "driver/driver_request.h"
 #include "isp_video.h"
 #include "v4l2_records.h"
 
@@ -24,27 +25,24 @@ int SelectInput(IspVideo &video, uint32_t combination)
     // record is sent zeroed and nothing else is read from it.
     v4l2_input supported;
     std::memset(&supported, 0, sizeof(supported));
-    if (IspVideo::IoctlRetry(video.fd, VIDIOC_ENUMINPUT, &supported) < 0) {
-        video.DeviceMessage(" enum view input combination failed");
-        perror("enum input");
-        return ISP_ERR_REQUEST;
-    }
+    int result = ReportedRequest(video.fd, video.dev_path, VIDIOC_ENUMINPUT, &supported, "enum input",
+                                 " enum view input combination failed");
+    if (result != ISP_OK)
+        return result;
     video.DeviceMessage(" view input supported combination: %u", supported.index);
 
     int input = int(combination);
-    if (IspVideo::IoctlRetry(video.fd, VIDIOC_S_INPUT, &input) < 0) {
-        video.DeviceMessage(" set view input combination %d failed", int(combination));
-        perror("set input");
-        return ISP_ERR_REQUEST;
-    }
+    result = ReportedRequest(video.fd, video.dev_path, VIDIOC_S_INPUT, &input, "set input",
+                             " set view input combination %d failed", int(combination));
+    if (result != ISP_OK)
+        return result;
 
     // Read back for the console only; the caller's combination is in force.
     int selected = 0;
-    if (IspVideo::IoctlRetry(video.fd, VIDIOC_G_INPUT, &selected) < 0) {
-        video.DeviceMessage(" get view input combination failed");
-        perror("get input");
-        return ISP_ERR_REQUEST;
-    }
+    result = ReportedRequest(video.fd, video.dev_path, VIDIOC_G_INPUT, &selected, "get input",
+                             " get view input combination failed");
+    if (result != ISP_OK)
+        return result;
     video.DeviceMessage(" view input combination: %d", selected);
     return ISP_OK;
 }
@@ -52,11 +50,10 @@ int SelectInput(IspVideo &video, uint32_t combination)
 int ReadDriverFormats(IspVideo &video)
 {
     v4l2_format reply = FormatQuery();
-    if (IspVideo::IoctlRetry(video.fd, VIDIOC_G_FMT, &reply) < 0) {
-        video.DeviceMessage(" get view format failed");
-        perror("get format");
-        return ISP_ERR_REQUEST;
-    }
+    const int result =
+        ReportedRequest(video.fd, video.dev_path, VIDIOC_G_FMT, &reply, "get format", " get view format failed");
+    if (result != ISP_OK)
+        return result;
     for (int view = 0; view < kMaxViews; ++view)
         video.view_formats[view] = ViewFormatFromReply(reply, view);
     return ISP_OK;
@@ -73,11 +70,10 @@ int SetEnabledViewFormats(IspVideo &video, uint32_t combination)
             continue;
         ++video.plane_count;
         v4l2_format request = ViewFormatRequest(view, video.view_formats[view]);
-        if (IspVideo::IoctlRetry(video.fd, VIDIOC_S_FMT, &request) < 0) {
-            video.DeviceMessage(" set view index %d format failed", view);
-            perror("set format");
-            return ISP_ERR_REQUEST;
-        }
+        const int result = ReportedRequest(video.fd, video.dev_path, VIDIOC_S_FMT, &request, "set format",
+                                           " set view index %d format failed", view);
+        if (result != ISP_OK)
+            return result;
     }
     return ISP_OK;
 }

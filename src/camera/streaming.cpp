@@ -11,7 +11,7 @@ int IspVideo::QueueBuffer(uint32_t index)
 {
     v4l2_plane planes[kMaxViews];
     v4l2_buffer record = PlaneBufferRecord(index, planes, plane_count);
-    return IoctlRetry(fd, VIDIOC_QBUF, &record);
+    return Request(VIDIOC_QBUF, &record);
 }
 
 int IspVideo::StartCapture()
@@ -28,7 +28,7 @@ int IspVideo::StartCapture()
         }
     }
     int type = kCaptureType;
-    if (IoctlRetry(fd, VIDIOC_STREAMON, &type) < 0) {
+    if (Request(VIDIOC_STREAMON, &type) < 0) {
         DeviceMessage(" stream on failed");
         return ISP_ERR_REQUEST;
     }
@@ -42,7 +42,7 @@ int IspVideo::StopCapture()
         return ISP_ERR_STATE;
 
     int type = kCaptureType;
-    if (IoctlRetry(fd, VIDIOC_STREAMOFF, &type) < 0) {
+    if (Request(VIDIOC_STREAMOFF, &type) < 0) {
         DeviceMessage("stream off failed");
         return ISP_ERR_REQUEST;
     }

@@ -44,19 +44,6 @@ v4l2_requestbuffers BufferRequest(uint32_t count)
     return request;
 }
 
-v4l2_buffer PlaneBufferRecord(uint32_t index, v4l2_plane (&planes)[kMaxViews], int plane_count)
-{
-    std::memset(planes, 0, sizeof(planes));
-    v4l2_buffer record;
-    std::memset(&record, 0, sizeof(record));
-    record.index = index;
-    record.type = kCaptureType;
-    record.memory = V4L2_MEMORY_MMAP;
-    record.m.planes = planes;
-    record.length = uint32_t(plane_count);
-    return record;
-}
-
 v4l2_exportbuffer ExportRequest(uint32_t index, uint32_t plane)
 {
     v4l2_exportbuffer request;

@@ -2,8 +2,7 @@
  * views.cpp - one view's format through the ISP's per-view convention on
  * G_FMT / S_FMT, and the DMA-buf descriptor of one view of one buffer.
  */
-#include <cstdio>
-
+#include "driver/driver_request.h"
 #include "isp_video.h"
 #include "v4l2_records.h"
 
@@ -19,11 +18,9 @@ int IspVideo::GetViewFormat(int32_t view, zelvideo::_view_format_t *out)
 
     // Asked anew each time: the driver's current word, not the one of Init.
     v4l2_format reply = FormatQuery();
-    if (IoctlRetry(fd, VIDIOC_G_FMT, &reply) < 0) {
-        DeviceMessage(" get view format failed");
-        perror("get format");
-        return ISP_ERR_REQUEST;
-    }
+    const int result = ReportedRequest(fd, dev_path, VIDIOC_G_FMT, &reply, "get format", " get view format failed");
+    if (result != ISP_OK)
+        return result;
     *out = ViewFormatFromReply(reply, view);
     return ISP_OK;
 }
@@ -33,14 +30,14 @@ int IspVideo::SetViewFormat(int32_t view, zelvideo::_view_format_t format)
     // The buffers are sized from the formats, so no change while streaming.
     if (!StateAllows("SetViewFormat", StateBit(VIDEO_OPENED) | StateBit(VIDEO_INITED)))
         return ISP_ERR_STATE;
+    // The ISP reads the view from one byte of the record: a wider number
+    // would be cut and name another view. Views 3..255 are the driver's to
+    // refuse.
+    if (!ViewFitsRequest(view))
+        return ISP_ERR_INVALID;
 
     v4l2_format request = ViewFormatRequest(view, format);
-    if (IoctlRetry(fd, VIDIOC_S_FMT, &request) < 0) {
-        DeviceMessage(" set view format failed");
-        perror("set format");
-        return ISP_ERR_REQUEST;
-    }
-    return ISP_OK;
+    return ReportedRequest(fd, dev_path, VIDIOC_S_FMT, &request, "set format", " set view format failed");
 }
 
 int IspVideo::GetViewBufFd(int32_t buffer_index, uint32_t view)

@@ -6,7 +6,7 @@
 #include "camera/isp_video.h"
 #include "controls/camera_controls.h"
 #include "controls/control_request.h"
-#include "controls/isp_controls.h"
+#include "driver/isp_requests.h"
 
 namespace zelisp {
 
@@ -17,10 +17,3 @@ int GetAbnormalInfo(const IspVideo &camera, void *info)
 }
 
 } // namespace zelisp
-
-int isp_camera_get_abnormal_info(unsigned long handle, void *info)
-{
-    if (handle == 0 || info == nullptr)
-        return ISP_ERR_INVALID;
-    return zelisp::GetAbnormalInfo(*zelisp::VideoFromHandle(handle), info);
-}

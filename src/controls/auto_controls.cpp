@@ -49,31 +49,3 @@ int SetAEC(const IspVideo &camera, uint8_t value) { return SetSwitch(camera, kEx
 int GetAEC(const IspVideo &camera, uint8_t *value) { return GetSwitch(camera, kExposure, value); }
 
 } // namespace zelisp
-
-int isp_camera_set_awb(unsigned long handle, uint8_t value)
-{
-    if (handle == 0)
-        return ISP_ERR_INVALID;
-    return zelisp::SetAWB(*zelisp::VideoFromHandle(handle), value);
-}
-
-int isp_camera_get_awb(unsigned long handle, uint8_t *value)
-{
-    if (handle == 0 || value == nullptr)
-        return ISP_ERR_INVALID;
-    return zelisp::GetAWB(*zelisp::VideoFromHandle(handle), value);
-}
-
-int isp_camera_set_aec(unsigned long handle, uint8_t value)
-{
-    if (handle == 0)
-        return ISP_ERR_INVALID;
-    return zelisp::SetAEC(*zelisp::VideoFromHandle(handle), value);
-}
-
-int isp_camera_get_aec(unsigned long handle, uint8_t *value)
-{
-    if (handle == 0 || value == nullptr)
-        return ISP_ERR_INVALID;
-    return zelisp::GetAEC(*zelisp::VideoFromHandle(handle), value);
-}

@@ -22,6 +22,8 @@ uint32_t PictureMaximum(Picture control);
 int SetPicture(const IspVideo &camera, Picture control, uint32_t value);
 int GetPicture(const IspVideo &camera, Picture control, uint32_t *value);
 
+// Strongest denoise the ISP takes, for luma and chroma alike.
+constexpr uint32_t kMaxDenoiseStrength = 10;
 int SetDenoise(const IspVideo &camera, uint32_t luma, uint32_t chroma);
 int GetDenoise(const IspVideo &camera, uint32_t *luma, uint32_t *chroma);
 

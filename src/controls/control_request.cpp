@@ -4,24 +4,13 @@
  */
 #include "controls/control_request.h"
 
-#include <sys/ioctl.h>
-
-#include <cerrno>
-#include <cstdio>
+#include "driver/driver_request.h"
 
 namespace zelisp {
 
 int ControlRequest(const IspVideo &camera, unsigned long request, void *record, const ControlText &text)
 {
-    if (IspVideo::IoctlRetry(camera.fd, request, record) == 0)
-        return ISP_OK;
-    // The stderr line must name the driver's refusal, not whatever the
-    // stdout line may have left in errno.
-    const int refusal = errno;
-    camera.DeviceMessage("%s", text.failure);
-    errno = refusal;
-    perror(text.label);
-    return ISP_ERR_REQUEST;
+    return ReportedRequest(camera.fd, camera.dev_path, request, record, text.label, "%s", text.failure);
 }
 
 static v4l2_control ControlRecord(uint32_t id, uint32_t value)

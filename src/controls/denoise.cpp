@@ -11,13 +11,11 @@
 #include "camera/isp_video.h"
 #include "controls/camera_controls.h"
 #include "controls/control_request.h"
-#include "controls/isp_controls.h"
+#include "driver/isp_requests.h"
 
 namespace zelisp {
 
 namespace {
-
-constexpr uint32_t kMaxStrength = 10;
 
 struct DenoiseChannel {
     uint32_t id;
@@ -58,17 +56,3 @@ int GetDenoise(const IspVideo &camera, uint32_t *luma, uint32_t *chroma)
 }
 
 } // namespace zelisp
-
-int isp_camera_set_denoise(unsigned long handle, uint32_t luma, uint32_t chroma)
-{
-    if (handle == 0 || luma > zelisp::kMaxStrength || chroma > zelisp::kMaxStrength)
-        return ISP_ERR_INVALID;
-    return zelisp::SetDenoise(*zelisp::VideoFromHandle(handle), luma, chroma);
-}
-
-int isp_camera_get_denoise(unsigned long handle, uint32_t *luma, uint32_t *chroma)
-{
-    if (handle == 0 || luma == nullptr || chroma == nullptr)
-        return ISP_ERR_INVALID;
-    return zelisp::GetDenoise(*zelisp::VideoFromHandle(handle), luma, chroma);
-}

@@ -10,7 +10,7 @@
 #include "camera/isp_video.h"
 #include "controls/camera_controls.h"
 #include "controls/control_request.h"
-#include "controls/isp_controls.h"
+#include "driver/isp_requests.h"
 
 namespace zelisp {
 
@@ -57,19 +57,3 @@ int SetMEC(const IspVideo &camera, const zelvideo::_mec_param_t &param)
 }
 
 } // namespace zelisp
-
-int isp_camera_set_mwb(unsigned long handle, uint32_t gain1, uint32_t gain2, uint32_t gain3)
-{
-    if (handle == 0)
-        return ISP_ERR_INVALID;
-    return zelisp::SetMWB(*zelisp::VideoFromHandle(handle), gain1, gain2, gain3);
-}
-
-int isp_camera_set_mec(unsigned long handle, const zelvideo::_mec_param_t *param)
-{
-    if (handle == 0 || param == nullptr)
-        return ISP_ERR_INVALID;
-    // The caller's record is read once, here; the request is built from the copy.
-    const zelvideo::_mec_param_t copy = *param;
-    return zelisp::SetMEC(*zelisp::VideoFromHandle(handle), copy);
-}

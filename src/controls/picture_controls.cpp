@@ -2,7 +2,8 @@
  * picture_controls.cpp - brightness, contrast, saturation, hue, gamma and
  * sharpness. The ISP exposes them as standard user-class controls that differ
  * only in id, range and wording, so they are one table and one pair of
- * operations; the twelve exported functions are fronts onto it.
+ * operations; the twelve exported functions (controls_api.cpp) are fronts
+ * onto it.
  */
 #include <linux/videodev2.h>
 
@@ -35,20 +36,6 @@ constexpr PictureControl kPictureControls[] = {
 
 const PictureControl &Entry(Picture control) { return kPictureControls[static_cast<int>(control)]; }
 
-int SetFront(unsigned long handle, Picture control, uint32_t value)
-{
-    if (handle == 0 || value > PictureMaximum(control))
-        return ISP_ERR_INVALID;
-    return SetPicture(*VideoFromHandle(handle), control, value);
-}
-
-int GetFront(unsigned long handle, Picture control, uint32_t *value)
-{
-    if (handle == 0 || value == nullptr)
-        return ISP_ERR_INVALID;
-    return GetPicture(*VideoFromHandle(handle), control, value);
-}
-
 } // namespace
 
 uint32_t PictureMaximum(Picture control) { return Entry(control).maximum; }
@@ -64,18 +51,3 @@ int GetPicture(const IspVideo &camera, Picture control, uint32_t *value)
 }
 
 } // namespace zelisp
-
-using zelisp::Picture;
-
-int isp_camera_set_brightness(unsigned long handle, uint32_t value) { return zelisp::SetFront(handle, Picture::Brightness, value); }
-int isp_camera_get_brightness(unsigned long handle, uint32_t *value) { return zelisp::GetFront(handle, Picture::Brightness, value); }
-int isp_camera_set_contrast(unsigned long handle, uint32_t value) { return zelisp::SetFront(handle, Picture::Contrast, value); }
-int isp_camera_get_contrast(unsigned long handle, uint32_t *value) { return zelisp::GetFront(handle, Picture::Contrast, value); }
-int isp_camera_set_saturation(unsigned long handle, uint32_t value) { return zelisp::SetFront(handle, Picture::Saturation, value); }
-int isp_camera_get_saturation(unsigned long handle, uint32_t *value) { return zelisp::GetFront(handle, Picture::Saturation, value); }
-int isp_camera_set_hue(unsigned long handle, uint32_t value) { return zelisp::SetFront(handle, Picture::Hue, value); }
-int isp_camera_get_hue(unsigned long handle, uint32_t *value) { return zelisp::GetFront(handle, Picture::Hue, value); }
-int isp_camera_set_gamma(unsigned long handle, uint32_t value) { return zelisp::SetFront(handle, Picture::Gamma, value); }
-int isp_camera_get_gamma(unsigned long handle, uint32_t *value) { return zelisp::GetFront(handle, Picture::Gamma, value); }
-int isp_camera_set_sharpness(unsigned long handle, uint32_t value) { return zelisp::SetFront(handle, Picture::Sharpness, value); }
-int isp_camera_get_sharpness(unsigned long handle, uint32_t *value) { return zelisp::GetFront(handle, Picture::Sharpness, value); }

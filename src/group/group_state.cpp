@@ -1,19 +1,15 @@
 /*
- * group_state.cpp - the group's state rule, the same one its member cameras
- * apply: an operation called in a state it does not accept changes nothing.
+ * group_state.cpp - the group's state rule: the same one its member cameras
+ * apply, so an operation called in a state it does not accept changes
+ * nothing and says so in the same words.
  */
-#include <cstdio>
-
 #include "group/isp_video_group.h"
 
 namespace zelisp {
 
 bool IspVideoGroup::StateAllows(const char *operation, uint32_t accepted_mask) const
 {
-    if (StateBit(state) & accepted_mask)
-        return true;
-    printf("%s: bad state %d\n", operation, static_cast<int>(state));
-    return false;
+    return zelisp::StateAllows(operation, state, accepted_mask);
 }
 
 } // namespace zelisp

@@ -68,6 +68,9 @@ struct IspVideoGroup {
     int SetViewFormat(int view, zelvideo::_view_format_t view_format);
     int GetViewFormat(int view, zelvideo::_view_format_t *formats);
 
+    // Trigger mode on the kept /dev/isp_misc descriptor (group_trigger.cpp).
+    int SetTrigger(const MipiTriggerRecord &record) const;
+
     // Frame sets (group_frames.cpp).
     int GetSyncFrame(zelvideo::_isp_buf_t *frames, int frame_count, int timeout_ms);
     int PutFrame(const zelvideo::_isp_buf_t *frames, int frame_count);

@@ -3,8 +3,6 @@
  * camera slots have a working sensor. Every call reads the driver's current
  * table afresh; groups keep a copy of their own.
  */
-#include <sys/ioctl.h>
-
 #include <cstdio>
 #include <cstring>
 
@@ -25,7 +23,7 @@ int ReadValidCameraTable(CameraInfoTable *table)
         perror("open error\n");
         return ISP_ERR_OPEN;
     }
-    if (ioctl(node.fd(), GET_VAILED_CAMERA_INFO, table) != 0) {
+    if (DriverRequest(node.fd(), GET_VAILED_CAMERA_INFO, table, Retry::Once) != 0) {
         puts("ioctl GET_VAILED_CAMERA_INFO failed! ");
         return ISP_ERR_REQUEST;
     }
@@ -62,34 +60,21 @@ int isp_get_all_valid_camera_info(zelvideo::_camera_info_t *destination, uint32_
     return ISP_OK;
 }
 
-} // namespace zelisp
-
-int isp_get_valid_camera_count(uint32_t *count)
+int GetValidCameraInfo(zelvideo::_camera_info_t *info, uint32_t camera_num, uint32_t *count)
 {
-    if (count == nullptr)
-        return ISP_ERR_INVALID;
-    // A table that cannot be read counts as no camera.
-    uint32_t found = 0;
-    const int result = zelisp::isp_get_all_valid_camera_info(nullptr, &found);
-    *count = found;
-    return result;
-}
-
-int isp_get_valid_camera_info(zelvideo::_camera_info_t *info, uint32_t camera_num, uint32_t *count)
-{
-    if (count == nullptr || (info == nullptr && camera_num > 0))
-        return ISP_ERR_INVALID;
-    zelisp::CameraInfoTable table{};
-    const int result = zelisp::ReadValidCameraTable(&table);
+    CameraInfoTable table{};
+    const int result = ReadValidCameraTable(&table);
     if (result != ISP_OK)
         return result;
     // The count is stored first so that a caller who asked for too many
     // still learns how many there are.
-    *count = zelisp::RecordCount(table);
+    *count = RecordCount(table);
     if (*count < camera_num) {
         puts("invailed camera_num! ");
         return ISP_ERR_INVALID;
     }
-    zelisp::CopyRecords(info, table, camera_num);
+    CopyRecords(info, table, camera_num);
     return ISP_OK;
 }
+
+} // namespace zelisp

@@ -4,20 +4,14 @@
  * sensor directly). The platform driver switches it per camera slot; the
  * camera itself need not be open.
  */
-#include <sys/ioctl.h>
-
 #include <cstdio>
 
-#include "camera/isp_video.h"
 #include "platform/misc_node.h"
 #include "platform/misc_session.h"
 
 namespace zelisp {
 
 namespace {
-
-constexpr uint32_t kBusIsp = 0;
-constexpr uint32_t kBusArm = 1;
 
 I2cCtrlRecord I2cCtrl(uint32_t camera_index, uint32_t i2c_bus_ctrler)
 {
@@ -29,13 +23,8 @@ I2cCtrlRecord I2cCtrl(uint32_t camera_index, uint32_t i2c_bus_ctrler)
 
 } // namespace
 
-} // namespace zelisp
-
-int isp_set_i2c_ctrl(uint32_t camera_index, uint32_t i2c_bus_ctrler)
+int SetI2cCtrl(uint32_t camera_index, uint32_t i2c_bus_ctrler)
 {
-    using namespace zelisp;
-    if (camera_index >= static_cast<uint32_t>(kMaxCameras) || i2c_bus_ctrler > kBusArm)
-        return ISP_ERR_INVALID;
     MiscSession node;
     if (!node.opened()) {
         perror("open isp_misc error\n");
@@ -46,12 +35,13 @@ int isp_set_i2c_ctrl(uint32_t camera_index, uint32_t i2c_bus_ctrler)
     // loop would stay locked out; it is repeated while interrupted. Handing
     // the bus to the ARM side is sent once: an interrupted hand-over is a
     // failure the application sees and decides about.
-    const int sent = i2c_bus_ctrler == kBusIsp ? IspVideo::IoctlRetry(node.fd(), IOC_SET_I2C_CTRL, &record)
-                                               : ioctl(node.fd(), IOC_SET_I2C_CTRL, &record);
-    if (sent != 0) {
+    const bool to_isp = i2c_bus_ctrler == kBusIsp;
+    if (DriverRequest(node.fd(), IOC_SET_I2C_CTRL, &record, to_isp ? Retry::WhileInterrupted : Retry::Once) != 0) {
         puts("ioctl IOC_SET_I2C_CTRL failed! ");
         return ISP_ERR_OPEN;
     }
-    puts(i2c_bus_ctrler == kBusIsp ? "set ISP to control i2c bus!" : "set ARM to control i2c bus!");
+    puts(to_isp ? "set ISP to control i2c bus!" : "set ARM to control i2c bus!");
     return ISP_OK;
 }
+
+} // namespace zelisp

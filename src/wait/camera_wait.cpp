@@ -7,67 +7,91 @@
  * Readiness is asked with ppoll rather than select. A process that holds
  * many descriptors may get camera nodes numbered FD_SETSIZE (1024) or above,
  * and FD_SET on such a number writes outside the fd_set; ppoll takes any
- * descriptor with the same microsecond timeout. The answer is given as
- * select's read set would give it: readable includes hang-up and error, a
- * descriptor listed twice counts once, a closed descriptor fails the wait
- * (-1), and the time left is written back as Linux select does.
+ * descriptor. The answer is given as select's would be: readable includes
+ * hang-up and error, a descriptor listed twice counts once, a closed
+ * descriptor fails the wait (-1), the limit is read as Linux select reads
+ * it and the time left is written back as Linux select does.
  */
 #include <poll.h>
 #include <sys/time.h>
 #include <time.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdint>
 #include <cstdio>
 
 #include "camera/isp_video.h"
+#include "wait/camera_wait.h"
 
 namespace zelisp {
 
 namespace {
 
-constexpr int kMaxWaitCameras = 8;
 constexpr short kReadable = POLLIN | POLLRDNORM | POLLHUP | POLLERR;
-constexpr int64_t kMicrosPerSecond = 1000000;
+constexpr long kMicrosPerSecond = 1000000;
+constexpr long kNanosPerSecond = 1000000000;
 
-int64_t MonotonicMicros()
+// select carries whole seconds out of tv_usec ({0, 1200000} waits 1.2 s) and
+// refuses a limit that is negative once carried. The carry saturates rather
+// than overflow: a limit of LONG_MAX seconds is forever either way.
+bool SelectLimit(const timeval &given, timespec *limit)
+{
+    const long carried = given.tv_usec / kMicrosPerSecond;
+    long seconds = 0;
+    if (__builtin_add_overflow(given.tv_sec, carried, &seconds))
+        seconds = carried > 0 ? LONG_MAX : LONG_MIN;
+    limit->tv_sec = seconds;
+    limit->tv_nsec = (given.tv_usec % kMicrosPerSecond) * 1000;
+    return limit->tv_sec >= 0 && limit->tv_nsec >= 0;
+}
+
+timespec Now()
 {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t(now.tv_sec) * kMicrosPerSecond + now.tv_nsec / 1000;
+    return now;
 }
 
-bool ValidTimeval(const timeval &limit)
+// limit - (end - start), never below zero. Computed on seconds and
+// nanoseconds apart, so that no limit, however long, overflows.
+timeval TimeLeft(const timespec &limit, const timespec &start, const timespec &end)
 {
-    return limit.tv_sec >= 0 && limit.tv_usec >= 0 && limit.tv_usec < kMicrosPerSecond;
-}
-
-timeval TimeLeft(const timeval &limit, int64_t elapsed_us)
-{
-    int64_t left = int64_t(limit.tv_sec) * kMicrosPerSecond + limit.tv_usec - elapsed_us;
-    if (left < 0)
-        left = 0;
-    timeval result{};
-    result.tv_sec = left / kMicrosPerSecond;
-    result.tv_usec = left % kMicrosPerSecond;
-    return result;
+    long seconds = end.tv_sec - start.tv_sec;
+    long nanos = end.tv_nsec - start.tv_nsec;
+    if (nanos < 0) {
+        nanos += kNanosPerSecond;
+        --seconds;
+    }
+    long left_seconds = limit.tv_sec - seconds;
+    long left_nanos = limit.tv_nsec - nanos;
+    if (left_nanos < 0) {
+        left_nanos += kNanosPerSecond;
+        --left_seconds;
+    }
+    if (left_seconds < 0)
+        return timeval{};
+    return timeval{left_seconds, left_nanos / 1000};
 }
 
 // ppoll with select's timeout contract: *timeout, when given, receives the
 // time that was left (none after a timeout). An invalid limit fails with
-// EINVAL and is left as it was.
+// EINVAL and is left as it was, as is a zero limit.
 int PollWithTimeout(pollfd *fds, int count, timeval *timeout)
 {
     const nfds_t nfds = count > 0 ? nfds_t(count) : 0;
     if (timeout == nullptr)
         return ppoll(fds, nfds, nullptr, nullptr);
-    const timeval limit = *timeout;
-    const timespec poll_limit = {limit.tv_sec, limit.tv_usec * 1000};
-    const int64_t start = MonotonicMicros();
-    const int polled = ppoll(fds, nfds, &poll_limit, nullptr);
+    timespec limit{};
+    if (!SelectLimit(*timeout, &limit)) {
+        errno = EINVAL;
+        return -1;
+    }
+    const timespec start = Now();
+    const int polled = ppoll(fds, nfds, &limit, nullptr);
     const int poll_errno = errno;
-    if (ValidTimeval(limit))
-        *timeout = polled == 0 ? timeval{} : TimeLeft(limit, MonotonicMicros() - start);
+    if (limit.tv_sec != 0 || limit.tv_nsec != 0)
+        *timeout = polled == 0 ? timeval{} : TimeLeft(limit, start, Now());
     errno = poll_errno;
     return polled;
 }
@@ -82,17 +106,8 @@ bool ListedBefore(const pollfd *fds, int position)
 
 } // namespace
 
-} // namespace zelisp
-
-int isp_camera_wait_for_data(const unsigned long *handles, int *ready, int count, struct timeval *timeout)
+int WaitForCameras(const unsigned long *handles, int *ready, int count, timeval *timeout)
 {
-    using namespace zelisp;
-    if (ready == nullptr || handles == nullptr || count > kMaxWaitCameras)
-        return ISP_ERR_INVALID;
-    for (int i = 0; i < count; ++i)
-        if (handles[i] == 0)
-            return ISP_ERR_INVALID;
-
     pollfd fds[kMaxWaitCameras] = {};
     for (int i = 0; i < count; ++i) {
         const int fd = VideoFromHandle(handles[i])->GetVideoFd();
@@ -127,3 +142,5 @@ int isp_camera_wait_for_data(const unsigned long *handles, int *ready, int count
     }
     return ready_descriptors;
 }
+
+} // namespace zelisp

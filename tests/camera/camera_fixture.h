@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "../../src/camera/isp_video.h"
+#include "camera/isp_video.h"
 #include "sim_fixture.h"
 
 namespace zelisp_test {

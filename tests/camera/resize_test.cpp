@@ -1,12 +1,12 @@
 /* The crop / scale / crop record: validated when stored, sent as edges at Init. */
 #include <cerrno>
 
+#include "driver/isp_requests.h"
 #include "camera_fixture.h"
 
 namespace zelisp_test {
 namespace {
 
-constexpr uint32_t kSetResize = 0x401656cf;
 using Words = std::vector<uint16_t>;
 
 zelvideo::_resize_param_t Record(zelvideo::_resize_crop_t before, zelvideo::_resize_scale_t scale,
@@ -24,7 +24,7 @@ zelvideo::_resize_param_t Record(zelvideo::_resize_crop_t before, zelvideo::_res
 std::vector<Words> SentResizes()
 {
     std::vector<Words> sent;
-    for (const zsim::LogEntry &entry : zsim::requests(kSetResize)) {
+    for (const zsim::LogEntry &entry : zsim::requests(zelisp::VIDIOC_ISP_SET_RESIZE)) {
         EXPECT_EQ(entry.raw.size(), 22u);
         Words words(11);
         std::memcpy(words.data(), entry.raw.data(), std::min<size_t>(entry.raw.size(), 22));
@@ -45,7 +45,7 @@ TEST_F(Resize, StoredRecordReachesTheDriverAsEdgesAtInit)
     EXPECT_EQ(call.result, ISP_OK);
     EXPECT_EQ(call.out, "cropBefore [640,480], scale [0,0], cropAfter[640,480]\n");
     ASSERT_EQ(isp_resize_resolution(scale, &scaled), ISP_OK);
-    EXPECT_TRUE(zsim::requests(kSetResize).empty());
+    EXPECT_TRUE(zsim::requests(zelisp::VIDIOC_ISP_SET_RESIZE).empty());
 
     ASSERT_EQ(isp_init_video(crop, 7, 3), ISP_OK);
     ASSERT_EQ(isp_init_video(scale, 7, 3), ISP_OK);
@@ -53,7 +53,7 @@ TEST_F(Resize, StoredRecordReachesTheDriverAsEdgesAtInit)
                                                  {0, 720, 0, 1280, 0, 0, 0, 320, 320, 0, 0}}));
     // Between the formats and the buffers.
     auto log = zsim::request_log();
-    auto at = std::find_if(log.begin(), log.end(), [](auto &e) { return e.request == kSetResize; });
+    auto at = std::find_if(log.begin(), log.end(), [](auto &e) { return e.request == zelisp::VIDIOC_ISP_SET_RESIZE; });
     EXPECT_EQ((at - 1)->name, "VIDIOC_S_FMT");
     EXPECT_EQ((at + 1)->name, "VIDIOC_REQBUFS");
 }
@@ -99,7 +99,7 @@ TEST_F(Resize, AllZeroRecordMeansNoResizeButSelAloneCounts)
     for (unsigned long handle : {cancelled, sel_only, mode2})
         ASSERT_EQ(isp_init_video(handle, 7, 3), ISP_OK);
     EXPECT_EQ(SentResizes(), std::vector<Words>{Words(11, 0)}); // sel_only's alone
-    EXPECT_EQ(zsim::requests(kSetResize)[0].path, "/dev/video1");
+    EXPECT_EQ(zsim::requests(zelisp::VIDIOC_ISP_SET_RESIZE)[0].path, "/dev/video1");
 }
 
 TEST_F(Resize, FirstCropMustFitViewOneAndTheDriverJudgesTheRest)
@@ -116,10 +116,10 @@ TEST_F(Resize, FirstCropMustFitViewOneAndTheDriverJudgesTheRest)
         EXPECT_NE(call.out.find(line), std::string::npos);
         EXPECT_EQ(call.err.rfind("Resize Failed\n: ", 0), 0u); // errno is whatever it was
     }
-    EXPECT_TRUE(zsim::requests(kSetResize).empty());
+    EXPECT_TRUE(zsim::requests(zelisp::VIDIOC_ISP_SET_RESIZE).empty());
 
     ASSERT_EQ(isp_resize_resolution(handle, &exact), ISP_OK);
-    zsim::fail_request(kSetResize, 1, EINVAL);
+    zsim::fail_request(zelisp::VIDIOC_ISP_SET_RESIZE, 1, EINVAL);
     Call refused = Captured([&] { return isp_init_video(handle, 7, 3); });
     EXPECT_EQ(refused.result, ISP_ERR_REQUEST);
     EXPECT_EQ(refused.err, Perror("Resize resolution", EINVAL) + Perror("Resize Failed\n", EINVAL));

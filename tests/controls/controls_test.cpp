@@ -13,12 +13,11 @@
 #include <string>
 #include <vector>
 
+#include "driver/isp_requests.h"
 #include "sim_fixture.h"
 
 namespace {
 
-constexpr uint32_t kCidMwb = 0x00981991, kCidMec = 0x00981992, kCidYdns = 0x00981993, kCidUvdns = 0x00981994;
-constexpr uint32_t kGetAbnormalInfo = 0x800E56CC;
 using Strings = std::vector<std::string>;
 
 class ControlsTest : public zelisp_test::SimTest {
@@ -166,7 +165,7 @@ TEST_F(ControlsTest, EveryDriverRefusalPrintsPathTextAndLabel)
         {VIDIOC_S_CTRL, 1, [](unsigned long c) { return isp_camera_set_aec(c, 1); }, " Set auto exposure failed", "SetAEC"},
         {VIDIOC_G_CTRL, 1, Untouched(isp_camera_get_aec), " Get AEC failed", "GetAEC"},
         {VIDIOC_S_EXT_CTRLS, 1, [&mec](unsigned long c) { return isp_camera_set_mec(c, &mec); }, " Set exposure manually failed", "SetMEC"},
-        {kGetAbnormalInfo, 1, [](unsigned long c) { uint8_t info[14]; return isp_camera_get_abnormal_info(c, info); }, " Get abnormal info failed", "GetAbnormalInfo"},
+        {zelisp::VIDIOC_ISP_GET_ABNORMAL_INFO, 1, [](unsigned long c) { uint8_t info[14]; return isp_camera_get_abnormal_info(c, info); }, " Get abnormal info failed", "GetAbnormalInfo"},
     };
     for (const auto &refusal : refusals) {
         SCOPED_TRACE(refusal.label);
@@ -186,8 +185,8 @@ TEST_F(ControlsTest, DenoiseSendsLumaThenChromaAndKeepsWhatWentThroughOnARefusal
     EXPECT_EQ(isp_camera_set_denoise(camera_, 0, 11), -15);
     EXPECT_EQ(isp_camera_set_denoise(camera_, 10, 10), 0);
     EXPECT_EQ(isp_camera_set_denoise(camera_, 0, 0), 0);
-    EXPECT_EQ(Sent(VIDIOC_S_EXT_CTRLS), (Strings{Denoise(kCidYdns, 10), Denoise(kCidUvdns, 10),
-                                                 Denoise(kCidYdns, 0), Denoise(kCidUvdns, 0)}));
+    EXPECT_EQ(Sent(VIDIOC_S_EXT_CTRLS), (Strings{Denoise(zelisp::ISP_CID_YDNS, 10), Denoise(zelisp::ISP_CID_UVDNS, 10),
+                                                 Denoise(zelisp::ISP_CID_YDNS, 0), Denoise(zelisp::ISP_CID_UVDNS, 0)}));
 
     zelisp_test::OutputCapture output; // the lines: EveryDriverRefusalPrintsPathTextAndLabel
     zsim::fail_request(uint32_t(VIDIOC_S_EXT_CTRLS), 1, EIO);
@@ -195,8 +194,8 @@ TEST_F(ControlsTest, DenoiseSendsLumaThenChromaAndKeepsWhatWentThroughOnARefusal
     EXPECT_EQ(Sent(VIDIOC_S_EXT_CTRLS).size(), 5u); // chroma not sent
     zsim::fail_request(uint32_t(VIDIOC_S_EXT_CTRLS), 2, EIO);
     EXPECT_EQ(isp_camera_set_denoise(camera_, 8, 8), -11);
-    EXPECT_EQ(Driver(kCidYdns), 8);
-    EXPECT_EQ(Driver(kCidUvdns), 0);
+    EXPECT_EQ(Driver(zelisp::ISP_CID_YDNS), 8);
+    EXPECT_EQ(Driver(zelisp::ISP_CID_UVDNS), 0);
 
     zsim::fail_request(uint32_t(VIDIOC_G_EXT_CTRLS), 2, EIO);
     uint32_t luma = 99, chroma = 99;
@@ -211,14 +210,14 @@ TEST_F(ControlsTest, ManualPayloadsCarryLow16BitsAtTheirOffsets)
     const std::vector<uint8_t> mwb = {1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,       // flag, no exposure
                                       0x45, 0x23, 0x02, 0x00, 0xFF, 0xFF, 0x45, 0x23, 0x02, // gains three times
                                       0x00, 0xFF, 0xFF, 0x45, 0x23, 0x02, 0x00, 0xFF, 0xFF, 0, 0};
-    EXPECT_EQ(zsim::manual_payload(0, kCidMwb), mwb);
+    EXPECT_EQ(zsim::manual_payload(0, zelisp::ISP_CID_MWB), mwb);
 
     const zelvideo::_mec_param_t mec = {{0x10001, 2, 0xFFFF0003, 4, 5, 0x123456}};
     ASSERT_EQ(isp_camera_set_mec(camera_, &mec), 0);
     std::vector<uint8_t> exposure(36, 0);
     const uint8_t words[12] = {1, 0, 2, 0, 3, 0, 4, 0, 5, 0, 0x56, 0x34};
     std::copy(words, words + 12, exposure.begin() + 4);
-    EXPECT_EQ(zsim::manual_payload(0, kCidMec), exposure);
+    EXPECT_EQ(zsim::manual_payload(0, zelisp::ISP_CID_MEC), exposure);
     const Strings sent = Sent(VIDIOC_S_EXT_CTRLS);
     ASSERT_EQ(sent.size(), 2u);
     EXPECT_EQ(sent[0].rfind("ctrl_class=0x00980000 count=1 id=0x00981991 size=36 payload=", 0), 0u);

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 
+#include "driver/isp_requests.h"
 #include "group_fixture.h"
 
 namespace zelisp_test {
@@ -13,8 +14,8 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::StartsWith;
 
-constexpr uint32_t kCameraTableRequest = 0x80047941; // GET_VAILED_CAMERA_INFO
 constexpr unsigned long kUntouched = 0x5a5a;
+
 constexpr char kNotMember[] = "camera_index is invailed !!!\n: ";
 
 using GroupCreation = GroupTest;
@@ -69,7 +70,7 @@ TEST_F(GroupCreation, FailedCreationLeavesNoDescriptorAndNoHandle)
         {{0}, "ioctl GET_VAILED_CAMERA_INFO failed! \nisp_get_all_valid_camera_info failed! \n", ISP_ERR_NO_NODE},
     };
     unsigned long group = kUntouched;
-    zsim::fail_request(kCameraTableRequest, 3, EIO); // the third creation's table read
+    zsim::fail_request(zelisp::GET_VAILED_CAMERA_INFO, 3, EIO); // the third creation's table read
     for (const Case &c : cases) {
         OutputCapture output;
         EXPECT_EQ(isp_create_video_group(&group, 0, "bad", c.list.data(), int(c.list.size())), c.result);

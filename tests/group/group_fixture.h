@@ -12,24 +12,18 @@
 #include <string>
 #include <vector>
 
+#include "group/isp_video_group.h"
 #include "sim_fixture.h"
 
 namespace zelisp_test {
 
-constexpr uint32_t kTriggerRequest = 0x80047943; // IOC_SET_MIPI_TRIGGER_MODE
 constexpr uint32_t kViewZero = 1;                 // combination: view 0 only
 constexpr uint32_t kBuffers = 3;
 
 // Group states as the group record holds them.
 enum : uint32_t { kNone = 0, kOpened = 1, kInited = 2, kCapturing = 4, kCreated = 5, kReady = 6 };
 
-// The group record starts with its 32-byte name, then its u32 state.
-inline uint32_t GroupState(unsigned long group)
-{
-    uint32_t state;
-    memcpy(&state, reinterpret_cast<const char *>(group) + 32, sizeof state);
-    return state;
-}
+inline uint32_t GroupState(unsigned long group) { return zelisp::GroupFromHandle(group)->state; }
 
 // Node paths of the logged occurrences of a request, in order.
 inline std::vector<std::string> PathsOf(uint32_t request)

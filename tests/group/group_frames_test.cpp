@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "driver/isp_requests.h"
 #include "group_fixture.h"
 
 namespace zelisp_test {
@@ -140,7 +141,7 @@ TEST_F(GroupTriggers, SentOnceOnTheKeptDescriptorWithParametersUnchecked)
     output.Stop();
     EXPECT_EQ(output.out(), "ioctl IOC_SET_MIPI_TRIGGER_MODE failed! \n");
 
-    const std::vector<zsim::LogEntry> sent = zsim::requests(kTriggerRequest);
+    const std::vector<zsim::LogEntry> sent = zsim::requests(zelisp::IOC_SET_MIPI_TRIGGER_MODE);
     ASSERT_EQ(sent.size(), 3u);
     EXPECT_EQ(sent[0].path, "/dev/isp_misc");
     EXPECT_THAT(Words(sent[0].raw), ElementsAre(0u, 2u, 0xFFFFFFFFu, 7u, 0u));
@@ -159,14 +160,14 @@ TEST_F(GroupTriggers, RefusalIsPrintedNotReturnedInAnyGroupState)
     ASSERT_EQ(isp_group_close_video(closed), 0);
     zsim::clear_log();
     OutputCapture output;
-    zsim::interrupt_request(kTriggerRequest, 1);
+    zsim::interrupt_request(zelisp::IOC_SET_MIPI_TRIGGER_MODE, 1);
     EXPECT_EQ(isp_group_set_internal_trigger(empty, 0, 0, 0), 0);
-    zsim::interrupt_request(kTriggerRequest, 1);
+    zsim::interrupt_request(zelisp::IOC_SET_MIPI_TRIGGER_MODE, 1);
     EXPECT_EQ(isp_group_set_external_trigger(closed, 0, 0, 0), 0);
     output.Stop();
     EXPECT_EQ(output.out(), "ioctl IOC_SET_MIPI_TRIGGER_MODE failed! \n");
     EXPECT_EQ(output.err(), "ioctl IOC_SET_MIPI_TRIGGER_MODE failed! \n: " + ErrorText(EINTR) + "\n");
-    EXPECT_EQ(zsim::requests(kTriggerRequest).size(), 2u); // neither is repeated after EINTR
+    EXPECT_EQ(zsim::requests(zelisp::IOC_SET_MIPI_TRIGGER_MODE).size(), 2u); // neither is repeated after EINTR
     EXPECT_EQ(zsim::trigger_mode(), zsim::TriggerMode::None);
 }
 

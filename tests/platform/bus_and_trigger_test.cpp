@@ -5,12 +5,11 @@
 #include <cstdint>
 #include <vector>
 
+#include "driver/isp_requests.h"
 #include "sim_fixture.h"
 
 namespace {
 
-constexpr uint32_t kSetI2cCtrl = 0x40047944;
-constexpr uint32_t kSetTriggerMode = 0x80047943;
 // The trigger record names no camera: the handle is only tested against 0.
 constexpr unsigned long kAnyHandle = 1;
 
@@ -38,29 +37,29 @@ TEST_F(BusAndTriggerTest, BusOwnershipSendsTheSlotAndTheOwner)
     EXPECT_EQ(isp_set_i2c_ctrl(0, 2), -15);
     output.Stop();
     EXPECT_EQ(output.out(), "set ARM to control i2c bus!\nset ISP to control i2c bus!\n");
-    EXPECT_EQ(Sent(kSetI2cCtrl), (std::vector<Bytes>{{11, 0, 0, 0, 1, 0, 0, 0}, {0, 0, 0, 0, 0, 0, 0, 0}}));
+    EXPECT_EQ(Sent(zelisp::IOC_SET_I2C_CTRL), (std::vector<Bytes>{{11, 0, 0, 0, 1, 0, 0, 0}, {0, 0, 0, 0, 0, 0, 0, 0}}));
     EXPECT_EQ(zsim::requests(zsim::kOpen).size(), 2u); // the refusals opened nothing
 }
 
 TEST_F(BusAndTriggerTest, BusToIspIsRepeatedAfterASignalBusToArmIsNot)
 {
     OutputCapture output;
-    zsim::interrupt_request(kSetI2cCtrl, 1);
+    zsim::interrupt_request(zelisp::IOC_SET_I2C_CTRL, 1);
     EXPECT_EQ(isp_set_i2c_ctrl(3, 0), 0);
-    zsim::interrupt_request(kSetI2cCtrl, 1);
+    zsim::interrupt_request(zelisp::IOC_SET_I2C_CTRL, 1);
     EXPECT_EQ(isp_set_i2c_ctrl(3, 1), -9);
-    zsim::fail_request(kSetI2cCtrl, 1, EIO);
+    zsim::fail_request(zelisp::IOC_SET_I2C_CTRL, 1, EIO);
     EXPECT_EQ(isp_set_i2c_ctrl(3, 0), -9);
     output.Stop();
     EXPECT_EQ(output.out(), "set ISP to control i2c bus!\nioctl IOC_SET_I2C_CTRL failed! \n"
                             "ioctl IOC_SET_I2C_CTRL failed! \n");
-    EXPECT_EQ(zsim::requests(kSetI2cCtrl).size(), 4u);
+    EXPECT_EQ(zsim::requests(zelisp::IOC_SET_I2C_CTRL).size(), 4u);
 }
 
 TEST_F(BusAndTriggerTest, InternalTriggerRecordLeavesTheExternalWordZero)
 {
     EXPECT_EQ(isp_set_internal_trigger(kAnyHandle, 2, 7, 0xFFFFFFFF), 0);
-    EXPECT_EQ(Sent(kSetTriggerMode),
+    EXPECT_EQ(Sent(zelisp::IOC_SET_MIPI_TRIGGER_MODE),
               (std::vector<Bytes>{{0, 0, 0, 0, 2, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF, 7, 0, 0, 0, 0, 0, 0, 0}}));
     EXPECT_EQ(zsim::trigger_mode(), zsim::TriggerMode::Internal);
 
@@ -74,7 +73,7 @@ TEST_F(BusAndTriggerTest, InternalTriggerRecordLeavesTheExternalWordZero)
 TEST_F(BusAndTriggerTest, ExternalTriggerRecordLeavesTheInternalWordZero)
 {
     EXPECT_EQ(isp_set_external_trigger(kAnyHandle, 1, 5, 2), 0);
-    EXPECT_EQ(Sent(kSetTriggerMode),
+    EXPECT_EQ(Sent(zelisp::IOC_SET_MIPI_TRIGGER_MODE),
               (std::vector<Bytes>{{1, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 5, 0, 0, 0, 2, 0, 0, 0}}));
     EXPECT_EQ(zsim::trigger_mode(), zsim::TriggerMode::External);
 
@@ -89,20 +88,20 @@ TEST_F(BusAndTriggerTest, ExternalTriggerRecordLeavesTheInternalWordZero)
 TEST_F(BusAndTriggerTest, RefusedTriggerIsPrintedAndStillSucceeds)
 {
     OutputCapture output;
-    zsim::fail_request(kSetTriggerMode, 1, EIO);
+    zsim::fail_request(zelisp::IOC_SET_MIPI_TRIGGER_MODE, 1, EIO);
     EXPECT_EQ(isp_set_internal_trigger(kAnyHandle, 0, 0, 0), 0);
-    zsim::fail_request(kSetTriggerMode, 1, EIO);
+    zsim::fail_request(zelisp::IOC_SET_MIPI_TRIGGER_MODE, 1, EIO);
     EXPECT_EQ(isp_set_external_trigger(kAnyHandle, 0, 0, 0), 0);
     // Internal mode goes through a signal; external mode is sent once.
-    zsim::interrupt_request(kSetTriggerMode, 1);
+    zsim::interrupt_request(zelisp::IOC_SET_MIPI_TRIGGER_MODE, 1);
     EXPECT_EQ(isp_set_internal_trigger(kAnyHandle, 0, 0, 0), 0);
-    zsim::interrupt_request(kSetTriggerMode, 1);
+    zsim::interrupt_request(zelisp::IOC_SET_MIPI_TRIGGER_MODE, 1);
     EXPECT_EQ(isp_set_external_trigger(kAnyHandle, 0, 0, 0), 0);
     output.Stop();
     EXPECT_EQ(output.out(), "ioctl IOC_SET_MIPI_TRIGGER_MODE failed! \n");
     EXPECT_EQ(output.err(), "ioctl IOC_SET_MIPI_TRIGGER_MODE failed! \n: " + ErrorText(EIO) + "\n" +
                                 "ioctl IOC_SET_MIPI_TRIGGER_MODE failed! \n: " + ErrorText(EINTR) + "\n");
-    EXPECT_EQ(zsim::requests(kSetTriggerMode).size(), 5u);
+    EXPECT_EQ(zsim::requests(zelisp::IOC_SET_MIPI_TRIGGER_MODE).size(), 5u);
 }
 
 TEST_F(BusAndTriggerTest, MissingNodeFailsEveryCallWithMinus9)

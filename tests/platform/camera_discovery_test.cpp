@@ -6,11 +6,11 @@
 #include <cstring>
 #include <vector>
 
+#include "driver/isp_requests.h"
 #include "sim_fixture.h"
 
 namespace {
 
-constexpr uint32_t kGetValidCameraInfo = 0x80047941;
 constexpr uint8_t kUntouched = 0xA5;
 
 using zelvideo::_camera_info_t;
@@ -86,7 +86,7 @@ TEST_F(CameraDiscoveryTest, FourCamerasReachTheCallerByteForByte)
     zsim::set_valid_camera_count(2);
     EXPECT_EQ(isp_get_valid_camera_count(&count), 0);
     EXPECT_EQ(count, 2u);
-    EXPECT_EQ(zsim::requests(kGetValidCameraInfo).size(), 4u);
+    EXPECT_EQ(zsim::requests(zelisp::GET_VAILED_CAMERA_INFO).size(), 4u);
     EXPECT_EQ(zsim::requests(zsim::kOpen).size(), zsim::requests(zsim::kClose).size());
 }
 
@@ -119,18 +119,18 @@ TEST_F(CameraDiscoveryTest, MissingOrRefusingNodeLeavesCountZero)
     zsim::set_node_kind("/dev/isp_misc", zsim::NodeKind::CharDevice);
     zsim::clear_log();
     zelisp_test::OutputCapture refused;
-    zsim::fail_request(kGetValidCameraInfo, 1, EIO);
+    zsim::fail_request(zelisp::GET_VAILED_CAMERA_INFO, 1, EIO);
     count = 9;
     EXPECT_EQ(isp_get_valid_camera_count(&count), -11);
     EXPECT_EQ(count, 0u);
     // The table request is sent once: an interruption fails the call too.
-    zsim::interrupt_request(kGetValidCameraInfo, 1);
+    zsim::interrupt_request(zelisp::GET_VAILED_CAMERA_INFO, 1);
     count = 9;
     EXPECT_EQ(isp_get_valid_camera_info(records_, 1, &count), -11);
     EXPECT_EQ(count, 9u);
     refused.Stop();
     EXPECT_EQ(refused.out(), "ioctl GET_VAILED_CAMERA_INFO failed! \nioctl GET_VAILED_CAMERA_INFO failed! \n");
-    EXPECT_EQ(zsim::requests(kGetValidCameraInfo).size(), 2u);
+    EXPECT_EQ(zsim::requests(zelisp::GET_VAILED_CAMERA_INFO).size(), 2u);
     EXPECT_TRUE(Untouched(0, 14));
 }
 

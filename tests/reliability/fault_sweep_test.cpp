@@ -24,17 +24,13 @@
 #include <utility>
 #include <vector>
 
+#include "driver/isp_requests.h"
 #include "reliability.h"
 #include "sim_fixture.h"
 
 namespace zelisp_reliability {
 namespace {
 
-constexpr uint32_t kResizeRequest = 0x401656cf;
-constexpr uint32_t kAbnormalInfoRequest = 0x800E56CC;
-constexpr uint32_t kValidCameraRequest = 0x80047941;
-constexpr uint32_t kI2cRequest = 0x40047944;
-constexpr uint32_t kTriggerRequest = 0x80047943;
 constexpr int kUnchecked = -100;
 
 // The objects one run works on.
@@ -81,9 +77,9 @@ bool Retried(const Failure &failure, const std::string &scenario)
     const zsim::LogEntry &entry = failure.entry;
     if (IsVideoNode(entry.path))
         return true;
-    if (entry.request == kI2cRequest)
+    if (entry.request == zelisp::IOC_SET_I2C_CTRL)
         return scenario == "i2c_to_isp";
-    if (entry.request == kTriggerRequest)
+    if (entry.request == zelisp::IOC_SET_MIPI_TRIGGER_MODE)
         return scenario == "internal_trigger";
     return false;
 }
@@ -101,7 +97,7 @@ int ErrnoFor(uint32_t request)
     case VIDIOC_S_FMT:
     case VIDIOC_S_CTRL:
     case VIDIOC_S_EXT_CTRLS:
-    case kResizeRequest:
+    case zelisp::VIDIOC_ISP_SET_RESIZE:
         return EINVAL;
     default:
         return EIO;
@@ -339,7 +335,7 @@ std::vector<Scenario> PlatformScenarios()
         };
     };
     auto count_stored = [](const Objects &run, const Failure &f) -> std::string {
-        uint32_t expected = (f.entry.request == zsim::kOpen || f.entry.request == kValidCameraRequest) ? 0 : 4;
+        uint32_t expected = (f.entry.request == zsim::kOpen || f.entry.request == zelisp::GET_VAILED_CAMERA_INFO) ? 0 : 4;
         return run.count == expected ? "" : "count " + std::to_string(run.count) + ", expected " +
                                                 std::to_string(expected);
     };
@@ -351,7 +347,7 @@ std::vector<Scenario> PlatformScenarios()
                    [](Objects &run) { return isp_get_valid_camera_info(run.info, 2, &run.count); }, nullptr,
                    misc(ISP_ERR_OPEN, ISP_ERR_REQUEST),
                    [](const Objects &run, const Failure &f) -> std::string {
-                       bool stored = f.entry.request != zsim::kOpen && f.entry.request != kValidCameraRequest;
+                       bool stored = f.entry.request != zsim::kOpen && f.entry.request != zelisp::GET_VAILED_CAMERA_INFO;
                        return (run.count == 4) == stored ? "" : "count stored wrongly";
                    }});
     all.push_back({"i2c_to_isp", [](Objects &) {}, [](Objects &) { return isp_set_i2c_ctrl(3, 0); }, nullptr,

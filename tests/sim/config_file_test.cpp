@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "driver/isp_requests.h"
 #include "sim_fixture.h"
 
 namespace {
@@ -48,7 +49,7 @@ protected:
     {
         uint8_t table[488] = {};
         const int fd = open("/dev/isp_misc", O_RDWR);
-        EXPECT_EQ(ioctl(fd, 0x80047941, table), 0);
+        EXPECT_EQ(ioctl(fd, zelisp::GET_VAILED_CAMERA_INFO, table), 0);
         close(fd);
         return table[480];
     }

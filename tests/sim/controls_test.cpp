@@ -6,15 +6,13 @@
 #include <string>
 #include <vector>
 
+#include "driver/isp_requests.h"
 #include "runner_command.h"
 #include "sim_fixture.h"
 #include "video_test_node.h"
 
 namespace {
 
-constexpr uint32_t kCidMwb = 0x00981991;
-constexpr uint32_t kCidUvdns = 0x00981994;
-constexpr unsigned long kGetAbnormalInfo = 0x800E56CC;
 
 using zelisp_test::VideoNode;
 
@@ -82,7 +80,7 @@ TEST_F(ControlsTest, ValuesKeepTheirRangesAndUnknownIdsAreRefused)
     EXPECT_EQ(Set(V4L2_CID_GAMMA, -1), 0);          // every 32-bit word
     EXPECT_EQ(Get(*node_, V4L2_CID_GAMMA), -1);
     EXPECT_EQ(Set(0x00980999, 0), EINVAL);
-    EXPECT_EQ(Set(kCidMwb, 0), EINVAL);              // a payload, not a value
+    EXPECT_EQ(Set(zelisp::ISP_CID_MWB, 0), EINVAL);              // a payload, not a value
     EXPECT_EQ(Set(V4L2_CID_USER_CLASS, 0), EACCES);
     EXPECT_EQ(zsim::requests(uint32_t(VIDIOC_S_CTRL)).front().detail, "id=0x00980900 value=255");
 }
@@ -105,7 +103,7 @@ TEST_F(ControlsTest, BothNodesOfACameraShareItsControlsAndCamerasAreIndependent)
 TEST_F(ControlsTest, ExtendedRequestsCheckEverythingBeforeApplying)
 {
     v4l2_ext_control control{};
-    control.id = kCidUvdns;
+    control.id = zelisp::ISP_CID_UVDNS;
     control.value = 11;
     uint32_t error_idx = 99;
     EXPECT_EQ(Ext(VIDIOC_S_EXT_CTRLS, &control, &error_idx), ERANGE);
@@ -125,13 +123,13 @@ TEST_F(ControlsTest, ManualPayloadsAreKeptWholeAndReadBack)
     for (int i = 0; i < 36; ++i)
         payload[i] = uint8_t(0xA0 + i);
     v4l2_ext_control control{};
-    control.id = kCidMwb;
+    control.id = zelisp::ISP_CID_MWB;
     control.size = 35;
     control.ptr = payload;
     EXPECT_EQ(Ext(VIDIOC_S_EXT_CTRLS, &control), EFAULT);
     control.size = 36;
     ASSERT_EQ(Ext(VIDIOC_S_EXT_CTRLS, &control), 0);
-    EXPECT_EQ(zsim::manual_payload(0, kCidMwb), std::vector<uint8_t>(payload, payload + 36));
+    EXPECT_EQ(zsim::manual_payload(0, zelisp::ISP_CID_MWB), std::vector<uint8_t>(payload, payload + 36));
     EXPECT_EQ(zsim::requests(uint32_t(VIDIOC_S_EXT_CTRLS)).back().detail,
               "ctrl_class=0x00980000 count=1 id=0x00981991 size=36 payload="
               "a0a1a2a3a4a5a6a7a8a9aaabacadaeafb0b1b2b3b4b5b6b7b8b9babbbcbdbebfc0c1c2c3");
@@ -148,7 +146,7 @@ TEST_F(ControlsTest, ManualPayloadsAreKeptWholeAndReadBack)
     zsim::set_abnormal_info(0, info);
     uint8_t buffer[15];
     memset(buffer, 0xEE, sizeof buffer);
-    ASSERT_EQ(node_->Request(kGetAbnormalInfo, buffer), 0);
+    ASSERT_EQ(node_->Request(zelisp::VIDIOC_ISP_GET_ABNORMAL_INFO, buffer), 0);
     EXPECT_EQ(memcmp(buffer, info, 14), 0);
     EXPECT_EQ(buffer[14], 0xEE);
 }
@@ -157,10 +155,10 @@ TEST_F(ControlsTest, EnumerationWalksPlainControlsThenPayloadsAndMenus)
 {
     const std::vector<uint32_t> plain = {V4L2_CID_USER_CLASS,  V4L2_CID_BRIGHTNESS,    V4L2_CID_CONTRAST,
                                          V4L2_CID_SATURATION,  V4L2_CID_HUE,           V4L2_CID_AUTO_WHITE_BALANCE,
-                                         V4L2_CID_GAMMA,       V4L2_CID_SHARPNESS,     0x00981993,
-                                         0x00981994,           V4L2_CID_CAMERA_CLASS,  V4L2_CID_EXPOSURE_AUTO};
+                                         V4L2_CID_GAMMA,       V4L2_CID_SHARPNESS,     zelisp::ISP_CID_YDNS,
+                                         zelisp::ISP_CID_UVDNS, V4L2_CID_CAMERA_CLASS,  V4L2_CID_EXPOSURE_AUTO};
     EXPECT_EQ(Walk(V4L2_CTRL_FLAG_NEXT_CTRL), plain);
-    EXPECT_EQ(Walk(V4L2_CTRL_FLAG_NEXT_COMPOUND), (std::vector<uint32_t>{0x00981991, 0x00981992}));
+    EXPECT_EQ(Walk(V4L2_CTRL_FLAG_NEXT_COMPOUND), (std::vector<uint32_t>{zelisp::ISP_CID_MWB, zelisp::ISP_CID_MEC}));
     std::vector<uint32_t> legacy;
     v4l2_queryctrl query{};
     for (query.id = V4L2_CTRL_FLAG_NEXT_CTRL; node_->Request(VIDIOC_QUERYCTRL, &query) == 0;

@@ -3,14 +3,12 @@
 #include <cstring>
 #include <vector>
 
+#include "driver/isp_requests.h"
 #include "sim_fixture.h"
 #include "video_test_node.h"
 
 namespace {
 
-constexpr unsigned long kGetValidCameraInfo = 0x80047941;
-constexpr unsigned long kSetI2cCtrl = 0x40047944;
-constexpr unsigned long kSetTriggerMode = 0x80047943;
 
 using Bytes = std::vector<uint8_t>;
 
@@ -21,7 +19,7 @@ protected:
     {
         zelisp_test::VideoNode misc("/dev/isp_misc");
         memset(table_, 0xEE, sizeof table_);
-        EXPECT_EQ(misc.Request(kGetValidCameraInfo, table_), 0);
+        EXPECT_EQ(misc.Request(zelisp::GET_VAILED_CAMERA_INFO, table_), 0);
         return table_[480] | table_[481] << 8 | table_[482] << 16 | uint32_t(table_[483]) << 24;
     }
     static int Send(unsigned long request, std::vector<uint32_t> words)
@@ -50,7 +48,7 @@ TEST_F(MiscNodeTest, TableListsThePresentCamerasWithTheirDriverData)
     for (int slot = 4; slot < 12; ++slot)
         EXPECT_EQ(Record(slot), Bytes(40, 0));
     EXPECT_EQ(Bytes(table_ + 484, table_ + 496), (Bytes{0, 0, 0, 0, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE}));
-    const zsim::LogEntry entry = zsim::requests(uint32_t(kGetValidCameraInfo)).back();
+    const zsim::LogEntry entry = zsim::requests(uint32_t(zelisp::GET_VAILED_CAMERA_INFO)).back();
     EXPECT_EQ(entry.detail, "count=4 cameras=0,2,3,9");
     EXPECT_EQ(entry.raw.size(), 488u);
 
@@ -66,22 +64,22 @@ TEST_F(MiscNodeTest, TableListsThePresentCamerasWithTheirDriverData)
 
 TEST_F(MiscNodeTest, BusAndTriggerRecordsAreCheckedLikeTheFirmwareDoes)
 {
-    EXPECT_EQ(Send(kSetI2cCtrl, {11, 1}), 0); // a camera that is not even present
-    EXPECT_EQ(Send(kSetI2cCtrl, {12, 0}), EINVAL);
-    EXPECT_EQ(Send(kSetI2cCtrl, {0, 2}), EINVAL);
-    EXPECT_EQ(zsim::requests(uint32_t(kSetI2cCtrl)).front().raw, (Bytes{11, 0, 0, 0, 1, 0, 0, 0}));
+    EXPECT_EQ(Send(zelisp::IOC_SET_I2C_CTRL, {11, 1}), 0); // a camera that is not even present
+    EXPECT_EQ(Send(zelisp::IOC_SET_I2C_CTRL, {12, 0}), EINVAL);
+    EXPECT_EQ(Send(zelisp::IOC_SET_I2C_CTRL, {0, 2}), EINVAL);
+    EXPECT_EQ(zsim::requests(uint32_t(zelisp::IOC_SET_I2C_CTRL)).front().raw, (Bytes{11, 0, 0, 0, 1, 0, 0, 0}));
 
     EXPECT_EQ(zsim::trigger_mode(), zsim::TriggerMode::None);
-    ASSERT_EQ(Send(kSetTriggerMode, {0, 2, 0xFFFFFFFF, 7, 0}), 0);
+    ASSERT_EQ(Send(zelisp::IOC_SET_MIPI_TRIGGER_MODE, {0, 2, 0xFFFFFFFF, 7, 0}), 0);
     EXPECT_EQ(zsim::trigger_mode(), zsim::TriggerMode::Internal);
-    EXPECT_EQ(zsim::requests(uint32_t(kSetTriggerMode)).back().detail,
+    EXPECT_EQ(zsim::requests(uint32_t(zelisp::IOC_SET_MIPI_TRIGGER_MODE)).back().detail,
               "trigger_mode=0 trigger_param1=2 internal_param3=4294967295 trigger_param2=7 external_param3=0");
-    ASSERT_EQ(Send(kSetTriggerMode, {1, 0, 0, 0, 2}), 0);
+    ASSERT_EQ(Send(zelisp::IOC_SET_MIPI_TRIGGER_MODE, {1, 0, 0, 0, 2}), 0);
     EXPECT_EQ(zsim::trigger_mode(), zsim::TriggerMode::External);
     // Out of the firmware's ranges, or an unknown mode: refused, nothing changes.
     for (const std::vector<uint32_t> &bad : {std::vector<uint32_t>{0, 3, 0, 0, 0}, {0, 0, 0, 8, 0},
                                              {1, 0, 0, 0, 3}, {2, 0, 0, 0, 0}})
-        EXPECT_EQ(Send(kSetTriggerMode, bad), EINVAL);
+        EXPECT_EQ(Send(zelisp::IOC_SET_MIPI_TRIGGER_MODE, bad), EINVAL);
     EXPECT_EQ(zsim::trigger_mode(), zsim::TriggerMode::External);
     zsim::reset();
     EXPECT_EQ(zsim::trigger_mode(), zsim::TriggerMode::None);

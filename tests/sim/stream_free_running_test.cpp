@@ -13,6 +13,7 @@
 #include <cmath>
 #include <thread>
 
+#include "driver/isp_requests.h"
 #include "sim_fixture.h"
 #include "video_test_node.h"
 
@@ -119,7 +120,7 @@ TEST_F(StreamFreeRunningTest, TriggeredCamerasShareOneFrameClock)
 {
     VideoNode misc("/dev/isp_misc");
     uint32_t internal[5] = {0, 2, 0, 7, 0};
-    ASSERT_EQ(misc.Request(0x80047943, internal), 0);
+    ASSERT_EQ(misc.Request(zelisp::IOC_SET_MIPI_TRIGGER_MODE, internal), 0);
     ASSERT_NE(zsim::trigger_mode(), zsim::TriggerMode::None);
     VideoNode a("/dev/video0"), b("/dev/video2");
     Start(a, 3, true);

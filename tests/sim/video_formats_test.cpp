@@ -5,6 +5,7 @@
 #include <cstring>
 #include <string>
 
+#include "driver/isp_requests.h"
 #include "sim_fixture.h"
 #include "video_test_node.h"
 
@@ -12,7 +13,6 @@ namespace {
 
 using zelisp_test::VideoNode;
 
-constexpr unsigned long VIDIOC_ISP_SET_RESIZE = 0x401656cf;
 
 struct ReportedView {
     uint32_t fourcc, width, height;
@@ -118,13 +118,13 @@ TEST_F(VideoFormatsTest, ResizeKeepsTheSecondCropInsideTheScaledImage)
     VideoNode node("/dev/video0");
     // top, bottom, left, right of each crop, then the scaled size.
     uint16_t regs[11] = {8, 488, 16, 656, 0, 480, 0, 640, 640, 480, 0};
-    ASSERT_EQ(node.Request(VIDIOC_ISP_SET_RESIZE, regs), 0);
+    ASSERT_EQ(node.Request(zelisp::VIDIOC_ISP_SET_RESIZE, regs), 0);
     uint16_t outside[11] = {0, 480, 0, 640, 0, 482, 0, 640, 640, 480, 0};
-    EXPECT_EQ(node.Request(VIDIOC_ISP_SET_RESIZE, outside), EINVAL);
+    EXPECT_EQ(node.Request(zelisp::VIDIOC_ISP_SET_RESIZE, outside), EINVAL);
     uint16_t none[11] = {};
-    EXPECT_EQ(node.Request(VIDIOC_ISP_SET_RESIZE, none), 0);
+    EXPECT_EQ(node.Request(zelisp::VIDIOC_ISP_SET_RESIZE, none), 0);
 
-    auto log = zsim::requests(uint32_t(VIDIOC_ISP_SET_RESIZE));
+    auto log = zsim::requests(uint32_t(zelisp::VIDIOC_ISP_SET_RESIZE));
     ASSERT_EQ(log.size(), 3u);
     ASSERT_EQ(log[0].raw.size(), 22u);
     EXPECT_EQ(std::memcmp(log[0].raw.data(), regs, 22), 0);

@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "../../src/camera/isp_video.h" // a camera object that was never opened
+#include "camera/isp_video.h" // a camera object that was never opened
 #include "sim_fixture.h"
 
 namespace {

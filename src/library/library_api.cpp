@@ -1,6 +1,7 @@
 /*
- * result_text.cpp - the words for each result code, so that applications
- * and tools explain a failure the same way.
+ * library_api.cpp - what belongs to the library as a whole rather than to a
+ * camera: its version string, and the words for each result code, so that
+ * applications and tools explain a failure the same way.
  */
 #include "zelisp.h"
 
@@ -30,6 +31,11 @@ constexpr ResultText kResultTexts[] = {
 };
 
 } // namespace
+
+extern "C" ZELISP_API const char *isp_get_sdk_version(void)
+{
+    return "zelisp:v1.3.0";
+}
 
 extern "C" ZELISP_API const char *isp_get_result_text(int result)
 {

@@ -1,11 +1,12 @@
 /*
- * group_exports.cpp - the exported group functions: thin fronts that check
+ * group_api.cpp - the exported group functions: thin fronts that check
  * their pointer arguments and call one group operation.
  *
  * A group handle is the address of its IspVideoGroup. The group operations
  * take it as handed out by a creator and do not test it; only the two
  * functions that hand out or release what the group owns refuse handle 0.
  */
+#include "camera/v4l2_records.h"
 #include "group/isp_video_group.h"
 
 using namespace zelisp;
@@ -25,6 +26,10 @@ namespace zelvideo {
 
 ZELISP_API int isp_group_set_view_format(unsigned long group, int view, _view_format_t view_format)
 {
+    // The driver names the view in one byte: a view past it would be cut to
+    // another view of every member, so it is refused before any is touched.
+    if (!ViewFitsRequest(view))
+        return ISP_ERR_INVALID;
     return GroupFromHandle(group)->SetViewFormat(view, view_format);
 }
 
@@ -107,6 +112,18 @@ ZELISP_API int isp_group_start_captrue(unsigned long group) { return GroupFromHa
 ZELISP_API int isp_group_stop_captrue(unsigned long group) { return GroupFromHandle(group)->StopCapture(); }
 
 ZELISP_API int isp_group_close_video(unsigned long group) { return GroupFromHandle(group)->CloseVideo(); }
+
+ZELISP_API int isp_group_set_internal_trigger(unsigned long group, uint32_t trigger_param1, uint32_t trigger_param2,
+                                              uint32_t internal_param3)
+{
+    return GroupFromHandle(group)->SetTrigger(InternalTriggerRecord(trigger_param1, trigger_param2, internal_param3));
+}
+
+ZELISP_API int isp_group_set_external_trigger(unsigned long group, uint32_t trigger_param1, uint32_t trigger_param2,
+                                              uint32_t external_param3)
+{
+    return GroupFromHandle(group)->SetTrigger(ExternalTriggerRecord(trigger_param1, trigger_param2, external_param3));
+}
 
 ZELISP_API int isp_group_get_camera_handle(unsigned long group, int camera_index, unsigned long *handle)
 {

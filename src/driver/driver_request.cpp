@@ -1,0 +1,36 @@
+/*
+ * driver_request.cpp - the request-and-report procedure of the device
+ * requests: every stream-setup, buffer, view and control request of a camera
+ * that fails is told the same way.
+ */
+#include "driver/driver_request.h"
+
+#include <cstdarg>
+#include <cstdio>
+
+#include "driver/device_message.h"
+#include "zelisp.h"
+
+namespace zelisp {
+
+int ReportedRequest(int fd, const char *dev_path, unsigned long request, void *record, const char *label,
+                    const char *failure, ...)
+{
+    if (DriverRequest(fd, request, record, Retry::WhileInterrupted) >= 0)
+        return ISP_OK;
+    // The stderr line must name the driver's refusal, not whatever writing
+    // the stdout line may have left in errno.
+    const int refusal = errno;
+    va_list arguments;
+    va_start(arguments, failure);
+    VDeviceMessage(dev_path, failure, arguments);
+    va_end(arguments);
+    if (label != nullptr) {
+        errno = refusal;
+        perror(label);
+    }
+    errno = refusal;
+    return ISP_ERR_REQUEST;
+}
+
+} // namespace zelisp

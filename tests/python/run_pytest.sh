@@ -16,6 +16,7 @@ export PYTHONDONTWRITEBYTECODE=1
 export ZELISP_SOURCE_DIR="$source_dir"
 if [ -n "$sanitized" ]; then
   export ASAN_OPTIONS="${ASAN_OPTIONS:+$ASAN_OPTIONS:}detect_leaks=0"
+  export ZELISP_SANITIZED=1
 fi
 "$sim_run" -- /usr/bin/python3 -m pytest -p no:cacheprovider -rfEs "$tests_dir"
 status=$?

@@ -3,6 +3,7 @@ released and no array of it lives; closing or re-configuring while frames are
 out is refused; nothing is lost over 10,000 frames."""
 
 import gc
+import os
 
 import pytest
 
@@ -157,7 +158,10 @@ def test_ten_thousand_frames_lose_no_descriptor_mapping_or_buffer(camera):
     run(9000)
     gc.collect()
     grown = resident_kb() - warm
-    assert grown < 1024, f"resident memory grew by {grown} kB over 9,000 frames"
+    # AddressSanitizer keeps freed memory in quarantine, so the resident
+    # size grows there by design; the plain run checks it.
+    if not os.environ.get("ZELISP_SANITIZED"):
+        assert grown < 1024, f"resident memory grew by {grown} kB over 9,000 frames"
     assert zsim.live_descriptors() == descriptors
     assert zsim.live_mappings() == mappings
     counters = zsim.counters(0)

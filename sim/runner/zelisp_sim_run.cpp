@@ -1,11 +1,14 @@
 /*
  * zelisp_sim_run.cpp - runs any program on the simulated ISP drivers:
  *
- *     zelisp-sim-run [--config FILE] -- PROGRAM ARGS...
+ *     zelisp-sim-run [--config FILE] [--config-errors=stop|warn] -- PROGRAM ARGS...
  *
  * It puts the simulator library in front of the program's C library with
  * LD_PRELOAD (ahead of any preload already set), names the configuration
- * file in ZELISP_SIM_CONFIG, and executes the program in its place.
+ * file in ZELISP_SIM_CONFIG, and executes the program in its place. An error
+ * in the file stops the program before its main() with status 2 (the
+ * simulator prints FILE:LINE: message); --config-errors=warn runs it on the
+ * defaults instead.
  */
 #include <cerrno>
 #include <climits>
@@ -21,7 +24,7 @@ namespace {
 
 int usage()
 {
-    std::fprintf(stderr, "usage: zelisp-sim-run [--config FILE] -- PROGRAM ARGS...\n");
+    std::fprintf(stderr, "usage: zelisp-sim-run [--config FILE] [--config-errors=stop|warn] -- PROGRAM ARGS...\n");
     return 2;
 }
 
@@ -61,13 +64,10 @@ bool set_preload(const char *library)
     return setenv("LD_PRELOAD", preload.c_str(), 1) == 0;
 }
 
-// The program may change directory before the simulator reads the file.
+// The program may change directory before the simulator reads the file,
+// which it checks there.
 bool set_config(const char *path)
 {
-    if (access(path, R_OK) != 0) {
-        std::fprintf(stderr, "zelisp-sim-run: %s: %s\n", path, std::strerror(errno));
-        return false;
-    }
     char absolute[PATH_MAX];
     const char *name = realpath(path, absolute) ? absolute : path;
     return setenv("ZELISP_SIM_CONFIG", name, 1) == 0;
@@ -84,6 +84,8 @@ int main(int argc, char **argv)
             config = argv[++i];
         else if (std::strncmp(argv[i], "--config=", 9) == 0)
             config = argv[i] + 9;
+        else if (std::strcmp(argv[i], "--config-errors=warn") == 0 || std::strcmp(argv[i], "--config-errors=stop") == 0)
+            setenv("ZELISP_SIM_CONFIG_ERRORS", argv[i] + 16, 1);
         else
             return usage();
     }

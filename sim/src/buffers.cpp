@@ -82,7 +82,7 @@ int allocate_buffers(State &s, int node, uint32_t count)
 
 uint32_t buffer_flags(const Buffer &buffer)
 {
-    uint32_t flags = V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC;
+    uint32_t flags = V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC | V4L2_BUF_FLAG_TSTAMP_SRC_EOF;
     if (buffer.state == BufferState::Queued)
         flags |= V4L2_BUF_FLAG_QUEUED;
     if (buffer.state == BufferState::Filled)
@@ -134,6 +134,7 @@ int request_buffers(State &s, int node, v4l2_requestbuffers *req, LogNote *note)
     }
     req->count = granted;
     req->capabilities = V4L2_BUF_CAP_SUPPORTS_MMAP;
+    req->flags = 0; // no cache hints: every buffer is coherent
     note->detail += " granted=" + std::to_string(granted);
     return 0;
 }
@@ -222,13 +223,7 @@ void *sim_mmap(void *addr, size_t length, int prot, int flags, int fd, off_t off
     }
     if (!err)
         s.mappings[reinterpret_cast<uintptr_t>(result)] = Mapping{length, file->path};
-    entry.error = err;
-    append_log(s, std::move(entry));
-    if (err) {
-        errno = err;
-        return MAP_FAILED;
-    }
-    return result;
+    return finish_request(s, std::move(entry), err, 0) < 0 ? MAP_FAILED : result;
 }
 
 int sim_munmap(void *addr, size_t length, bool *handled)
@@ -265,12 +260,7 @@ int sim_munmap(void *addr, size_t length, bool *handled)
         s.mappings.erase(first, it);
         s.mappings.insert(remains.begin(), remains.end());
     }
-    append_log(s, LogEntry{path, kMunmap, "munmap", "length=" + std::to_string(length), {}, err});
-    if (err) {
-        errno = err;
-        return -1;
-    }
-    return 0;
+    return finish_request(s, LogEntry{path, kMunmap, "munmap", "length=" + std::to_string(length), {}, 0}, err, 0);
 }
 
 } // namespace zsim::detail

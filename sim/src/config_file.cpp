@@ -20,6 +20,10 @@
 #include <string>
 #include <vector>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include "sim_internal.h"
 
 namespace zsim {
@@ -30,6 +34,8 @@ constexpr int kCameras = 12;
 constexpr uint32_t kMaxFps = 240;
 constexpr uint32_t kMaxBuffers = 32;
 constexpr uint32_t kMaxDimension = 65535; // the driver reports view sizes in 16-bit words
+constexpr size_t kMaxLineLength = 200;     // libinih's line buffer holds 199 characters
+constexpr off_t kMaxFileSize = 1 << 20;    // a board description is a few hundred bytes
 
 struct CameraPlan {
     bool configured = false;
@@ -218,19 +224,59 @@ bool begin_section(Parser *parser, const std::string &name)
 }
 
 // libinih calls its handler only for keys, so the reader notices the
-// section headers (empty sections count too) and the line numbers.
+// section headers (empty sections count too) and the line numbers. It reads
+// whole lines itself: a line too long for libinih's buffer would otherwise
+// be split, and the error would name a line the file does not have.
 char *read_line(char *text, int size, void *stream)
 {
     auto *parser = static_cast<Parser *>(stream);
-    char *got = fgets(text, size, parser->file);
-    if (!got)
+    std::string got;
+    int c;
+    while ((c = getc(parser->file)) != EOF && c != '\n')
+        if (got.size() < kMaxLineLength)
+            got += char(c);
+    if (c == EOF && got.empty())
         return nullptr;
     ++parser->line;
+    if (got.size() >= kMaxLineLength) {
+        parser->fail("line of " + std::to_string(kMaxLineLength) + " characters or more");
+        got.clear();
+    }
+    got.resize(std::min(got.size(), size_t(size - 1)));
+    std::memcpy(text, got.c_str(), got.size() + 1);
     const std::string line = trim(got);
     const size_t end = line.find(']');
     if (line.size() > 1 && line[0] == '[' && end != std::string::npos)
         begin_section(parser, trim(line.substr(1, end - 1)));
-    return got;
+    return text;
+}
+
+// A configuration is a small regular file. A directory, a device that
+// never ends (/dev/zero, /dev/urandom) or a FIFO that blocks would stop
+// the program before its main(); they are refused before reading.
+FILE *open_config(const std::string &path, std::string *problem)
+{
+    int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) {
+        *problem = std::string("cannot open: ") + strerror(errno);
+        return nullptr;
+    }
+    struct stat st;
+    if (fstat(fd, &st) < 0)
+        *problem = std::string("cannot read: ") + strerror(errno);
+    else if (S_ISDIR(st.st_mode))
+        *problem = "is a directory, not a configuration file";
+    else if (!S_ISREG(st.st_mode))
+        *problem = "is not a regular file";
+    else if (st.st_size > kMaxFileSize)
+        *problem = "is larger than " + std::to_string(kMaxFileSize / 1024) + " KiB";
+    FILE *file = problem->empty() ? fdopen(fd, "r") : nullptr;
+    if (!file) {
+        if (problem->empty())
+            *problem = std::string("cannot read: ") + strerror(errno);
+        close(fd);
+    }
+    return file;
 }
 
 // ----------------------------------------------------------------- keys
@@ -409,10 +455,11 @@ void apply(const Plan &plan)
 bool load_config(const std::string &path, std::string *error)
 {
     Parser parser;
-    parser.file = fopen(path.c_str(), "re");
+    std::string problem;
+    parser.file = open_config(path, &problem);
     if (!parser.file) {
         if (error)
-            *error = path + ": cannot open: " + strerror(errno);
+            *error = path + ": " + problem;
         return false;
     }
     const int result = ini_parse_stream(read_line, &parser, on_key, &parser);

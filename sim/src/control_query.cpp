@@ -112,6 +112,9 @@ bool handle_control_query(uint32_t request, void *arg, int *error, LogNote *note
         fill_ext(*control, static_cast<v4l2_query_ext_ctrl *>(arg));
     else
         fill_legacy(*control, static_cast<v4l2_queryctrl *>(arg));
+    // A control asked for by its private-base number keeps that number.
+    if (requested >= V4L2_CID_PRIVATE_BASE && !(requested & kNextFlags))
+        memcpy(arg, &requested, sizeof requested);
     note->detail += " -> " + hex_id(control->id);
     *error = 0;
     return true;

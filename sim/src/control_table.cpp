@@ -53,6 +53,24 @@ const ControlDef kControls[kControlCount] = {
 
 const ControlDef *find_control(uint32_t id, size_t *slot)
 {
+    // Old clients reach the driver's private integer controls of the user
+    // class as V4L2_CID_PRIVATE_BASE + n, as the kernel's control framework
+    // maps them.
+    if (id >= V4L2_CID_PRIVATE_BASE) {
+        uint32_t wanted = id - V4L2_CID_PRIVATE_BASE;
+        for (size_t i = 0; i < kControlCount; ++i) {
+            const ControlDef &control = kControls[i];
+            if (control_class_of(control.id) != V4L2_CTRL_CLASS_USER || (control.id & 0xffff) < 0x1000 ||
+                !has_int_value(control))
+                continue;
+            if (wanted-- == 0) {
+                if (slot)
+                    *slot = i;
+                return &control;
+            }
+        }
+        return nullptr;
+    }
     for (size_t i = 0; i < kControlCount; ++i) {
         if (kControls[i].id == id) {
             if (slot)

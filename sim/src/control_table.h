@@ -13,19 +13,20 @@
 #include <cstdint>
 #include <string>
 
+#include "driver/isp_requests.h"
 #include "sim_internal.h"
 
 namespace zsim::detail {
 
 // The ISP driver's private ids, in the user class.
-constexpr uint32_t kCidManualWhiteBalance = 0x00981991; // ISP_CID_MWB
-constexpr uint32_t kCidManualExposure = 0x00981992;     // ISP_CID_MEC
-constexpr uint32_t kCidLumaDenoise = 0x00981993;        // ISP_CID_YDNS
-constexpr uint32_t kCidChromaDenoise = 0x00981994;      // ISP_CID_UVDNS
+constexpr uint32_t kCidManualWhiteBalance = zelisp::ISP_CID_MWB;
+constexpr uint32_t kCidManualExposure = zelisp::ISP_CID_MEC;
+constexpr uint32_t kCidLumaDenoise = zelisp::ISP_CID_YDNS;
+constexpr uint32_t kCidChromaDenoise = zelisp::ISP_CID_UVDNS;
 // The firmware's manual white-balance / exposure block.
 constexpr size_t kManualPayloadSize = 36;
 // VIDIOC_ISP_GET_ABNORMAL_INFO: _IOR('V', BASE_VIDIOC_PRIVATE + 12, 14 bytes).
-constexpr uint32_t kGetAbnormalInfo = 0x800E56CC;
+constexpr uint32_t kGetAbnormalInfo = uint32_t(zelisp::VIDIOC_ISP_GET_ABNORMAL_INFO);
 constexpr size_t kAbnormalInfoSize = 14;
 
 struct ControlDef {

@@ -172,7 +172,10 @@ int ext_controls(ExtKind kind, CameraControls *camera, v4l2_ext_controls *reques
         int err = check_ext(kind, which, &request->controls[i]);
         if (err) {
             // A set that fails its checks changed nothing: error_idx = count.
-            request->error_idx = kind == ExtKind::Set ? request->count : i;
+            // So does a read of a write-only control: the framework finds
+            // it only after it has validated the whole request.
+            bool whole = kind == ExtKind::Set || (kind == ExtKind::Get && err == EACCES);
+            request->error_idx = whole ? request->count : i;
             return err;
         }
     }
@@ -254,6 +257,9 @@ bool handle_control_request(int camera, uint32_t request, void *arg, int *error,
     *error = controls ? value_request(controls, request, arg, note) : ENODEV;
     return true;
 }
+
+void lock_controls_for_fork() { g_lock.lock(); }
+void unlock_controls_after_fork() { g_lock.unlock(); }
 
 void reset_controls()
 {

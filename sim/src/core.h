@@ -24,6 +24,8 @@
 
 #include <sys/types.h>
 
+#include <linux/videodev2.h>
+
 #include "sim_internal.h"
 
 namespace zsim::detail {
@@ -48,6 +50,8 @@ struct Plane {
 };
 
 enum class BufferState { User, Queued, Filled };
+
+struct OpenFile;
 
 struct Buffer {
     std::vector<Plane> planes;
@@ -77,6 +81,9 @@ struct Node {
     bool on_shared_clock = false;
     std::deque<ScriptedFrame> script;
     Counters counters{0, 0, 0};
+    // The open file that allocated the buffers: only it may use the queue
+    // (queue_ownership.cpp), as with the kernel's buffer framework.
+    std::weak_ptr<OpenFile> queue_owner;
 };
 
 struct Camera {
@@ -92,11 +99,25 @@ struct OpenFile {
     int flags = 0;        // O_ACCMODE | O_NONBLOCK as the program set them
     std::string path;
     bool plain = false;   // a node that looks like a file or directory
+    // What the kernel's V4L2 core keeps per open file: its access priority
+    // (V4L2_PRIORITY_DEFAULT) and its event subscriptions and queue.
+    uint32_t priority = 2;
+    std::vector<v4l2_event_subscription> subscriptions;
+    std::deque<v4l2_event> events;
+    uint32_t event_sequence = 0;
 };
 
 struct Mapping {
     size_t length = 0;
     std::string path;
+};
+
+// One request as recorded: the name and the detail of frequent requests
+// are formatted only when the log is read.
+struct LoggedRequest {
+    LogEntry entry;
+    const char *format = nullptr;
+    uint32_t values[3] = {0, 0, 0};
 };
 
 struct Fault {
@@ -117,7 +138,8 @@ struct State {
     Camera cameras[kCameras];
     std::map<int, std::shared_ptr<OpenFile>> descriptors;
     std::map<uintptr_t, Mapping> mappings;
-    std::deque<LogEntry> log;
+    std::deque<LoggedRequest> log;
+    size_t log_limit = 0; // entries kept; 0: nothing is recorded
     std::vector<Fault> faults;
     std::thread hardware;
     pid_t hardware_pid = 0;
@@ -157,7 +179,12 @@ void reset_nodes(State &s);
 
 // ---- request_log.cpp
 std::string request_name(uint32_t request);
-void append_log(State &s, LogEntry entry);
+bool logging(const State &s); // false: skip building entries
+void append_log(State &s, LogEntry entry, const LogNote *note = nullptr);
+constexpr size_t kTestLogLimit = 4096; // what reset() sets: tests read short logs
+// The end of every simulated call: logs the entry with the errno answered,
+// then returns result, or -1 with errno set.
+int finish_request(State &s, LogEntry entry, int err, int result, const LogNote *note = nullptr);
 // Consumes one occurrence of request on path; returns the errno to inject
 // (0: none).
 int take_fault(State &s, uint32_t request, const std::string &path);
@@ -207,7 +234,7 @@ void release_queue(State &s, int node); // the last descriptor of the node close
 
 // ---- hardware_thread.cpp
 uint64_t monotonic_ns();
-void ensure_hardware_thread(State &s);
+int ensure_hardware_thread(State &s); // 0, or ENOMEM when the thread cannot start
 
 } // namespace zsim::detail
 

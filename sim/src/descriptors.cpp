@@ -31,6 +31,8 @@ int open_error(const State &s, int node, int flags)
         return EEXIST;
     if (n.kind == NodeKind::Directory && (flags & O_ACCMODE) != O_RDONLY)
         return EISDIR;
+    if (n.kind != NodeKind::Directory && (flags & O_DIRECTORY))
+        return ENOTDIR;
     if (n.open_errno)
         return n.open_errno;
     int camera = camera_of_node(node);
@@ -111,13 +113,7 @@ int sim_open(int, const char *path, int flags, mode_t)
         track_descriptor(s, fd, std::move(file));
         entry.detail += " fd=" + std::to_string(fd);
     }
-    entry.error = err;
-    append_log(s, std::move(entry));
-    if (err) {
-        errno = err;
-        return -1;
-    }
-    return fd;
+    return finish_request(s, std::move(entry), err, fd);
 }
 
 int sim_close(int fd)
@@ -136,12 +132,7 @@ int sim_close(int fd)
         err = errno;
     if (!err && file->node >= 0)
         err = s.nodes[file->node].close_errno;
-    append_log(s, LogEntry{file->path, kClose, "close", "fd=" + std::to_string(fd), {}, err});
-    if (err) {
-        errno = err;
-        return -1;
-    }
-    return 0;
+    return finish_request(s, LogEntry{file->path, kClose, "close", "fd=" + std::to_string(fd), {}, 0}, err, 0);
 }
 
 int sim_dup(int oldfd, int newfd, int flags, int how)

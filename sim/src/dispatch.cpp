@@ -11,6 +11,7 @@
 #include <linux/ioctl.h>
 #include <sys/ioctl.h>
 
+#include "client_requests.h"
 #include "core.h"
 
 namespace zsim::detail {
@@ -37,8 +38,9 @@ int set_nonblocking(OpenFile &file, const void *arg, LogNote *note)
 }
 
 // The driver's answer; called with the lock held, returns with it held.
-int answer(CoreLock &held, OpenFile &file, uint32_t request, void *arg, LogNote *note)
+int answer(CoreLock &held, const std::shared_ptr<OpenFile> &shared, uint32_t request, void *arg, LogNote *note)
 {
+    OpenFile &file = *shared;
     if (request == FIONBIO && file.node >= 0)
         return set_nonblocking(file, arg, note);
     // An exported buffer or a node that is a plain file has no driver.
@@ -51,11 +53,27 @@ int answer(CoreLock &held, OpenFile &file, uint32_t request, void *arg, LogNote 
         held.lock();
         return known ? err : ENOTTY;
     }
-    if (handle_video_request(held, file.node, file, request, arg, &err, note))
+    State &s = state();
+    if (int busy = check_priority(s, file.node, file, request))
+        return busy;
+    if (int busy = check_queue_owner(s, file.node, shared, request, arg))
+        return busy;
+    if (handle_client_request(s, file.node, file, request, arg, &err, note))
         return err;
+    if (handle_video_request(held, file.node, file, request, arg, &err, note)) {
+        if (!err)
+            note_queue_owner(s, file.node, shared, request, arg);
+        return err;
+    }
+    int camera = camera_of_node(file.node);
+    // Control events report changes of value, so the values are read
+    // before the request as well as after it.
+    std::vector<ControlSnapshot> before = control_snapshot(camera, request, arg);
     held.unlock();
-    bool known = handle_control_request(camera_of_node(file.node), request, arg, &err, note);
+    bool known = handle_control_request(camera, request, arg, &err, note);
     held.lock();
+    if (known && !err && !before.empty())
+        notify_control_changes(s, camera, file, before);
     return known ? err : ENOTTY;
 }
 
@@ -76,21 +94,16 @@ int dispatch_ioctl(int fd, uint32_t request, void *arg, bool *handled)
     if (!file)
         return 0;
     *handled = true;
-    LogEntry entry{file->path, request, request_name(request), "", raw_record(request, arg), 0};
+    // The record as the program sent it, before the driver writes its answer.
+    LogEntry entry{file->path, request, "", "", logging(s) ? raw_record(request, arg) : std::vector<uint8_t>(), 0};
     LogNote note;
     int err = take_fault(s, request, file->path);
     if (!err)
-        err = answer(held, *file, request, arg, &note);
+        err = answer(held, file, request, arg, &note);
     entry.detail = std::move(note.detail);
     if (note.raw_set)
         entry.raw = std::move(note.raw);
-    entry.error = err;
-    append_log(s, std::move(entry));
-    if (err) {
-        errno = err;
-        return -1;
-    }
-    return 0;
+    return finish_request(s, std::move(entry), err, 0, &note);
 }
 
 } // namespace zsim::detail

@@ -9,7 +9,9 @@
  * intervals. With a MIPI trigger mode set all cameras end their periods on
  * one shared grid, so cameras of equal rate carry identical timestamps.
  */
+#include <cerrno>
 #include <cstdint>
+#include <exception>
 #include <ctime>
 
 #include <unistd.h>
@@ -58,8 +60,8 @@ void run()
 {
     State &s = state();
     for (;;) {
-        // The platform node keeps the trigger mode under its own lock,
-        // which is never taken inside ours.
+        // The platform node keeps the trigger mode in an atomic word, so
+        // it is read without any lock.
         bool shared_clock = trigger_mode() != TriggerMode::None;
         CoreLock held;
         if (s.stopping)
@@ -82,16 +84,22 @@ uint64_t monotonic_ns()
     return uint64_t(now.tv_sec) * 1000000000u + uint64_t(now.tv_nsec);
 }
 
-void ensure_hardware_thread(State &s)
+int ensure_hardware_thread(State &s)
 {
     if (s.stopping)
-        return;
+        return 0;
     if (s.hardware.joinable() && s.hardware_pid == getpid())
-        return;
-    if (s.hardware.joinable())
-        new std::thread(std::move(s.hardware)); // inherited from a parent process: no such thread here
-    s.hardware = std::thread(run);
+        return 0;
+    // A driver out of memory fails the request; it does not end the program.
+    try {
+        if (s.hardware.joinable())
+            new std::thread(std::move(s.hardware)); // inherited from a parent process: no such thread here
+        s.hardware = std::thread(run);
+    } catch (const std::exception &) {
+        return ENOMEM;
+    }
     s.hardware_pid = getpid();
+    return 0;
 }
 
 } // namespace zsim::detail

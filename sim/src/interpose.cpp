@@ -30,24 +30,48 @@ namespace real = zsim::real;
 
 namespace {
 
+// The mode argument exists only with O_CREAT or O_TMPFILE; O_TMPFILE
+// includes O_DIRECTORY's bit, so it is tested whole.
 mode_t mode_argument(int flags, va_list args)
 {
-    if (flags & (O_CREAT | O_TMPFILE))
+    if ((flags & O_CREAT) || (flags & O_TMPFILE) == O_TMPFILE)
         return mode_t(va_arg(args, int));
     return 0;
 }
 
+// glibc declares some pointer arguments never null, which lets the
+// compiler drop a check of them; a program may pass null all the same.
+template <typename T>
+T *unchecked(T *pointer)
+{
+    asm volatile("" : "+r"(pointer));
+    return pointer;
+}
+
+// No exception may leave an interposed call: the program is C, or C++ that
+// expects errno. A failure inside the simulator (memory) answers ENOMEM.
+template <typename Result, typename Call>
+Result guarded(Result failure, Call call) noexcept
+{
+    try {
+        return call();
+    } catch (...) {
+        errno = ENOMEM;
+        return failure;
+    }
+}
+
 int open_path(int dirfd, const char *path, int flags, mode_t mode)
 {
-    if (!inside_core() && node_of_path(path) >= 0)
-        return sim_open(dirfd, path, flags, mode);
+    if (!inside_core() && path && node_of_path(path) >= 0)
+        return guarded(-1, [&] { return sim_open(dirfd, path, flags, mode); });
     return real::openat(dirfd, path, flags, mode);
 }
 
 // stat and lstat alike: a simulated node is never a symbolic link.
 int stat_path(int dirfd, const char *path, struct stat *st, int flags)
 {
-    if (!inside_core() && path) {
+    if (!inside_core() && path && st) {
         if (path[0] == '\0' && (flags & AT_EMPTY_PATH) && sim_fstat(dirfd, st))
             return 0;
         int err = 0;
@@ -94,7 +118,7 @@ void fill_statx(const struct stat &st, struct statx *out)
 int dup_descriptor(int oldfd, int newfd, int flags, int how)
 {
     if (!inside_core())
-        return sim_dup(oldfd, newfd, flags, how);
+        return guarded(-1, [&] { return sim_dup(oldfd, newfd, flags, how); });
     if (how == kDupAny)
         return real::dup(oldfd);
     return real::dup3(oldfd, newfd, flags);
@@ -104,7 +128,7 @@ int fcntl_descriptor(int fd, int cmd, unsigned long arg)
 {
     bool handled = false;
     if (!inside_core()) {
-        int result = sim_fcntl(fd, cmd, arg, &handled);
+        int result = guarded(-1, [&] { return sim_fcntl(fd, cmd, arg, &handled); });
         if (handled)
             return result;
     }
@@ -115,7 +139,7 @@ void *map_descriptor(void *addr, size_t length, int prot, int flags, int fd, off
 {
     if (fd >= 0 && !(flags & MAP_ANONYMOUS) && !inside_core()) {
         bool handled = false;
-        void *result = sim_mmap(addr, length, prot, flags, fd, offset, &handled);
+        void *result = guarded(MAP_FAILED, [&] { return sim_mmap(addr, length, prot, flags, fd, offset, &handled); });
         if (handled)
             return result;
     }
@@ -186,7 +210,7 @@ int __openat64_2(int dirfd, const char *path, int flags)
 int close(int fd)
 {
     if (!inside_core()) {
-        int result = sim_close(fd);
+        int result = guarded(-1, [&] { return sim_close(fd); });
         if (result != 1)
             return result;
     }
@@ -220,13 +244,17 @@ int fstatat64(int dirfd, const char *path, struct stat64 *st, int flags) noexcep
     return stat_path(dirfd, path, reinterpret_cast<struct stat *>(st), flags);
 }
 
-int statx(int dirfd, const char *path, int flags, unsigned int mask, struct statx *out) noexcept
+int statx(int dirfd, const char *given_path, int flags, unsigned int mask, struct statx *given_out) noexcept
 {
-    if (!inside_core()) {
+    const char *path = unchecked(given_path);
+    struct statx *out = unchecked(given_out);
+    // A null path is the kernel's to refuse (EFAULT), or with AT_EMPTY_PATH
+    // (Linux 6.11 and later) names dirfd itself.
+    if (!inside_core() && out && (path || (flags & AT_EMPTY_PATH))) {
         struct stat st;
         int err = 0;
         bool simulated = false;
-        if (path[0] == '\0' && (flags & AT_EMPTY_PATH))
+        if ((!path || path[0] == '\0') && (flags & AT_EMPTY_PATH))
             simulated = sim_fstat(dirfd, &st);
         else if (node_of_path(path) >= 0)
             simulated = sim_stat(path, &st, &err);
@@ -239,7 +267,7 @@ int statx(int dirfd, const char *path, int flags, unsigned int mask, struct stat
             return 0;
         }
     }
-    return real::statx(dirfd, path, flags, mask, out);
+    return real::statx(dirfd, given_path, flags, mask, given_out);
 }
 
 // glibc before 2.33 compiled stat() into calls of these, with a structure
@@ -294,7 +322,7 @@ int ioctl(int fd, unsigned long request, ...) noexcept
     uint32_t number = uint32_t(request);
     if (!inside_core()) {
         bool handled = false;
-        int result = dispatch_ioctl(fd, number, arg, &handled);
+        int result = guarded(-1, [&] { return dispatch_ioctl(fd, number, arg, &handled); });
         if (handled)
             return result;
     }
@@ -315,7 +343,7 @@ int munmap(void *addr, size_t length) noexcept
 {
     if (!inside_core()) {
         bool handled = false;
-        int result = sim_munmap(addr, length, &handled);
+        int result = guarded(-1, [&] { return sim_munmap(addr, length, &handled); });
         if (handled)
             return result;
     }
@@ -356,7 +384,7 @@ FILE *fopen(const char *path, const char *mode)
 {
     if (!inside_core()) {
         bool handled = false;
-        FILE *file = sim_fopen(path, mode, &handled);
+        FILE *file = guarded<FILE *>(nullptr, [&] { return sim_fopen(path, mode, &handled); });
         if (handled)
             return file;
     }

@@ -6,15 +6,16 @@
 #include <cerrno>
 #include <cstring>
 
+#include "driver/isp_requests.h"
 #include "sim_internal.h"
 
 namespace zsim::detail {
 
 namespace {
 
-constexpr uint32_t kGetValidCameraInfo = 0x80047941;   // GET_VAILED_CAMERA_INFO, _IOR('y', 0x41, 4)
-constexpr uint32_t kSetI2cCtrl = 0x40047944;           // IOC_SET_I2C_CTRL, _IOW('y', 0x44, 4)
-constexpr uint32_t kSetMipiTriggerMode = 0x80047943;   // IOC_SET_MIPI_TRIGGER_MODE, _IOR('y', 0x43, 4)
+constexpr uint32_t kGetValidCameraInfo = uint32_t(zelisp::GET_VAILED_CAMERA_INFO);
+constexpr uint32_t kSetI2cCtrl = uint32_t(zelisp::IOC_SET_I2C_CTRL);
+constexpr uint32_t kSetMipiTriggerMode = uint32_t(zelisp::IOC_SET_MIPI_TRIGGER_MODE);
 
 constexpr int kSlots = 12;
 constexpr size_t kRecordSize = 40;

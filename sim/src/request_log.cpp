@@ -3,18 +3,17 @@
  * received, and the faults a test plants in front of them.
  */
 #include <cerrno>
+#include <algorithm>
 #include <cstdio>
+#include <iterator>
 
 #include <linux/videodev2.h>
 
 #include "core.h"
+#include "driver/isp_requests.h"
 
 namespace zsim::detail {
 namespace {
-
-// The log keeps the most recent requests; a benchmark streaming for
-// minutes must not grow it without bound.
-constexpr size_t kLogLimit = 200000;
 
 struct RequestName {
     uint32_t request;
@@ -96,11 +95,11 @@ const RequestName kNames[] = {
     NAMED(VIDIOC_ENUM_FREQ_BANDS),
     NAMED(VIDIOC_DBG_G_CHIP_INFO),
     NAMED(VIDIOC_QUERY_EXT_CTRL),
-    {0x401656cf, "VIDIOC_ISP_SET_RESIZE"},
-    {0x800e56cc, "VIDIOC_ISP_GET_ABNORMAL_INFO"},
-    {0x80047941, "GET_VAILED_CAMERA_INFO"},
-    {0x40047944, "IOC_SET_I2C_CTRL"},
-    {0x80047943, "IOC_SET_MIPI_TRIGGER_MODE"},
+    {uint32_t(zelisp::VIDIOC_ISP_SET_RESIZE), "VIDIOC_ISP_SET_RESIZE"},
+    {uint32_t(zelisp::VIDIOC_ISP_GET_ABNORMAL_INFO), "VIDIOC_ISP_GET_ABNORMAL_INFO"},
+    {uint32_t(zelisp::GET_VAILED_CAMERA_INFO), "GET_VAILED_CAMERA_INFO"},
+    {uint32_t(zelisp::IOC_SET_I2C_CTRL), "IOC_SET_I2C_CTRL"},
+    {uint32_t(zelisp::IOC_SET_MIPI_TRIGGER_MODE), "IOC_SET_MIPI_TRIGGER_MODE"},
     {0x5421, "FIONBIO"},
     {kOpen, "open"},
     {kClose, "close"},
@@ -123,12 +122,51 @@ std::string request_name(uint32_t request)
     return text;
 }
 
-void append_log(State &s, LogEntry entry)
+bool logging(const State &s) { return s.log_limit > 0; }
+
+// Recording costs a copy of the record; names and the details of the
+// requests of every frame are formatted when a test reads the log.
+void append_log(State &s, LogEntry entry, const LogNote *note)
 {
-    if (s.log.size() >= kLogLimit)
+    if (!logging(s))
+        return;
+    while (s.log.size() >= s.log_limit)
         s.log.pop_front();
-    s.log.push_back(std::move(entry));
+    LoggedRequest logged{std::move(entry), nullptr, {0, 0, 0}};
+    if (note && note->format) {
+        logged.format = note->format;
+        std::copy(std::begin(note->values), std::end(note->values), logged.values);
+    }
+    s.log.push_back(std::move(logged));
 }
+
+int finish_request(State &s, LogEntry entry, int err, int result, const LogNote *note)
+{
+    entry.error = err;
+    append_log(s, std::move(entry), note);
+    if (err) {
+        errno = err;
+        return -1;
+    }
+    return result;
+}
+
+namespace {
+
+LogEntry readable(const LoggedRequest &logged)
+{
+    LogEntry entry = logged.entry;
+    if (entry.name.empty())
+        entry.name = request_name(entry.request);
+    if (logged.format) {
+        char text[96];
+        std::snprintf(text, sizeof text, logged.format, logged.values[0], logged.values[1], logged.values[2]);
+        entry.detail = text;
+    }
+    return entry;
+}
+
+} // namespace
 
 int take_fault(State &s, uint32_t request, const std::string &path)
 {
@@ -172,8 +210,19 @@ using namespace detail;
 std::vector<LogEntry> request_log()
 {
     CoreLock held;
-    const State &s = state();
-    return std::vector<LogEntry>(s.log.begin(), s.log.end());
+    std::vector<LogEntry> entries;
+    for (const LoggedRequest &logged : state().log)
+        entries.push_back(readable(logged));
+    return entries;
+}
+
+void set_log_limit(size_t entries)
+{
+    CoreLock held;
+    State &s = state();
+    s.log_limit = entries;
+    while (s.log.size() > entries)
+        s.log.pop_front();
 }
 
 void clear_log()
@@ -186,9 +235,9 @@ std::vector<LogEntry> requests(uint32_t request)
 {
     CoreLock held;
     std::vector<LogEntry> found;
-    for (const LogEntry &entry : state().log)
-        if (entry.request == request)
-            found.push_back(entry);
+    for (const LoggedRequest &logged : state().log)
+        if (logged.entry.request == request)
+            found.push_back(readable(logged));
     return found;
 }
 

@@ -25,6 +25,10 @@ struct LogNote {
     std::string detail;       // decoded fields, "id=0x00980900 value=128"
     std::vector<uint8_t> raw; // the record as the program sent it, when the
     bool raw_set = false;     // encoded size is not the real one
+    // Requests of every frame leave their detail unformatted until the log
+    // is read: a printf format of up to three unsigned numbers.
+    const char *format = nullptr;
+    uint32_t values[3] = {0, 0, 0};
 };
 
 // ---- controls.cpp: the controls of camera `camera` (0..11), reached from
@@ -35,6 +39,9 @@ struct LogNote {
 // them; otherwise true with *error = 0 or the errno to answer with.
 bool handle_control_request(int camera, uint32_t request, void *arg, int *error, LogNote *note);
 void reset_controls();
+// The fork handler holds the controls' lock across fork(), after the core's.
+void lock_controls_for_fork();
+void unlock_controls_after_fork();
 
 // ---- misc_device.cpp: requests on /dev/isp_misc. Returns false for a
 // request the platform driver does not know (the core answers ENOTTY).

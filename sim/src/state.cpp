@@ -6,6 +6,7 @@
  */
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include <dlfcn.h>
 #include <pthread.h>
@@ -28,6 +29,7 @@ void apply_defaults(State &s)
     }
     reset_nodes(s);
     s.log.clear();
+    s.log_limit = kTestLogLimit;
     s.faults.clear();
 }
 
@@ -36,10 +38,26 @@ State &state()
     static State *const instance = [] {
         State *s = new State();
         apply_defaults(*s);
-        // A child forked while another thread held the lock would find it
-        // held forever.
-        pthread_atfork([] { state().lock.lock(); }, [] { state().lock.unlock(); },
-                       [] { state().lock.unlock(); });
+        // Outside tests nothing reads the log, so it records nothing unless
+        // ZELISP_SIM_LOG names a number of entries to keep.
+        const char *keep = std::getenv("ZELISP_SIM_LOG");
+        s->log_limit = keep ? size_t(std::strtoul(keep, nullptr, 10)) : 0;
+        // A child forked while another thread held a lock would find it
+        // held forever. The controls' lock is taken inside ours, so in that
+        // order.
+        pthread_atfork(
+            [] {
+                state().lock.lock();
+                lock_controls_for_fork();
+            },
+            [] {
+                unlock_controls_after_fork();
+                state().lock.unlock();
+            },
+            [] {
+                unlock_controls_after_fork();
+                state().lock.unlock();
+            });
         return s;
     }();
     return *instance;
@@ -78,15 +96,25 @@ bool camera_present(int camera)
 namespace {
 
 // A program run through LD_PRELOAD is configured by the file named in
-// ZELISP_SIM_CONFIG before its main() starts.
+// ZELISP_SIM_CONFIG before its main() starts. A board described wrongly
+// would run a test against the wrong board, so an error stops the program
+// before main() with status 2, unless ZELISP_SIM_CONFIG_ERRORS=warn asks
+// to run on the defaults instead. The error already names the file.
 __attribute__((constructor)) void load_environment_config()
 {
     const char *path = std::getenv("ZELISP_SIM_CONFIG");
     if (!path || !*path)
         return;
     std::string error;
-    if (!load_config(path, &error))
-        std::fprintf(stderr, "zelisp-sim: %s: %s\n", path, error.c_str());
+    if (load_config(path, &error))
+        return;
+    std::fprintf(stderr, "%s\n", error.c_str());
+    const char *policy = std::getenv("ZELISP_SIM_CONFIG_ERRORS");
+    if (!policy || std::strcmp(policy, "warn") != 0)
+        _exit(2);
+    // The program's own children run on the defaults too, without the
+    // same warning again.
+    unsetenv("ZELISP_SIM_CONFIG");
 }
 
 // The hardware thread must not outlive the library it runs in.

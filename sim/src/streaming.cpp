@@ -48,7 +48,7 @@ void report_dequeued(const Node &n, int index, v4l2_buffer *buf)
     buf->length = uint32_t(reported);
     buf->memory = V4L2_MEMORY_MMAP;
     buf->bytesused = 0;
-    buf->flags = V4L2_BUF_FLAG_DONE | V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC | V4L2_BUF_FLAG_TSTAMP_SRC_EOF;
+    buf->flags = V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC | V4L2_BUF_FLAG_TSTAMP_SRC_EOF; // dequeued: no longer DONE
     buf->field = V4L2_FIELD_NONE;
     buf->timestamp.tv_sec = time_t(buffer.timestamp_ns / 1000000000u);
     buf->timestamp.tv_usec = suseconds_t(buffer.timestamp_ns % 1000000000u / 1000u);
@@ -93,7 +93,6 @@ void start_stream(State &s, int node, uint64_t now_ns, bool shared_clock)
         n.next_due_ns = (n.next_due_ns + n.period_ns - 1) / n.period_ns * n.period_ns;
     n.on_shared_clock = shared_clock;
     deliver_scripted(n);
-    ensure_hardware_thread(s);
     s.wake.notify_all();
 }
 
@@ -150,7 +149,8 @@ void release_queue(State &s, int node)
 int queue_buffer(State &s, int node, v4l2_buffer *buf, LogNote *note)
 {
     Node &n = s.nodes[node];
-    note->detail = "index=" + std::to_string(buf->index);
+    note->format = "index=%u";
+    note->values[0] = buf->index;
     if (buf->type != V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE || buf->memory != V4L2_MEMORY_MMAP ||
         buf->index >= n.buffers.size())
         return EINVAL;
@@ -196,7 +196,9 @@ int dequeue_buffer(CoreLock &held, int node, const OpenFile &file, v4l2_buffer *
     buffer.state = BufferState::User;
     ++n.counters.delivered;
     report_dequeued(n, index, buf);
-    note->detail = "index=" + std::to_string(buf->index) + " sequence=" + std::to_string(buf->sequence);
+    note->format = "index=%u sequence=%u";
+    note->values[0] = buf->index;
+    note->values[1] = buf->sequence;
     return 0;
 }
 
@@ -206,6 +208,8 @@ int stream_on(State &s, int node, const int *type, LogNote *note)
     Node &n = s.nodes[node];
     if (!capture_type(type) || n.buffers.empty())
         return EINVAL;
+    if (int err = n.streaming ? 0 : ensure_hardware_thread(s))
+        return err;
     if (!n.streaming)
         start_stream(s, node, monotonic_ns(), trigger_mode() != TriggerMode::None);
     return 0;

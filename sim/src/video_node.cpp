@@ -17,13 +17,15 @@
 
 #include <linux/videodev2.h>
 
+#include "client_requests.h"
 #include "core.h"
+#include "driver/isp_requests.h"
 #include "video_requests.h"
 
 namespace zsim::detail {
 namespace {
 
-constexpr uint32_t VIDIOC_ISP_SET_RESIZE = 0x401656cf;
+constexpr uint32_t VIDIOC_ISP_SET_RESIZE = uint32_t(zelisp::VIDIOC_ISP_SET_RESIZE);
 
 struct FormatInfo {
     uint32_t fourcc;
@@ -66,26 +68,12 @@ int query_capability(int node, v4l2_capability *cap)
                   node >= kCameras ? " view 0" : "");
     std::snprintf(reinterpret_cast<char *>(cap->bus_info), sizeof cap->bus_info, "platform:zelisp-isp.%d", node);
     cap->version = 0x050a00; // the board's kernel, 5.10
-    cap->device_caps = V4L2_CAP_VIDEO_CAPTURE_MPLANE | V4L2_CAP_STREAMING;
+    cap->device_caps = V4L2_CAP_VIDEO_CAPTURE_MPLANE | V4L2_CAP_STREAMING | V4L2_CAP_EXT_PIX_FORMAT;
     cap->capabilities = cap->device_caps | V4L2_CAP_DEVICE_CAPS;
     return 0;
 }
 
-int enum_format(v4l2_fmtdesc *desc, LogNote *note)
-{
-    note->detail = "index=" + std::to_string(desc->index);
-    if (desc->type != V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE || desc->index >= sizeof kFormats / sizeof kFormats[0])
-        return EINVAL;
-    const FormatInfo &format = kFormats[desc->index];
-    uint32_t index = desc->index;
-    std::memset(desc, 0, sizeof *desc);
-    desc->index = index;
-    desc->type = V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE;
-    desc->pixelformat = format.fourcc;
-    std::snprintf(reinterpret_cast<char *>(desc->description), sizeof desc->description, "%s",
-                  format.description);
-    return 0;
-}
+} // namespace
 
 // The whole format record as G_FMT (and S_FMT's reply) reports it: the
 // standard fields describe the planes of the current combination, the
@@ -101,13 +89,12 @@ void fill_format(const State &s, int node, v4l2_format *f)
     mp.height = first.height;
     mp.pixelformat = first.fourcc;
     mp.field = V4L2_FIELD_NONE;
-    mp.colorspace = first.fourcc == kRGB24 ? V4L2_COLORSPACE_SRGB : V4L2_COLORSPACE_REC709;
+    describe_colorimetry(first.fourcc, &mp);
     mp.num_planes = uint8_t(views.size());
     for (size_t j = 0; j < views.size(); ++j) {
         const ViewFormat &view = cam.config.views[views[j]];
-        const FormatInfo *info = find_format(view.fourcc);
         mp.plane_fmt[j].sizeimage = uint32_t(image_size(view));
-        mp.plane_fmt[j].bytesperline = view.width * (info ? info->bytes_per_pixel_line : 1);
+        mp.plane_fmt[j].bytesperline = bytes_per_line(view);
     }
     for (int v = 0; v < kMaxPlanes; ++v) {
         const ViewFormat &view = cam.config.views[v];
@@ -117,6 +104,8 @@ void fill_format(const State &s, int node, v4l2_format *f)
         mp.plane_fmt[v].reserved[3] = uint16_t(view.height);
     }
 }
+
+namespace {
 
 int get_format(const State &s, int node, v4l2_format *f, LogNote *note)
 {
@@ -230,7 +219,7 @@ bool handle_video_request(CoreLock &held, int node, const OpenFile &file, uint32
                           int *error, LogNote *note)
 {
     static const uint32_t kOwnRequests[] = {
-        VIDIOC_QUERYCAP, VIDIOC_ENUM_FMT,    VIDIOC_G_FMT,    VIDIOC_S_FMT,  VIDIOC_ENUMINPUT, VIDIOC_G_INPUT,
+        VIDIOC_QUERYCAP, VIDIOC_G_FMT,    VIDIOC_S_FMT,  VIDIOC_ENUMINPUT, VIDIOC_G_INPUT,
         VIDIOC_S_INPUT,  VIDIOC_REQBUFS,     VIDIOC_QUERYBUF, VIDIOC_EXPBUF, VIDIOC_QBUF,      VIDIOC_DQBUF,
         VIDIOC_STREAMON, VIDIOC_STREAMOFF,   VIDIOC_ISP_SET_RESIZE,
     };
@@ -244,9 +233,6 @@ bool handle_video_request(CoreLock &held, int node, const OpenFile &file, uint32
     switch (request) {
     case uint32_t(VIDIOC_QUERYCAP):
         *error = query_capability(node, static_cast<v4l2_capability *>(arg));
-        return true;
-    case uint32_t(VIDIOC_ENUM_FMT):
-        *error = enum_format(static_cast<v4l2_fmtdesc *>(arg), note);
         return true;
     case uint32_t(VIDIOC_G_FMT):
         *error = get_format(s, node, static_cast<v4l2_format *>(arg), note);

@@ -18,6 +18,9 @@ namespace zsim::detail {
 // enabled views of the camera's combination (mode 1) or view 0 (mode 2).
 std::vector<int> views_of_node(const State &s, int node);
 
+// video_node.cpp: the format record G_FMT reports for the node.
+void fill_format(const State &s, int node, v4l2_format *f);
+
 // buffers.cpp
 int request_buffers(State &s, int node, v4l2_requestbuffers *req, LogNote *note);
 int query_buffer(State &s, int node, v4l2_buffer *buf, LogNote *note);

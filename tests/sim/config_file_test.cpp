@@ -137,4 +137,38 @@ TEST_F(ConfigFileTest, ErrorsNameTheLineAndChangeNothing)
     EXPECT_EQ(error, "/nonexistent/zelisp.ini: cannot open: No such file or directory");
 }
 
+TEST_F(ConfigFileTest, HostileFilesAreRefusedQuicklyWithTheRightLine)
+{
+    std::string error;
+    // A long line is one line: the error names it, and the next line is
+    // still counted as the file's line 3.
+    const std::string long_comment = "; " + std::string(197, 'x') + "\n"; // 199 characters
+    EXPECT_TRUE(zsim::load_config(Write("[cameras]\n" + long_comment + "present = 1\n"), &error)) << error;
+    EXPECT_FALSE(zsim::load_config(Write("[cameras]\n;" + long_comment + "[camera 1]\nfps = 0\n"), &error));
+    EXPECT_EQ(error, path_ + ":2: line of 200 characters or more");
+    EXPECT_FALSE(zsim::load_config(Write("[cameras]\npresent = 1\n" + std::string(300, 'y')), &error));
+    EXPECT_EQ(error, path_ + ":3: line of 200 characters or more"); // the last line, without a line end
+
+    // Not regular files: each would hang or spin before main().
+    const std::string fifo = path_ + ".fifo";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    const std::vector<std::pair<std::string, std::string>> files = {
+        {::testing::TempDir(), "is a directory, not a configuration file"},
+        {"/dev/zero", "is not a regular file"},
+        {"/dev/urandom", "is not a regular file"},
+        {fifo, "is not a regular file"},
+    };
+    for (const auto &[file, message] : files) {
+        EXPECT_FALSE(zsim::load_config(file, &error)) << file;
+        EXPECT_EQ(error, file + ": " + message);
+    }
+    unlink(fifo.c_str());
+
+    ASSERT_EQ(truncate(Write("[cameras]\n").c_str(), (1 << 20) + 1), 0);
+    EXPECT_FALSE(zsim::load_config(path_, &error));
+    EXPECT_EQ(error, path_ + ": is larger than 1024 KiB");
+    EXPECT_EQ(zsim::camera_config(1).fps, 30u); // nothing was applied
+    EXPECT_EQ(Kind("/dev/video1"), mode_t(S_IFCHR));
+}
+
 } // namespace

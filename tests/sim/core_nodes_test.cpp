@@ -1,6 +1,7 @@
 // The simulator's device nodes as the C library shows them: what the stat
 // and open families report for each node kind, the descriptors handed out
 // and tracked, and the paths it must leave alone.
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -9,6 +10,8 @@
 
 #include <cerrno>
 #include <cstring>
+#include <algorithm>
+#include <vector>
 #include <string>
 
 #include "sim_fixture.h"
@@ -70,6 +73,44 @@ TEST_F(CoreNodesTest, DefaultNodesAreCharacterDevicesInEveryStatCall)
     ASSERT_GE(fd, 0);
     EXPECT_EQ(Describe(fstat(fd, &st), st), "c 81:1");
     close(fd);
+}
+
+TEST_F(CoreNodesTest, CallsWithoutOptionalArgumentsAreSafe)
+{
+    // O_DIRECTORY passes no mode: the bits of O_TMPFILE alone must not make
+    // the simulator read one. A node is no directory, the real /dev is.
+    EXPECT_EQ(open("/dev/video0", O_RDONLY | O_DIRECTORY), -1);
+    EXPECT_EQ(errno, ENOTDIR);
+    int dir = open("/dev", O_RDONLY | O_DIRECTORY);
+    ASSERT_GE(dir, 0);
+    close(dir);
+
+    // statx with a null path: EFAULT from the kernel, or (newer kernels,
+    // with AT_EMPTY_PATH) the descriptor itself.
+    struct statx sx {};
+    const char *no_path = nullptr;
+    EXPECT_EQ(statx(AT_FDCWD, no_path, 0, STATX_BASIC_STATS, &sx), -1);
+    EXPECT_EQ(errno, EFAULT);
+    int fd = open("/dev/video2", O_RDWR);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(statx(fd, no_path, AT_EMPTY_PATH, STATX_BASIC_STATS, &sx), 0);
+    EXPECT_EQ(sx.stx_rdev_major * 100 + sx.stx_rdev_minor, 8102u);
+    close(fd);
+}
+
+TEST_F(CoreNodesTest, ListingDevShowsTheNodesOnce)
+{
+    zsim::remove_camera(3);
+    std::vector<std::string> names;
+    DIR *dev = opendir("/dev");
+    ASSERT_NE(dev, nullptr);
+    while (struct dirent *entry = readdir(dev))
+        if (std::strncmp(entry->d_name, "video", 5) == 0 || std::strcmp(entry->d_name, "isp_misc") == 0)
+            names.push_back(std::string(entry->d_name) + (entry->d_type == DT_CHR ? " c" : " ?"));
+    closedir(dev);
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ(names, (std::vector<std::string>{"isp_misc c", "video0 c", "video1 c", "video12 c", "video13 c",
+                                               "video14 c", "video2 c"}));
 }
 
 TEST_F(CoreNodesTest, NodeKindsAndCamerasAreConfigurable)

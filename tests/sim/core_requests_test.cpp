@@ -31,7 +31,8 @@ TEST_F(CoreRequestsTest, QuerycapDescribesAMultiPlanarStreamingCaptureDevice)
     ASSERT_GE(node.fd(), 0);
     v4l2_capability cap{};
     ASSERT_EQ(node.Request(VIDIOC_QUERYCAP, &cap), 0);
-    EXPECT_EQ(cap.device_caps, uint32_t(V4L2_CAP_VIDEO_CAPTURE_MPLANE | V4L2_CAP_STREAMING));
+    const uint32_t kDeviceCaps = V4L2_CAP_VIDEO_CAPTURE_MPLANE | V4L2_CAP_STREAMING | V4L2_CAP_EXT_PIX_FORMAT;
+    EXPECT_EQ(cap.device_caps, kDeviceCaps);
     EXPECT_EQ(cap.capabilities, cap.device_caps | V4L2_CAP_DEVICE_CAPS);
     EXPECT_STREQ(reinterpret_cast<char *>(cap.card), "ISP camera 1");
 
@@ -41,7 +42,7 @@ TEST_F(CoreRequestsTest, QuerycapDescribesAMultiPlanarStreamingCaptureDevice)
     ASSERT_NE(widened, static_cast<unsigned long>(VIDIOC_QUERYCAP));
     std::memset(&cap, 0, sizeof cap);
     ASSERT_EQ(ioctl(node.fd(), widened, &cap), 0);
-    EXPECT_EQ(cap.device_caps, uint32_t(V4L2_CAP_VIDEO_CAPTURE_MPLANE | V4L2_CAP_STREAMING));
+    EXPECT_EQ(cap.device_caps, kDeviceCaps);
 
     // What the ISP lacks is answered as by any driver without the feature.
     v4l2_standard standard{};
@@ -75,6 +76,29 @@ TEST_F(CoreRequestsTest, LogKeepsTheRecordAsSentAndItsDecodedFields)
     EXPECT_EQ(log[1].detail, "input=8");
     EXPECT_EQ(log[1].error, EINVAL);
     zsim::clear_log();
+    EXPECT_TRUE(zsim::request_log().empty());
+}
+
+TEST_F(CoreRequestsTest, LogIsBoundedAndCanBeTurnedOff)
+{
+    VideoNode node("/dev/video1");
+    int input = 3;
+    for (int i = 0; i < 4100; ++i)
+        ASSERT_EQ(node.Request(VIDIOC_S_INPUT, &input), 0);
+    EXPECT_EQ(zsim::request_log().size(), 4096u); // the default after reset()
+
+    zsim::set_log_limit(3);
+    EXPECT_EQ(zsim::request_log().size(), 3u); // the latest kept
+    input = 1;
+    ASSERT_EQ(node.Request(VIDIOC_S_INPUT, &input), 0);
+    auto log = zsim::request_log();
+    ASSERT_EQ(log.size(), 3u);
+    EXPECT_EQ(log.back().detail, "input=1");
+    EXPECT_EQ(log.back().name, "VIDIOC_S_INPUT");
+
+    zsim::set_log_limit(0);
+    EXPECT_TRUE(zsim::request_log().empty());
+    ASSERT_EQ(node.Request(VIDIOC_S_INPUT, &input), 0);
     EXPECT_TRUE(zsim::request_log().empty());
 }
 

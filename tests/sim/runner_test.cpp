@@ -73,4 +73,28 @@ TEST_F(RunnerTest, V4l2CtlReportsTheCaptureDeviceAndStreams)
     ASSERT_EQ(Run(runner_ + " -- v4l2-ctl -d /dev/video12 --stream-mmap --stream-count=10"), 0) << output_;
 }
 
+TEST_F(RunnerTest, ConfigurationErrorsStopTheProgramBeforeItStarts)
+{
+    std::string config = ::testing::TempDir() + "runner-bad-" + std::to_string(getpid()) + ".ini";
+    FILE *file = fopen(config.c_str(), "w");
+    ASSERT_NE(file, nullptr);
+    fputs("[cameras]\npresent = 0\n[camera 0]\nfps = 999\n", file);
+    fclose(file);
+    const std::string message = config + ":4: bad value '999' for fps: frames per second, 1 to 240\n";
+    EXPECT_EQ(Run(runner_ + " --config " + config + " -- echo main ran"), 2 << 8) << output_;
+    EXPECT_EQ(output_, message); // once, and the program never started
+
+    // The old behaviour on request: the message, then the program on the
+    // defaults (camera 1 present).
+    EXPECT_EQ(Run(runner_ + " --config " + config + " --config-errors=warn -- sh -c 'echo main ran; ls /dev/video1'"), 0)
+        << output_;
+    EXPECT_EQ(output_, message + "main ran\n/dev/video1\n");
+    unlink(config.c_str());
+
+    EXPECT_EQ(Run(runner_ + " --config /dev/zero -- echo main ran"), 2 << 8) << output_;
+    EXPECT_EQ(output_, "/dev/zero: is not a regular file\n");
+    EXPECT_EQ(Run(runner_ + " --config-errors=maybe -- true"), 2 << 8) << output_;
+}
+
 } // namespace
+

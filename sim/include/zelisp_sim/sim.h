@@ -167,6 +167,11 @@ struct LogEntry {
     std::vector<uint8_t> raw;   /* the argument record as the program sent it */
     int error;                  /* errno the driver answered with; 0 = success */
 };
+/* The log keeps the latest `entries` requests (0: records nothing). It
+ * starts off in a program that never calls this API (one run under
+ * zelisp-sim-run, unless ZELISP_SIM_LOG=N is set); reset() turns it on at
+ * 4096 entries. A test that reads a longer log raises the limit. */
+void set_log_limit(size_t entries);
 std::vector<LogEntry> request_log();
 void clear_log();
 /* Entries of one request number, in order. */

@@ -210,6 +210,15 @@ ZELISP_API int isp_put_frame_buf_by_index(unsigned long handle, int32_t index);
 
 /* ---- Views ---- */
 ZELISP_API int isp_get_view_format(unsigned long handle, uint32_t view, ZELISP_RECORD(_view_format_t) *format);
+/*
+ * Asks the driver for a view's format (fourcc, width, height) before
+ * isp_init_video sizes the buffers from it: states opened and set up only
+ * ("SetViewFormat: bad state %d", -4, while capturing). -15 for handle 0, a
+ * NULL format or a view above 2. A refusal by the driver prints the node
+ * path + " set view format failed" and perror "set format", -11. The driver
+ * may adjust the format; read it back with isp_get_view_format.
+ */
+ZELISP_API int isp_set_view_format(unsigned long handle, uint32_t view, const ZELISP_RECORD(_view_format_t) *format);
 /* Returns the DMA-buf descriptor (owned by the camera) or a negative result. */
 ZELISP_API int isp_get_view_buf_fd(unsigned long handle, uint32_t buffer_index, uint32_t view);
 

@@ -114,6 +114,15 @@ ZELISP_API int isp_get_view_format(unsigned long handle, uint32_t view, zelvideo
     return VideoFromHandle(handle)->GetViewFormat(int32_t(view), format);
 }
 
+ZELISP_API int isp_set_view_format(unsigned long handle, uint32_t view, const zelvideo::_view_format_t *format)
+{
+    // The driver reads the view number from a one-byte field; a larger value
+    // would wrap onto another view, so it is refused here.
+    if (handle == 0 || format == nullptr || view >= uint32_t(zelisp::kMaxViews))
+        return ISP_ERR_INVALID;
+    return VideoFromHandle(handle)->SetViewFormat(int32_t(view), *format);
+}
+
 ZELISP_API int isp_get_view_buf_fd(unsigned long handle, uint32_t buffer_index, uint32_t view)
 {
     if (handle == 0)

@@ -28,10 +28,41 @@ int usage()
     return 2;
 }
 
-// The library next to the build tree while developing, the installed one
-// otherwise.
-const char *simulator_library()
+// What --help prints; also the source of the manual page (help2man).
+int help()
 {
+    std::printf("Usage: zelisp-sim-run [--config FILE] [--config-errors=stop|warn] -- PROGRAM ARGS...\n"
+                "Run PROGRAM on the simulated ISP camera drivers: /dev/video0..23 and /dev/isp_misc are\n"
+                "played in user space by libzelisp-sim.so, put in front of the program's C library.\n"
+                "\n"
+                "Options:\n"
+                "  --config FILE               board set-up: cameras, view formats, frame rates, faults\n"
+                "                              (INI; see simulator.md in the documentation)\n"
+                "  --config-errors=stop|warn   on an error in FILE stop with status 2 (default), or warn\n"
+                "                              and run on the defaults\n"
+                "  --help                      show this text\n"
+                "  --version                   show the version\n"
+                "\n"
+                "Exit status: the program's, 2 for a wrong command line or configuration, 127 when the\n"
+                "program cannot be started.\n"
+                "\n"
+                "Example:\n"
+                "  zelisp-sim-run -- zelisp-cam list\n");
+    return 0;
+}
+
+// The library installed beside this program (bin/../lib), the one of the
+// build tree while developing, or where it was meant to be installed.
+std::string simulator_library()
+{
+    char self[PATH_MAX];
+    ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
+    if (length > 0) {
+        self[length] = '\0';
+        std::string beside = std::string(self, std::strrchr(self, '/') - self) + "/" ZELISP_SIM_RELATIVE_PATH;
+        if (access(beside.c_str(), R_OK) == 0)
+            return beside;
+    }
     if (access(ZELISP_SIM_BUILD_PATH, R_OK) == 0)
         return ZELISP_SIM_BUILD_PATH;
     return ZELISP_SIM_INSTALL_PATH;
@@ -48,14 +79,18 @@ std::string sanitizer_runtime()
     Dl_info info{};
     if (!dladdr(reinterpret_cast<void *>(&__asan_init), &info) || !info.dli_fname)
         return "";
-    setenv("ASAN_OPTIONS", "detect_leaks=0", 0);
+    // Appended, so that it wins over a leak check the caller's options ask
+    // for (the sanitized test suite asks for one in its own processes).
+    const char *options = std::getenv("ASAN_OPTIONS");
+    std::string merged = options && *options ? std::string(options) + ":detect_leaks=0" : "detect_leaks=0";
+    setenv("ASAN_OPTIONS", merged.c_str(), 1);
     return std::string(info.dli_fname) + ":";
 }
 #else
 std::string sanitizer_runtime() { return ""; }
 #endif
 
-bool set_preload(const char *library)
+bool set_preload(const std::string &library)
 {
     std::string preload = sanitizer_runtime() + library;
     const char *existing = std::getenv("LD_PRELOAD");
@@ -78,6 +113,12 @@ bool set_config(const char *path)
 int main(int argc, char **argv)
 {
     const char *config = nullptr;
+    if (argc == 2 && std::strcmp(argv[1], "--help") == 0)
+        return help();
+    if (argc == 2 && std::strcmp(argv[1], "--version") == 0) {
+        std::printf("zelisp-sim-run %s\n", ZELISP_SIM_VERSION);
+        return 0;
+    }
     int i = 1;
     for (; i < argc && std::strcmp(argv[i], "--") != 0; ++i) {
         if (std::strcmp(argv[i], "--config") == 0 && i + 1 < argc)

@@ -7,8 +7,9 @@
  * either node of the camera (the two nodes share one set of controls), the
  * setter itself only if it asked for feedback. As in the kernel, one event
  * per control waits at most: a newer change updates the waiting event and
- * adds its change bits. The events are dequeued, never polled for: the
- * node's descriptor signals frames only.
+ * adds its change bits. A waiting event is an exceptional condition of the
+ * descriptor for select and poll (POLLPRI), as with the kernel's drivers;
+ * the descriptor's readability still means a filled buffer.
  */
 #include <algorithm>
 #include <cerrno>
@@ -119,6 +120,14 @@ int dequeue_event(OpenFile &file, v4l2_event *event, LogNote *note)
     note->detail = "type=" + std::to_string(event->type) + " id=" + hex_id(event->id) +
                    " pending=" + std::to_string(event->pending);
     return 0;
+}
+
+bool events_pending(int fd)
+{
+    State &s = state();
+    CoreLock held;
+    std::shared_ptr<OpenFile> file = find_descriptor(s, fd);
+    return file && !file->events.empty();
 }
 
 std::vector<ControlSnapshot> control_snapshot(int camera, uint32_t request, const void *arg)

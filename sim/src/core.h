@@ -232,6 +232,10 @@ void fill_buffer(Node &n, int index, uint32_t sequence, uint64_t timestamp_ns, u
                  const uint32_t *plane_length, bool paint);
 void release_queue(State &s, int node); // the last descriptor of the node closed
 
+// ---- control_events.cpp: true when fd is a node descriptor whose open
+// file has an event waiting (an exceptional condition for select/poll).
+bool events_pending(int fd);
+
 // ---- hardware_thread.cpp
 uint64_t monotonic_ns();
 int ensure_hardware_thread(State &s); // 0, or ENOMEM when the thread cannot start

@@ -12,9 +12,12 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/select.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -72,10 +75,10 @@ int open_path(int dirfd, const char *path, int flags, mode_t mode)
 int stat_path(int dirfd, const char *path, struct stat *st, int flags)
 {
     if (!inside_core() && path && st) {
-        if (path[0] == '\0' && (flags & AT_EMPTY_PATH) && sim_fstat(dirfd, st))
+        if (path[0] == '\0' && (flags & AT_EMPTY_PATH) && guarded(false, [&] { return sim_fstat(dirfd, st); }))
             return 0;
         int err = 0;
-        if (node_of_path(path) >= 0 && sim_stat(path, st, &err)) {
+        if (node_of_path(path) >= 0 && guarded(false, [&] { return sim_stat(path, st, &err); })) {
             if (err) {
                 errno = err;
                 return -1;
@@ -88,7 +91,7 @@ int stat_path(int dirfd, const char *path, struct stat *st, int flags)
 
 int stat_descriptor(int fd, struct stat *st)
 {
-    if (!inside_core() && sim_fstat(fd, st))
+    if (!inside_core() && guarded(false, [&] { return sim_fstat(fd, st); }))
         return 0;
     return real::fstatat(fd, "", st, AT_EMPTY_PATH);
 }
@@ -152,7 +155,7 @@ ssize_t no_attribute(const char *path)
 {
     struct stat st;
     int err = 0;
-    sim_stat(path, &st, &err);
+    guarded(false, [&] { return sim_stat(path, &st, &err); });
     errno = err ? err : ENODATA;
     return -1;
 }
@@ -255,9 +258,9 @@ int statx(int dirfd, const char *given_path, int flags, unsigned int mask, struc
         int err = 0;
         bool simulated = false;
         if ((!path || path[0] == '\0') && (flags & AT_EMPTY_PATH))
-            simulated = sim_fstat(dirfd, &st);
+            simulated = guarded(false, [&] { return sim_fstat(dirfd, &st); });
         else if (node_of_path(path) >= 0)
-            simulated = sim_stat(path, &st, &err);
+            simulated = guarded(false, [&] { return sim_stat(path, &st, &err); });
         if (simulated) {
             if (err) {
                 errno = err;
@@ -378,6 +381,66 @@ ssize_t llistxattr(const char *path, char *list, size_t size) noexcept
     if (!inside_core() && node_of_path(path) >= 0)
         return no_attribute(path) < 0 && errno == ENOENT ? -1 : 0;
     return real::listxattr(path, list, size, true);
+}
+
+// A waiting control event is an exceptional condition of the node's
+// descriptor. The descriptor itself (an eventfd) can only signal frames, so
+// when one is waiting the wait is answered at once with it added; otherwise
+// select and poll go to the C library untouched.
+int select(int nfds, fd_set *read, fd_set *write, fd_set *except, struct timeval *timeout)
+{
+    if (!inside_core() && except && nfds > 0) {
+        fd_set pending;
+        FD_ZERO(&pending);
+        bool any = false;
+        for (int fd = 0; fd < nfds && fd < FD_SETSIZE; ++fd)
+            if (FD_ISSET(fd, except) && guarded(false, [&] { return events_pending(fd); })) {
+                FD_SET(fd, &pending);
+                any = true;
+            }
+        if (any) {
+            timeval now = {0, 0};
+            int ready = real::select(nfds, read, write, except, &now);
+            if (ready < 0)
+                return ready;
+            for (int fd = 0; fd < nfds && fd < FD_SETSIZE; ++fd)
+                if (FD_ISSET(fd, &pending) && !FD_ISSET(fd, except)) {
+                    FD_SET(fd, except);
+                    ++ready;
+                }
+            return ready;
+        }
+    }
+    return real::select(nfds, read, write, except, timeout);
+}
+
+int poll(struct pollfd *fds, nfds_t count, int timeout_ms)
+{
+    bool any = false;
+    if (!inside_core() && fds)
+        for (nfds_t i = 0; i < count && !any; ++i)
+            any = (fds[i].events & POLLPRI) && guarded(false, [&] { return events_pending(fds[i].fd); });
+    if (!any)
+        return real::poll(fds, count, timeout_ms);
+    int ready = real::poll(fds, count, 0);
+    if (ready < 0)
+        return ready;
+    for (nfds_t i = 0; i < count; ++i) {
+        if (!(fds[i].events & POLLPRI) || !guarded(false, [&] { return events_pending(fds[i].fd); }))
+            continue;
+        if (!fds[i].revents)
+            ++ready;
+        fds[i].revents = short(fds[i].revents | POLLPRI);
+    }
+    return ready;
+}
+
+// Fortified programs call poll through this check of the array's size.
+int __poll_chk(struct pollfd *fds, nfds_t count, int timeout_ms, size_t fds_length)
+{
+    if (fds_length / sizeof *fds < count)
+        abort(); // what the C library's own check does: a buffer overflow
+    return poll(fds, count, timeout_ms);
 }
 
 FILE *fopen(const char *path, const char *mode)

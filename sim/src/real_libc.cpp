@@ -162,4 +162,21 @@ ssize_t listxattr(const char *path, char *list, size_t size, bool nofollow)
     return ssize_t(syscall(SYS_listxattr, path, list, size));
 }
 
+int select(int nfds, fd_set *read, fd_set *write, fd_set *except, struct timeval *timeout)
+{
+    REAL(select, int (*)(int, fd_set *, fd_set *, fd_set *, struct timeval *));
+    if (select_fn)
+        return select_fn(nfds, read, write, except, timeout);
+    return int(syscall(SYS_select, nfds, read, write, except, timeout));
+}
+
+int poll(struct pollfd *fds, nfds_t count, int timeout_ms)
+{
+    REAL(poll, int (*)(struct pollfd *, nfds_t, int));
+    if (poll_fn)
+        return poll_fn(fds, count, timeout_ms);
+    struct timespec limit = {timeout_ms / 1000, long(timeout_ms % 1000) * 1000000};
+    return int(syscall(SYS_ppoll, fds, count, timeout_ms < 0 ? nullptr : &limit, nullptr, 0));
+}
+
 } // namespace zsim::real

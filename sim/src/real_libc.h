@@ -11,6 +11,8 @@
 
 #include <cstdio>
 
+#include <poll.h>
+#include <sys/select.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 
@@ -29,6 +31,8 @@ int munmap(void *addr, size_t length);
 FILE *fopen(const char *path, const char *mode);
 ssize_t getxattr(const char *path, const char *name, void *value, size_t size, bool nofollow);
 ssize_t listxattr(const char *path, char *list, size_t size, bool nofollow);
+int select(int nfds, fd_set *read, fd_set *write, fd_set *except, struct timeval *timeout);
+int poll(struct pollfd *fds, nfds_t count, int timeout_ms);
 
 } // namespace zsim::real
 

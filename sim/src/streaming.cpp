@@ -159,7 +159,7 @@ int queue_buffer(State &s, int node, v4l2_buffer *buf, LogNote *note)
         return EINVAL;
     buffer.state = BufferState::Queued;
     n.queued.push_back(int(buf->index));
-    buf->flags = V4L2_BUF_FLAG_QUEUED | V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC;
+    buf->flags = V4L2_BUF_FLAG_QUEUED | V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC | V4L2_BUF_FLAG_TSTAMP_SRC_EOF;
     deliver_scripted(n);
     return 0;
 }

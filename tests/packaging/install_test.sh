@@ -43,6 +43,21 @@ OUT
 cmake -S "$consumer" -B "$work/consumer-build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$work/consumer-build" >/dev/null
 LD_LIBRARY_PATH="$libdir" "$work/consumer-build/version" | grep -qx "zelisp:v1.3.0"
+# The installed programs find the installed library and simulator by
+# themselves: no environment at all.
+out=$(cd "$work" && env -i "$prefix/bin/zelisp-sim-run" -- "$prefix/bin/zelisp-cam" info -c 0)
+[[ $out == "camera 0: /dev/video0 (mode 1)"* ]] || { echo "installed zelisp-cam: $out"; exit 1; }
+for page in zelisp-cam zelisp-sim-run; do
+  zcat "$prefix/share/man/man1/$page.1.gz" | grep -q '^\.TH' || { echo "no manual page for $page"; exit 1; }
+done
+[ -f "$prefix/share/doc/zelisp/zelisp-cam.md" ] || { echo "guide not installed"; exit 1; }
+
+# The examples, as a project of their own against the installed tree.
+cmake -S "$consumer/../../../examples" -B "$work/examples" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+cmake --build "$work/examples" >/dev/null
+env -i "$prefix/bin/zelisp-sim-run" -- "$work/examples/open_camera" | grep -q "camera 0: native descriptor" || {
+  echo "example built against the install does not run"; exit 1; }
+
 # The Python package, when built: installed where Debian's interpreter looks
 # for the default prefix, and importable from the prefix alone (no build
 # tree, no library path: the extension finds libzelisp by its run path).
@@ -57,4 +72,4 @@ if [ -d "$build_dir/python/zelisp" ]; then
     /usr/bin/python3 -c "import zelisp; print(zelisp.__file__.startswith('$prefix'), zelisp.version(), [c.index for c in zelisp.cameras()])")
   [ "$out" = "True zelisp:v1.3.0 [0, 1, 2, 3]" ] || { echo "python import from the installed tree: $out"; exit 1; }
 fi
-echo "installed tree usable through pkg-config and find_package"
+echo "installed tree usable through pkg-config and find_package; installed programs, examples and the Python package run"

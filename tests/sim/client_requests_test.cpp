@@ -3,6 +3,10 @@
 // intervals, access priority, queue ownership, control events and the
 // buffer flags. The ISP's own conventions on the same requests stay as the
 // library needs them.
+#include <poll.h>
+#include <sys/select.h>
+
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -278,6 +282,20 @@ TEST_F(ClientRequestsTest, ControlEventsReportChangesToTheOtherSubscribers)
     sub.flags = 0;
     ASSERT_EQ(setter.Request(VIDIOC_SUBSCRIBE_EVENT, &sub), 0);
 
+    // A waiting event is an exceptional condition, in select and in poll.
+    fd_set except;
+    FD_ZERO(&except);
+    FD_SET(watcher.fd(), &except);
+    FD_SET(setter.fd(), &except);
+    timeval no_wait = {0, 0};
+    ASSERT_EQ(select(std::max(watcher.fd(), setter.fd()) + 1, nullptr, nullptr, &except, &no_wait), 1);
+    EXPECT_TRUE(FD_ISSET(watcher.fd(), &except));
+    EXPECT_FALSE(FD_ISSET(setter.fd(), &except));
+    pollfd waits[2] = {{watcher.fd(), POLLPRI | POLLIN, 0}, {setter.fd(), POLLPRI, 0}};
+    ASSERT_EQ(poll(waits, 2, 0), 1);
+    EXPECT_EQ(waits[0].revents, POLLPRI); // no frame: not readable
+    EXPECT_EQ(waits[1].revents, 0);
+
     v4l2_event event{};
     ASSERT_EQ(watcher.Request(VIDIOC_DQEVENT, &event), 0);
     EXPECT_EQ(event.type, uint32_t(V4L2_EVENT_CTRL));
@@ -286,6 +304,7 @@ TEST_F(ClientRequestsTest, ControlEventsReportChangesToTheOtherSubscribers)
     EXPECT_EQ(event.u.ctrl.value, 128);
     EXPECT_EQ(event.u.ctrl.maximum, 255);
     EXPECT_EQ(watcher.Request(VIDIOC_DQEVENT, &event), ENOENT);
+    EXPECT_EQ(poll(waits, 1, 0), 0);
 
     v4l2_control brightness{V4L2_CID_BRIGHTNESS, 200};
     ASSERT_EQ(setter.Request(VIDIOC_S_CTRL, &brightness), 0);
@@ -323,6 +342,7 @@ TEST_F(ClientRequestsTest, BufferFlagsFollowTheKernelsBufferFramework)
     ASSERT_EQ(node.Request(VIDIOC_QUERYBUF, &record.buf), 0);
     EXPECT_EQ(record.buf.flags, kTimestamp);
     ASSERT_EQ(node.Request(VIDIOC_QBUF, &record.buf), 0);
+    EXPECT_EQ(record.buf.flags, kTimestamp | V4L2_BUF_FLAG_QUEUED);
     ASSERT_EQ(node.Request(VIDIOC_QUERYBUF, &record.buf), 0);
     EXPECT_EQ(record.buf.flags, kTimestamp | V4L2_BUF_FLAG_QUEUED);
     ASSERT_EQ(node.Stream(VIDIOC_STREAMON), 0);

@@ -70,7 +70,6 @@ const std::set<std::string> kDocumentedFailures = {
     "VIDIOC_TRY_FMT",                      // compared with G_FMT, words included
     "VIDIOC_S_FMT",                        // likewise
     "VIDIOC_G/S_CTRL",                     // the exposure menu takes unnamed firmware modes
-    "VIDIOC_(UN)SUBSCRIBE_EVENT/DQEVENT",  // events are dequeued, not signalled by poll
 };
 
 TEST_F(StandardClientsTest, V4l2ComplianceFailsOnlyTheDocumentedTests)

@@ -109,7 +109,16 @@ TEST(ZelispCam, SetReadsTheValueBackAndFailuresBecomeSentencesAndStatuses)
     EXPECT_EQ(run.out, "awb: 0\n");
     run = run_tool("set -c 0 mwb 1 2 3");
     EXPECT_EQ(run.status, 0) << run.err;
-    EXPECT_EQ(run.out, "");
+    EXPECT_EQ(run.out, "mwb: 1 2 3 (sent; the driver cannot be asked back)\n");
+    // What the library does to a value is said, not left to be found out.
+    run = run_tool("set -c 0 mec 70000 1 2 3 4 65535");
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(run.out, "mec: 4464 1 2 3 4 65535; only the low 16 bits of each are sent: 70000 as 4464 "
+                       "(sent; the driver cannot be asked back)\n");
+    run = run_tool("set -c 0 aec 3");
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(run.out, "aec: 1\nnote: the driver holds exposure mode 3; the library reads every mode other than "
+                       "0 (auto) back as 1\n");
 
     run = run_tool("get -c 3 gamma");
     EXPECT_EQ(run.status, 0) << run.err;
@@ -123,7 +132,14 @@ TEST(ZelispCam, SetReadsTheValueBackAndFailuresBecomeSentencesAndStatuses)
     // No node: the camera cannot be opened.
     run = run_tool("get -c 7 brightness");
     EXPECT_EQ(run.status, 7);
-    EXPECT_EQ(run.err, failure_line("camera 7", ISP_ERR_NO_NODE));
+    EXPECT_EQ(run.err, "zelisp-cam: camera 7: isp_open_video: " + std::string(isp_get_result_text(ISP_ERR_NO_NODE)) +
+                           " (-7); /dev/video7 does not exist\n");
+    // A node that will not open: the system's reason, which the library's line leaves out.
+    run = run_tool("get -c 0 brightness", "[node /dev/video0]\nopen_errno = EBUSY\n");
+    EXPECT_EQ(run.status, 9);
+    EXPECT_EQ(run.out, "video device /dev/video0 open failed\n");
+    EXPECT_EQ(run.err, "zelisp-cam: camera 0: isp_open_video: " + std::string(isp_get_result_text(ISP_ERR_OPEN)) +
+                           " (-9); /dev/video0: Device or resource busy\n");
 
     // Command-line mistakes are the tool's own, status 64, nothing opened.
     EXPECT_EQ(run_tool("set -c 0 brightness 1 2").status, 64);
@@ -248,12 +264,122 @@ TEST(ZelispCam, CaptureRefusalsAreReportedBeforeAnythingRuns)
     // A camera that is not there: the library's reason, as sentence and status.
     run = run_tool("capture -c 6 --frames 1");
     EXPECT_EQ(run.status, 7);
-    EXPECT_EQ(run.err, failure_line("camera 6", ISP_ERR_NO_NODE));
+    EXPECT_EQ(run.err, "zelisp-cam: camera 6: isp_open_video: " + std::string(isp_get_result_text(ISP_ERR_NO_NODE)) +
+                           " (-7); /dev/video6 does not exist\n");
     // The first crop must fit in view 1 (1280x720): set-up fails in the library.
     run = run_tool("capture -c 0 --frames 1 --resize 0,0,1920,1080");
     EXPECT_EQ(run.status, 11);
-    EXPECT_NE(run.err.find(failure_line("camera 0: setting the stream up", ISP_ERR_REQUEST)), std::string::npos)
-        << run.err;
+    std::string failure = failure_line("camera 0: isp_init_video", ISP_ERR_REQUEST);
+    EXPECT_NE(run.err.find(failure.substr(0, failure.size() - 1)), std::string::npos) << run.err;
+
+    // A group with a camera that is not there names it.
+    run = run_tool("capture -c 0,5 --group --frames 1");
+    EXPECT_EQ(run.status, 9);
+    EXPECT_EQ(run.err, "zelisp-cam: camera 5: isp_group_open_video: " + std::string(isp_get_result_text(ISP_ERR_OPEN)) +
+                           " (-9); /dev/video5 does not exist\n" + failure_line("the group: isp_group_open_video",
+                                                                                 ISP_ERR_OPEN));
+}
+
+TEST(ZelispCam, CommandLineMistakesAreSentencesAndNoCameraIsTouched)
+{
+    // Camera 0 cannot be opened: a run that got as far as the camera would say so.
+    const std::string busy = "[node /dev/video0]\nopen_errno = EBUSY\n";
+    const std::string help = "Run with --help for more information.\n";
+    const std::pair<const char *, const char *> cases[] = {
+        {"frobnicate", "'frobnicate' is not a command; the commands are list, info, get, set and capture"},
+        {"capture -c 0 --frames 0", "--frames: a whole number from 1 to 2147483647 is needed, got '0'"},
+        {"capture -c 0 --seconds nan", "--seconds: a number of seconds above 0 (at most a year) is needed, got 'nan'"},
+        {"capture -c abc", "--camera: cameras are numbered 0 to 11, got 'abc'"},
+        {"capture -c 0 --frames 5 --seconds 1", "--frames and --seconds cannot be used together"},
+        {"capture -c 0 --mode 2 --views 1", "--mode 2 carries view 0 only, so --views can only be 0"},
+        {"capture -c 0 --mode 2 --resize 0,0,640,480", "--resize works in mode 1 only: the mode 2 node has no resize"},
+        {"capture -c 0 --trigger external 5 9 9", "--trigger external: P1 is 0 to 2, got 5"},
+        {"capture -c 0,1 --group --trigger internal 1 8", "--trigger internal: P2 is 0 to 7, got 8"},
+        {"capture -c 0 --views 0 --view-format 1=NV12:640x480",
+         "--view-format sets view 1, which is not captured (--views)"},
+        {"capture -c 0 --view-format 1=MJPG:640x480",
+         "--view-format: 'MJPG' is not a format the tool can write; use NV12, NV21, YUYV, RGB3 or GREY"},
+        {"capture -c 0 --view-format 1=NV12:640x480,1=NV12:320x240", "--view-format names view 1 twice"},
+        {"info -c 0 --mode 2 --view-format 1=NV12:640x480", "--view-format: the mode 2 node carries view 0 only"},
+    };
+    for (const auto &[arguments, sentence] : cases) {
+        SCOPED_TRACE(arguments);
+        ToolRun run = run_tool(arguments, busy);
+        EXPECT_EQ(run.status, 64);
+        EXPECT_EQ(run.out, "");
+        EXPECT_EQ(run.err, "zelisp-cam: " + std::string(sentence) + "\n" + help);
+    }
+}
+
+TEST(ZelispCam, ViewFormatSetsTheViewAndRawNamesCarryFormatSizeAndStride)
+{
+    std::string out = test_folder();
+    ToolRun run = run_tool("capture -c 0 --views 0,1 --view-format 1=NV12:640x480 --frames 3 --format raw --out " + out);
+    ASSERT_EQ(run.status, 0) << run.out << run.err;
+    std::vector<std::string> view1 = files_in(out, "cam0-view1-NV12-640x480-s640-");
+    ASSERT_EQ(view1.size(), 1u);
+    EXPECT_EQ(fs::path(view1[0]).extension(), ".raw");
+    expect_frames_numbered(view1, false, 640, 480);
+    expect_frames_numbered(files_in(out, "cam0-view0-NV12-1920x1080-s1920-"), false, 1920, 1080);
+    json summary = summary_file(out);
+    EXPECT_EQ(summary["cameras"][0]["views"][1],
+              json({{"view", 1}, {"format", "NV12"}, {"width", 640}, {"height", 480}}));
+    // Rounded to what it means: the simulated sensor runs at exactly 30 fps.
+    EXPECT_EQ(summary["cameras"][0]["fps"], 30.0);
+    EXPECT_EQ(summary["problems"], json::array());
+
+    // info asks for the formats first and shows what the driver then reports.
+    run = run_tool("info -c 1 --view-format 2=YUYV:320x240,0=GREY:960x540");
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_NE(run.out.find("  view 0: GREY 960x540\n  view 1: NV12 1280x720\n  view 2: YUYV 320x240\n"),
+              std::string::npos)
+        << run.out;
+
+    // A format the driver refuses (larger than the sensor) stops the run
+    // before streaming, naming the camera, the call and the system error.
+    run = run_tool("capture -c 0 --frames 1 --view-format 1=NV12:4000x3000");
+    EXPECT_EQ(run.status, 11);
+    EXPECT_EQ(run.out, "/dev/video0 set view format failed\n");
+    EXPECT_EQ(run.err, "set format: Invalid argument\n"
+                       "zelisp-cam: camera 0: isp_set_view_format view 1 to NV12 4000x3000: " +
+                           std::string(isp_get_result_text(ISP_ERR_REQUEST)) +
+                           " (-11); the system error is in the library's line above\n");
+}
+
+TEST(ZelispCam, WhatTheRunDidNotGetAsAskedMakesTheStatusNonZero)
+{
+    // The platform node refuses to open: the trigger mode cannot be set, the
+    // cameras run free, and the run says so in its warning, summary and status.
+    std::string out = test_folder();
+    ToolRun run = run_tool("capture -c 0,1 --trigger internal --views 2 --frames 2 --out " + out,
+                           "[node /dev/isp_misc]\nopen_errno = EACCES\n");
+    const std::string trigger = "isp_set_internal_trigger: " + std::string(isp_get_result_text(ISP_ERR_OPEN)) +
+                                " (-9), the system error is in the library's line above; the trigger mode is not set, so the cameras run free, "
+                                "not in step";
+    EXPECT_EQ(run.status, 20) << run.err;
+    EXPECT_NE(run.err.find("zelisp-cam: warning: " + trigger + "\n"), std::string::npos) << run.err;
+    EXPECT_NE(run.out.find("not as asked: " + trigger + "\n"), std::string::npos) << run.out;
+    EXPECT_EQ(summary_file(out)["problems"], json::array({trigger}));
+    EXPECT_EQ(summary_file(out)["cameras"][1]["frames"], 2);
+
+    // The resize: what was asked for and what the driver reports for view 1.
+    run = run_tool("capture -c 0 --frames 1 --resize 16,8,640,480");
+    std::string reported = run.out.substr(run.out.find("the driver reports view 1 as ") + 29);
+    reported = reported.substr(0, reported.find('\n'));
+    EXPECT_NE(run.out.find("camera 0: resize asked for: crop 640x480 at 16,8, no scaling, crop 640x480 at 0,0; "
+                           "the driver reports view 1 as " + reported + "\n"),
+              std::string::npos)
+        << run.out;
+    if (reported == "NV12 640x480") {
+        EXPECT_EQ(run.status, 0) << run.err;
+    } else {
+        EXPECT_EQ(run.status, 22) << run.err;
+        std::string size = reported.substr(reported.find(' ') + 1);
+        EXPECT_NE(run.err.find("zelisp-cam: warning: camera 0: view 1 is " + size +
+                               " after the resize, not the 640x480 asked for\n"),
+                  std::string::npos)
+            << run.err;
+    }
 }
 
 } // namespace

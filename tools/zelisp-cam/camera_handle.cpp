@@ -1,10 +1,15 @@
 // camera_handle.cpp - opening and closing one camera for the tool.
 #include "camera_handle.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
 #include <utility>
 
+#include "tool_errors.h"
 #include "zelisp.h"
 
 namespace zcam {
@@ -12,6 +17,34 @@ namespace zcam {
 std::string node_path(int camera, int mode)
 {
     return "/dev/video" + std::to_string(mode == 2 ? camera + 12 : camera);
+}
+
+std::string camera_context(int camera)
+{
+    return "camera " + std::to_string(camera);
+}
+
+OpenFailure judge_open_failure(int camera, int mode)
+{
+    std::string path = node_path(camera, mode);
+    struct stat st;
+    if (stat(path.c_str(), &st) != 0)
+        return {ISP_ERR_NO_NODE, path + " does not exist"};
+    if (!S_ISCHR(st.st_mode))
+        return {ISP_ERR_INVALID, path + " is not a device"};
+    // The library's line says only "open failed"; opening the node again
+    // the same way gives the system's reason (busy, no permission, ...).
+    int fd = ::open(path.c_str(), O_RDWR | O_NONBLOCK);
+    if (fd >= 0) {
+        ::close(fd);
+        return {ISP_ERR_OPEN, path + " could not be opened, although it opens now"};
+    }
+    return {ISP_ERR_OPEN, path + ": " + strerror(errno)};
+}
+
+int report_open_failure(int camera, const OpenFailure &failure)
+{
+    return report_failure_because(camera_context(camera), "isp_open_video", failure.result, failure.reason);
 }
 
 CameraHandle::CameraHandle(CameraHandle &&other) noexcept
@@ -42,13 +75,8 @@ int CameraHandle::open(int camera, int mode)
     path_ = node_path(camera, mode);
     handle_ = isp_open_video(uint32_t(camera), mode);
     if (handle_ != 0)
-        return ISP_OK;
-    struct stat st;
-    if (stat(path_.c_str(), &st) != 0)
-        return ISP_ERR_NO_NODE;
-    if (!S_ISCHR(st.st_mode))
-        return ISP_ERR_INVALID;
-    return ISP_ERR_OPEN;
+        return kExitOk;
+    return report_open_failure(camera, judge_open_failure(camera, mode));
 }
 
 void CameraHandle::close()

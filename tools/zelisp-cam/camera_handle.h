@@ -14,6 +14,21 @@ namespace zcam {
 // /dev/video<c+12> in mode 2.
 std::string node_path(int camera, int mode);
 
+// "camera N", how every sentence about one camera begins.
+std::string camera_context(int camera);
+
+// Why a camera's node cannot be opened, judged the way the library judges
+// it, since isp_open_video answers only with handle 0: the result (-7
+// missing, -15 not a device, -9 could not be opened) and, for -9, the
+// system's reason ("/dev/video0: Device or resource busy").
+struct OpenFailure {
+    int result = 0;
+    std::string reason;
+};
+OpenFailure judge_open_failure(int camera, int mode);
+// Reports it as "camera N: isp_open_video: ..."; returns the exit status.
+int report_open_failure(int camera, const OpenFailure &failure);
+
 class CameraHandle {
 public:
     CameraHandle() = default;
@@ -23,10 +38,7 @@ public:
     CameraHandle &operator=(const CameraHandle &) = delete;
     ~CameraHandle();
 
-    // Opens the camera. isp_open_video answers only with handle 0 on
-    // failure (its printed line says why), so the result given back here is
-    // read from the node the way the library judges it: -7 missing,
-    // -15 not a device, -9 could not be opened.
+    // Opens the camera: 0, or the judged failure's exit status, reported.
     int open(int camera, int mode);
     void close();
 

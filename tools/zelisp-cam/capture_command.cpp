@@ -10,6 +10,7 @@
 #include <set>
 
 #include "capture_loops.h"
+#include "cli_checks.h"
 #include "commands.h"
 #include "json_summary.h"
 #include "summary.h"
@@ -23,6 +24,8 @@ constexpr size_t kMaxCameras = 8; // the multi-camera wait and a group both take
 // The strings of the compound options, parsed after CLI11 has checked the rest.
 struct CaptureArguments {
     CaptureOptions options;
+    std::vector<std::string> view_formats;
+    bool views_given = false;
     std::string resize;
     std::string drop;
     std::vector<std::string> trigger;
@@ -40,7 +43,22 @@ int check(CaptureArguments &arguments)
     if (options.views.empty())
         return report_usage("--views needs at least one view");
 
+    // Options that mode 2 cannot carry out are refused, not ignored: its node
+    // has view 0 alone and no resize.
+    if (options.mode == 2 && arguments.views_given && options.views != std::vector<int>{0})
+        return report_usage("--mode 2 carries view 0 only, so --views can only be 0");
+    if (options.mode == 2 && !arguments.resize.empty())
+        return report_usage("--resize works in mode 1 only: the mode 2 node has no resize");
+    if (options.mode == 2)
+        options.views = {0};
+
     std::string error;
+    if (!parse_view_formats(arguments.view_formats, &options.view_formats, &error))
+        return report_usage(error);
+    for (const ViewFormatRequest &request : options.view_formats)
+        if (std::find(options.views.begin(), options.views.end(), request.view) == options.views.end())
+            return report_usage("--view-format sets view " + std::to_string(request.view) +
+                                ", which is not captured (--views" + (options.mode == 2 ? ", mode 2" : "") + ")");
     if (!arguments.resize.empty()) {
         zelvideo::_resize_param_t param;
         if (!parse_resize(arguments.resize, &param, &error))
@@ -122,7 +140,8 @@ int run_capture(CaptureArguments &arguments)
         fprintf(json_out.get(), "%s\n", summary_json(run).dump(2).c_str());
     else
         print_summary(stdout, run);
-    return kExitOk;
+    // The capture ran, but not as asked (trigger, view format, resize).
+    return run.problem_status;
 }
 
 } // namespace
@@ -137,27 +156,32 @@ void add_capture_command(CLI::App &app, int *status)
         ->type_name("N[,N...]")
         ->required()
         ->delimiter(',')
-        ->check(CLI::Range(0, 11));
-    capture->add_option("--views", options.views, "Views to enable, comma separated (mode 1 only)")
-        ->type_name("V[,V...]")
-        ->delimiter(',')
-        ->check(CLI::Range(0, 2))
-        ->capture_default_str();
+        ->check(camera_number());
+    CLI::Option *views = capture->add_option("--views", options.views, "Views to enable, comma separated (mode 1 only)")
+                             ->type_name("V[,V...]")
+                             ->delimiter(',')
+                             ->check(whole_number(0, 2))
+                             ->capture_default_str();
+    capture->add_option("--view-format", arguments->view_formats,
+                        "Ask the driver for these view formats before setting the stream up, e.g. "
+                        "1=NV12:1280x720,2=YUYV:640x360 (formats NV12, NV21, YUYV, RGB3, GREY)")
+        ->type_name("VIEW=FOURCC:WxH[,...]")
+        ->delimiter(',');
     capture->add_option("--mode", options.mode, "Open mode: 1 (/dev/videoN) or 2 (/dev/video<N+12>, view 0 only)")
-        ->check(CLI::IsMember({1, 2}))
+        ->check(one_of({"1", "2"}, "an open mode"))
         ->capture_default_str();
     capture->add_option("--buffers", options.buffers, "Capture buffers per camera")
-        ->check(CLI::Range(3, 8))
+        ->check(whole_number(3, 8))
         ->capture_default_str();
     CLI::Option *frames = capture->add_option("--frames", options.frames,
                                               "Frames to capture per camera (frame sets with --group)")
-                              ->check(CLI::PositiveNumber)
+                              ->check(whole_number(1, 2147483647))
                               ->capture_default_str();
     capture->add_option("--seconds", options.seconds, "Capture for this long instead of counting frames")
-        ->check(CLI::PositiveNumber)
+        ->check(positive_seconds())
         ->excludes(frames);
     capture->add_option("--timeout", options.timeout_ms, "Longest wait for a frame, in milliseconds")
-        ->check(CLI::Range(1, 600000))
+        ->check(whole_number(1, 600000))
         ->capture_default_str();
     capture->add_option("--resize", arguments->resize,
                         "Crop, scale, crop in the ISP: X,Y,W,H[:SW,SH[:X,Y,W,H]] (even numbers; the first crop "
@@ -176,14 +200,17 @@ void add_capture_command(CLI::App &app, int *status)
                         "and summary.json")
         ->type_name("DIR");
     capture->add_option("--format", options.format, "File format: png (previews) or raw (the plane's bytes)")
-        ->check(CLI::IsMember({"png", "raw"}))
+        ->check(one_of({"png", "raw"}, "a file format"))
         ->capture_default_str();
     capture->add_option("--every", options.every, "Also write every Nth frame of each camera (needs --out)")
-        ->check(CLI::PositiveNumber)
+        ->check(whole_number(1, 2147483647))
         ->type_name("N");
     capture->add_flag("--json", options.json,
                       "Print the summary as JSON on standard output (the library's lines go to standard error)");
-    capture->callback([arguments, status] { *status = run_capture(*arguments); });
+    capture->callback([arguments, views, status] {
+        arguments->views_given = views->count() > 0;
+        *status = run_capture(*arguments);
+    });
 }
 
 } // namespace zcam

@@ -3,7 +3,10 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <set>
 #include <sstream>
+
+#include "formats.h"
 
 namespace zcam {
 namespace {
@@ -85,6 +88,64 @@ bool parse_resize(const std::string &text, zelvideo::_resize_param_t *param, std
     return true;
 }
 
+bool parse_view_format(const std::string &text, ViewFormatRequest *request, std::string *error)
+{
+    *error = "--view-format takes VIEW=FOURCC:WIDTHxHEIGHT (for example 1=NV12:1280x720), got '" + text + "'";
+    size_t equals = text.find('='), colon = text.find(':'), times = text.find('x', colon == std::string::npos ? 0 : colon);
+    if (equals == std::string::npos || colon == std::string::npos || times == std::string::npos || colon < equals)
+        return false;
+    unsigned long long view, width, height;
+    if (!parse_unsigned(text.substr(0, equals), 2, &view)) {
+        *error = "--view-format: the view is 0, 1 or 2, got '" + text.substr(0, equals) + "'";
+        return false;
+    }
+    std::string name = text.substr(equals + 1, colon - equals - 1);
+    uint32_t fourcc = fourcc_from_name(name);
+    if (fourcc == 0) {
+        *error = "--view-format: '" + name + "' is not a format the tool can write; use NV12, NV21, YUYV, RGB3 or GREY";
+        return false;
+    }
+    if (!parse_unsigned(text.substr(colon + 1, times - colon - 1), UINT16_MAX, &width) ||
+        !parse_unsigned(text.substr(times + 1), UINT16_MAX, &height) || width == 0 || height == 0) {
+        *error = "--view-format: the size is WIDTHxHEIGHT, each 1 to 65535, got '" + text.substr(colon + 1) + "'";
+        return false;
+    }
+    request->view = int(view);
+    request->format = {fourcc, uint32_t(width), uint32_t(height)};
+    error->clear();
+    return true;
+}
+
+bool parse_view_formats(const std::vector<std::string> &texts, std::vector<ViewFormatRequest> *requests,
+                        std::string *error)
+{
+    requests->clear();
+    std::set<int> seen;
+    for (const std::string &text : texts) {
+        ViewFormatRequest request;
+        if (!parse_view_format(text, &request, error))
+            return false;
+        if (!seen.insert(request.view).second) {
+            *error = "--view-format names view " + std::to_string(request.view) + " twice";
+            return false;
+        }
+        requests->push_back(request);
+    }
+    return true;
+}
+
+std::string describe_resize(const zelvideo::_resize_param_t &p)
+{
+    auto crop = [](const zelvideo::_resize_crop_t &c) {
+        return std::to_string(c.width) + "x" + std::to_string(c.height) + " at " + std::to_string(c.x) + "," +
+               std::to_string(c.y);
+    };
+    std::string scale = p.scale.width == 0 && p.scale.height == 0
+                            ? "no scaling"
+                            : "scale to " + std::to_string(p.scale.width) + "x" + std::to_string(p.scale.height);
+    return "crop " + crop(p.cropBefore) + ", " + scale + ", crop " + crop(p.cropAfter);
+}
+
 bool parse_drop(const std::string &text, DropRatio *ratio, std::string *error)
 {
     std::vector<std::string> parts = split(text, '/');
@@ -115,6 +176,18 @@ bool parse_trigger(const std::vector<std::string> &words, TriggerSetting *trigge
             return false;
         }
         *params[i - 1] = uint32_t(value);
+    }
+    // Checked here for cameras and groups alike: the group's trigger calls
+    // answer 0 whatever the driver says, so a bad value would only show as
+    // cameras that are not in step.
+    const char *names[3] = {"P1", "P2", "P3"};
+    const uint32_t limits[3] = {2, 7, trigger->external ? 2u : UINT32_MAX};
+    for (int i = 0; i < 3; ++i) {
+        if (*params[i] > limits[i]) {
+            *error = std::string("--trigger ") + words[0] + ": " + names[i] + " is 0 to " + std::to_string(limits[i]) +
+                     ", got " + std::to_string(*params[i]);
+            return false;
+        }
     }
     return true;
 }

@@ -28,6 +28,13 @@ struct TriggerSetting {
     uint32_t param3 = 0;
 };
 
+// --view-format VIEW=FOURCC:WxH: a format asked of the driver for one view
+// before the stream is set up (isp_set_view_format).
+struct ViewFormatRequest {
+    int view = 0;
+    zelvideo::_view_format_t format = {};
+};
+
 struct CaptureOptions {
     std::vector<int> cameras;
     std::vector<int> views{0, 1, 2};
@@ -37,6 +44,7 @@ struct CaptureOptions {
     double seconds = 0; // > 0: capture for this long instead of --frames
     int timeout_ms = 2000;
     bool group = false;
+    std::vector<ViewFormatRequest> view_formats;
     std::optional<zelvideo::_resize_param_t> resize;
     std::optional<DropRatio> drop;
     std::optional<TriggerSetting> trigger;
@@ -54,9 +62,18 @@ struct CaptureOptions {
 // crop. Without a scaled size nothing is scaled; without a second crop it
 // keeps the whole scaled (or cropped) image.
 bool parse_resize(const std::string &text, zelvideo::_resize_param_t *param, std::string *error);
+// VIEW=FOURCC:WxH, one view each (0..2), a format the tool can convert and
+// sizes of 1..65535 (the driver reports them in 16-bit words).
+bool parse_view_format(const std::string &text, ViewFormatRequest *request, std::string *error);
+// The whole --view-format list: each view at most once.
+bool parse_view_formats(const std::vector<std::string> &texts, std::vector<ViewFormatRequest> *requests,
+                        std::string *error);
+// "X,Y WxH" style description of a resize: what was asked for, for reports.
+std::string describe_resize(const zelvideo::_resize_param_t &param);
 // T/D with 1 <= T <= 120 and 0 <= D < T.
 bool parse_drop(const std::string &text, DropRatio *ratio, std::string *error);
-// internal|external followed by up to three numbers.
+// internal|external followed by up to three numbers, in the ranges the
+// platform driver accepts: P1 0..2, P2 0..7 and, external, P3 0..2.
 bool parse_trigger(const std::vector<std::string> &words, TriggerSetting *trigger, std::string *error);
 
 // Which sequence numbers the library's decimation hands back for this ratio:

@@ -5,6 +5,12 @@
 #include <csignal>
 #include <cstdio>
 
+#include "camera_handle.h"
+#include "formats.h"
+#include "view_formats.h"
+
+#include "tool_errors.h"
+
 namespace zcam {
 namespace {
 
@@ -64,6 +70,14 @@ void CaptureRun::stop_clock()
     progress.clear();
 }
 
+void CaptureRun::problem(int status, const std::string &sentence)
+{
+    report_warning(sentence);
+    problems.push_back(sentence);
+    if (problem_status == 0)
+        problem_status = status;
+}
+
 bool CaptureRun::time_left()
 {
     if (interrupted_flag != 0) {
@@ -85,6 +99,51 @@ std::string CaptureRun::accept(CapturedCamera &camera, const zelvideo::_isp_buf_
     if (progress.due())
         progress.show(progress_text(*this));
     return files.frame(camera.camera, camera.views, frame, index);
+}
+
+int check_setup(CaptureRun &run, unsigned long handle, int camera)
+{
+    std::vector<std::string> mismatches;
+    int status = check_view_formats(handle, camera, run.options.view_formats, &mismatches);
+    if (status != kExitOk)
+        return status;
+    for (const std::string &mismatch : mismatches)
+        run.problem(kExitViewNotHonoured, mismatch);
+    if (!run.options.resize)
+        return kExitOk;
+
+    // The resize ends with the second crop; view 1 carries the result.
+    const zelvideo::_resize_param_t &resize = *run.options.resize;
+    zelvideo::_view_format_t view1 = {};
+    CallResult get = call_library([&] { return isp_get_view_format(handle, 1, &view1); });
+    if (get.result != ISP_OK)
+        return report_failure(camera_context(camera), "isp_get_view_format view 1", get);
+    printf("camera %d: resize asked for: %s; the driver reports view 1 as %s\n", camera,
+           describe_resize(resize).c_str(), describe(view1).c_str());
+    if (view1.width != resize.cropAfter.width || view1.height != resize.cropAfter.height)
+        run.problem(kExitResizeNotHonoured, camera_context(camera) + ": view 1 is " + std::to_string(view1.width) + "x" +
+                                                std::to_string(view1.height) + " after the resize, not the " +
+                                                std::to_string(resize.cropAfter.width) + "x" +
+                                                std::to_string(resize.cropAfter.height) + " asked for");
+    return kExitOk;
+}
+
+void set_trigger(CaptureRun &run, unsigned long handle)
+{
+    if (!run.options.trigger)
+        return;
+    const TriggerSetting &t = *run.options.trigger;
+    CallResult set = call_library([&] {
+        return t.external ? isp_set_external_trigger(handle, t.param1, t.param2, t.param3)
+                          : isp_set_internal_trigger(handle, t.param1, t.param2, t.param3);
+    });
+    if (set.result == ISP_OK)
+        return;
+    std::string sentence = std::string(t.external ? "isp_set_external_trigger" : "isp_set_internal_trigger") + ": " +
+                           isp_get_result_text(set.result) + " (" + std::to_string(set.result) + ")";
+    if (set.system_error != 0)
+        sentence += ", the system error is in the library's line above";
+    run.problem(kExitTriggerRefused, sentence + "; the trigger mode is not set, so the cameras run free, not in step");
 }
 
 int read_view_formats(unsigned long handle, const CaptureOptions &options, std::vector<ViewSlot> *views)

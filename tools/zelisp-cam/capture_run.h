@@ -48,6 +48,12 @@ public:
     ProgressLine progress;
     double seconds = 0;       // length of the frame loop
     bool interrupted = false; // stopped early by Ctrl-C
+    // What the run did not get as asked (a refused trigger, a view format
+    // or resize the driver did not keep): warned about as it happened,
+    // listed in the summary, and the exit status (the first one's).
+    std::vector<std::string> problems;
+    int problem_status = 0;
+    void problem(int status, const std::string &sentence);
 
     // Called once streaming is on.
     void start_clock();
@@ -71,6 +77,17 @@ void catch_interrupt();
 
 // Reads the enabled views' formats of an initialised camera.
 int read_view_formats(unsigned long handle, const CaptureOptions &options, std::vector<ViewSlot> *views);
+
+// After a camera's set-up: whether the driver kept the view formats and
+// the resize asked for. What it did not keep becomes a problem of the run;
+// the resize is also described on standard output, asked for and got.
+// Returns 0 or a failed read's status.
+int check_setup(CaptureRun &run, unsigned long handle, int camera);
+
+// Sets the trigger mode through a camera handle, whose call answers with the
+// driver's verdict. A refusal is a problem of the run: the cameras then run
+// free, not in step.
+void set_trigger(CaptureRun &run, unsigned long handle);
 
 // The number of frames a camera may refuse in a row before the tool gives
 // up: a driver whose dequeue keeps failing is also reported as -11.

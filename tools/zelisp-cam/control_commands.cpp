@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "camera_handle.h"
+#include "cli_checks.h"
 #include "commands.h"
 #include "controls.h"
 #include "tool_errors.h"
@@ -29,6 +30,33 @@ std::string control_help()
     return help;
 }
 
+// The values as the driver receives them: manual exposure sends the low 16
+// bits of each parameter.
+std::string sent_text(const Control &control, const std::vector<uint32_t> &values)
+{
+    std::string text;
+    for (uint32_t value : values) {
+        uint32_t sent = std::string(control.name) == "mec" ? (value & 0xffffu) : value;
+        text += (text.empty() ? "" : " ") + std::to_string(sent);
+    }
+    std::string cut;
+    for (uint32_t value : values)
+        if (std::string(control.name) == "mec" && value > 0xffffu)
+            cut += (cut.empty() ? "" : ", ") + std::to_string(value) + " as " + std::to_string(value & 0xffffu);
+    if (!cut.empty())
+        text += "; only the low 16 bits of each are sent: " + cut;
+    return text;
+}
+
+// Why a value read back differs from the one set, where the library says so.
+std::string read_back_note(const Control &control, const std::vector<uint32_t> &values, const std::string &read)
+{
+    if (std::string(control.name) == "aec" && values[0] > 1 && read == "1")
+        return "the driver holds exposure mode " + std::to_string(values[0]) +
+               "; the library reads every mode other than 0 (auto) back as 1";
+    return "";
+}
+
 int run_get(const ControlOptions &options)
 {
     const Control *control = find_control(options.control);
@@ -36,14 +64,14 @@ int run_get(const ControlOptions &options)
         return report_usage(options.control + " can only be set: " + control->values);
 
     CameraHandle camera;
-    int result = camera.open(options.camera, options.mode);
-    if (result != ISP_OK)
-        return report_failure("camera " + std::to_string(options.camera), result);
+    int status = camera.open(options.camera, options.mode);
+    if (status != kExitOk)
+        return status;
 
     std::string value;
-    result = control->read(camera.get(), &value);
-    if (result != ISP_OK)
-        return report_failure("camera " + std::to_string(options.camera) + ": reading " + control->name, result);
+    CallResult read = call_library([&] { return control->read(camera.get(), &value); });
+    if (read.result != ISP_OK)
+        return report_failure(camera_context(options.camera), std::string("reading ") + control->name, read);
     printf("%s: %s\n", control->name, value.c_str());
     return kExitOk;
 }
@@ -65,27 +93,32 @@ int run_set(const ControlOptions &options)
     }
 
     CameraHandle camera;
-    int result = camera.open(options.camera, options.mode);
-    if (result != ISP_OK)
-        return report_failure("camera " + std::to_string(options.camera), result);
+    int status = camera.open(options.camera, options.mode);
+    if (status != kExitOk)
+        return status;
 
-    result = control->write(camera.get(), values.data());
-    if (result != ISP_OK) {
-        std::string context = "camera " + std::to_string(options.camera) + ": setting " + control->name;
-        if (result == ISP_ERR_INVALID)
-            context += " (" + std::string(control->values) + ")";
-        return report_failure(context, result);
+    CallResult written = call_library([&] { return control->write(camera.get(), values.data()); });
+    if (written.result != ISP_OK) {
+        std::string what = std::string("setting ") + control->name;
+        if (written.result == ISP_ERR_INVALID)
+            what += " (" + std::string(control->values) + ")";
+        return report_failure(camera_context(options.camera), what, written);
     }
     // Read the value back: the driver may keep something else than what
     // was sent, and this is what the camera now uses.
-    if (control->read == nullptr)
+    if (control->read == nullptr) {
+        // Nothing to read back: say what was sent, as the driver got it.
+        printf("%s: %s (sent; the driver cannot be asked back)\n", control->name, sent_text(*control, values).c_str());
         return kExitOk;
+    }
     std::string value;
-    result = control->read(camera.get(), &value);
-    if (result != ISP_OK)
-        return report_failure("camera " + std::to_string(options.camera) + ": reading " + control->name + " back",
-                              result);
+    CallResult read = call_library([&] { return control->read(camera.get(), &value); });
+    if (read.result != ISP_OK)
+        return report_failure(camera_context(options.camera), std::string("reading ") + control->name + " back", read);
     printf("%s: %s\n", control->name, value.c_str());
+    std::string note = read_back_note(*control, values, value);
+    if (!note.empty())
+        printf("note: %s\n", note.c_str());
     return kExitOk;
 }
 
@@ -93,13 +126,13 @@ CLI::App *add_control_command(CLI::App &app, const char *name, const char *descr
                               const std::shared_ptr<ControlOptions> &options)
 {
     CLI::App *command = app.add_subcommand(name, description);
-    command->add_option("-c,--camera", options->camera, "Camera number")->required()->check(CLI::Range(0, 11));
+    command->add_option("-c,--camera", options->camera, "Camera number")->required()->check(camera_number());
     command->add_option("--mode", options->mode, "Open mode: 1 (/dev/videoN) or 2 (/dev/video<N+12>)")
-        ->check(CLI::IsMember({1, 2}))
+        ->check(one_of({"1", "2"}, "an open mode"))
         ->capture_default_str();
     command->add_option("control", options->control, control_help())
         ->required()
-        ->check(CLI::IsMember(control_names()));
+        ->check(one_of(control_names(), "a control"));
     return command;
 }
 

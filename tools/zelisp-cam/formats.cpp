@@ -23,6 +23,29 @@ std::string fourcc_name(uint32_t fourcc)
     return name;
 }
 
+uint32_t fourcc_from_name(const std::string &name)
+{
+    std::string upper;
+    for (char c : name)
+        upper += char(toupper(static_cast<unsigned char>(c)));
+    for (uint32_t fourcc : {kFourccNV12, kFourccNV21, kFourccYUYV, kFourccRGB24, kFourccGREY})
+        if (upper == fourcc_name(fourcc))
+            return fourcc;
+    return upper == "RGB24" ? kFourccRGB24 : 0;
+}
+
+size_t row_bytes(const zelvideo::_view_format_t &format)
+{
+    switch (format.format) {
+    case kFourccYUYV:
+        return size_t(format.width) * 2;
+    case kFourccRGB24:
+        return size_t(format.width) * 3;
+    default:
+        return format.width;
+    }
+}
+
 size_t image_bytes(const zelvideo::_view_format_t &format)
 {
     size_t pixels = size_t(format.width) * format.height;

@@ -27,9 +27,16 @@ constexpr uint32_t kFourccGREY = make_fourcc('G', 'R', 'E', 'Y');
 // "NV12", or "0x%08x" for a code that is not four printable characters.
 std::string fourcc_name(uint32_t fourcc);
 
+// The code of a format the tool can convert, from its name ("NV12", "nv12",
+// "RGB3" or "RGB24"); 0 for any other name.
+uint32_t fourcc_from_name(const std::string &name);
+
 // Bytes of one image of this format with rows of exactly `width` pixels
 // (the layout the ISP writes); 0 for a format the tool does not know.
 size_t image_bytes(const zelvideo::_view_format_t &format);
+
+// Bytes per row of the image's first plane (luma for NV12/NV21).
+size_t row_bytes(const zelvideo::_view_format_t &format);
 
 // "NV12 1920x1080"
 std::string describe(const zelvideo::_view_format_t &format);

@@ -25,14 +25,16 @@ std::string FrameFiles::prepare()
 
 std::string FrameFiles::path_for(int camera, const ViewSlot &view, uint32_t sequence) const
 {
-    std::string extension = "png";
+    char name[128];
     if (options_.format == "raw") {
-        extension = fourcc_name(view.format.format);
-        for (char &c : extension)
-            c = char(tolower(static_cast<unsigned char>(c)));
+        // Everything needed to read the bytes back: format, size and the
+        // bytes per row of the first plane.
+        snprintf(name, sizeof name, "cam%d-view%d-%s-%ux%u-s%zu-%06u.raw", camera, view.view,
+                 fourcc_name(view.format.format).c_str(), view.format.width, view.format.height,
+                 row_bytes(view.format), sequence);
+    } else {
+        snprintf(name, sizeof name, "cam%d-view%d-%06u.png", camera, view.view, sequence);
     }
-    char name[64];
-    snprintf(name, sizeof name, "cam%d-view%d-%06u.%s", camera, view.view, sequence, extension.c_str());
     return (std::filesystem::path(options_.out_dir) / name).string();
 }
 

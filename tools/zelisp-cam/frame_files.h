@@ -4,7 +4,8 @@
  * as PNG, the contact sheet, and the names of everything written.
  *
  * Names carry the camera, the view and the frame's sequence number:
- * cam<C>-view<V>-<SEQUENCE>.png, or .nv12/.yuyv/... for raw files.
+ * cam<C>-view<V>-<SEQUENCE>.png; raw files also the format, the size and
+ * the bytes per row: cam0-view1-NV12-1280x720-s1280-000042.raw.
  */
 #ifndef ZELISP_CAM_FRAME_FILES_H
 #define ZELISP_CAM_FRAME_FILES_H

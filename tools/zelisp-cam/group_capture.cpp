@@ -1,12 +1,14 @@
 // group_capture.cpp - capturing from the cameras as one group: opened, set
 // up and started together, then read one frame set at a time (one frame per
 // member, in member order) and given back a set at a time.
+#include <cstdio>
 #include <string>
 #include <vector>
 
 #include "camera_handle.h"
 #include "capture_loops.h"
 #include "tool_errors.h"
+#include "view_formats.h"
 
 namespace zcam {
 namespace {
@@ -49,54 +51,94 @@ struct GroupCapture {
 
 std::string member_context(const GroupCapture &capture, size_t position)
 {
-    return "camera " + std::to_string(capture.run.options.cameras[position]);
+    return camera_context(capture.run.options.cameras[position]);
+}
+
+// The camera a group could not be made with: the creator answers with one
+// code for the whole group, so each camera is looked up in the platform's
+// table and at its node to name the one that is missing.
+void report_missing_members(const CaptureOptions &options)
+{
+    uint32_t count = 0, reported = 0;
+    zelvideo::_camera_info_t table[12] = {};
+    if (isp_get_valid_camera_count(&count) != ISP_OK ||
+        isp_get_valid_camera_info(table, count > 12 ? 12 : count, &reported) != ISP_OK)
+        return;
+    for (int camera : options.cameras) {
+        bool listed = false;
+        for (uint32_t i = 0; i < count && i < 12; ++i)
+            listed = listed || table[i].camera_index == camera;
+        if (!listed) {
+            fprintf(stderr, "zelisp-cam: camera %d is not in the platform's valid-camera table\n", camera);
+            continue;
+        }
+        OpenFailure failure = judge_open_failure(camera, options.mode);
+        if (failure.result == ISP_ERR_NO_NODE || failure.result == ISP_ERR_INVALID)
+            fprintf(stderr, "zelisp-cam: camera %d: %s\n", camera, failure.reason.c_str());
+    }
 }
 
 int set_up(GroupCapture &capture)
 {
     const CaptureOptions &options = capture.run.options;
     const std::vector<int> &cameras = options.cameras;
-    int result = capture.group.create(cameras);
-    if (result != ISP_OK)
-        return report_failure("creating the group", result);
+    CallResult created = call_library([&] { return capture.group.create(cameras); });
+    if (created.result != ISP_OK) {
+        int status = report_failure("the group", "isp_create_video_group", created);
+        report_missing_members(options);
+        return status;
+    }
+    int result = ISP_OK;
     unsigned long group = capture.group.get();
 
     capture.members.resize(cameras.size());
     for (size_t i = 0; i < cameras.size(); ++i) {
         if ((result = isp_group_get_camera_handle(group, cameras[i], &capture.members[i])) != ISP_OK)
-            return report_failure(member_context(capture, i), result);
+            return report_failure(member_context(capture, i), "isp_group_get_camera_handle", result);
         // A resize is stored in the camera object before its set-up.
         if (options.resize && (result = isp_resize_resolution(capture.members[i], &*options.resize)) != ISP_OK)
-            return report_failure(member_context(capture, i) + ": storing the resize", result);
+            return report_failure(member_context(capture, i), "isp_resize_resolution", result);
     }
 
     std::vector<int> open_results(cameras.size(), 0);
     if ((result = isp_group_open_video(group, options.mode, open_results.data())) != ISP_OK) {
-        for (size_t i = 0; i < cameras.size(); ++i)
-            if (open_results[i] != ISP_OK)
-                report_failure(member_context(capture, i), open_results[i]);
-        return report_failure("opening the group", result);
+        for (size_t i = 0; i < cameras.size(); ++i) {
+            if (open_results[i] == ISP_OK)
+                continue;
+            OpenFailure failure = judge_open_failure(cameras[i], options.mode);
+            report_failure_because(member_context(capture, i), "isp_group_open_video", open_results[i],
+                                   failure.reason);
+        }
+        return report_failure("the group", "isp_group_open_video", result);
     }
-    if ((result = isp_group_init_video(group, options.combination(), uint32_t(options.buffers))) != ISP_OK)
-        return report_failure("setting the group's streams up", result);
+    // Each member's own call: the group's view-format call answers 0 even
+    // when a member refuses.
+    for (size_t i = 0; i < cameras.size(); ++i) {
+        int status = apply_view_formats(capture.members[i], cameras[i], options.view_formats);
+        if (status != kExitOk)
+            return status;
+    }
+    CallResult init =
+        call_library([&] { return isp_group_init_video(group, options.combination(), uint32_t(options.buffers)); });
+    if (init.result != ISP_OK)
+        return report_failure("the group", "isp_group_init_video", init);
 
     for (size_t i = 0; i < cameras.size(); ++i) {
         CapturedCamera captured = {cameras[i], node_path(cameras[i], options.mode), {},
                                    CameraStats(cameras[i], DecimationRule())};
         if ((result = read_view_formats(capture.members[i], options, &captured.views)) != ISP_OK)
-            return report_failure(member_context(capture, i) + ": reading the view formats", result);
+            return report_failure(member_context(capture, i), "isp_get_view_format", result);
         capture.run.cameras.push_back(std::move(captured));
+        int status = check_setup(capture.run, capture.members[i], cameras[i]);
+        if (status != kExitOk)
+            return status;
     }
 
-    // The group keeps /dev/isp_misc open and sends the trigger mode on it.
-    // These calls always answer 0; a refusal shows only in the library's line.
-    if (options.trigger) {
-        const TriggerSetting &t = *options.trigger;
-        if (t.external)
-            isp_group_set_external_trigger(group, t.param1, t.param2, t.param3);
-        else
-            isp_group_set_internal_trigger(group, t.param1, t.param2, t.param3);
-    }
+    // The group's own trigger calls answer 0 whatever the platform driver
+    // says, so a refusal would show only as members out of step. The mode
+    // is one setting of the platform, so it is sent through the first
+    // member's handle, whose call answers with the driver's verdict.
+    set_trigger(capture.run, capture.members.front());
     capture.frames.resize(cameras.size());
     capture.held.resize(cameras.size());
     return kExitOk;
@@ -112,7 +154,7 @@ int give_back_partial_set(GroupCapture &capture, size_t failed_position)
         camera.stats.accept(frame_sequence(camera, capture.frames[i]), frame_timestamp(camera, capture.frames[i]));
         int result = isp_put_frame_buf(capture.members[i], &capture.frames[i]);
         if (result != ISP_OK)
-            return report_failure(member_context(capture, i) + ": giving a frame back", result);
+            return report_failure(member_context(capture, i), "isp_put_frame_buf", result);
     }
     if (failed_position > 0)
         capture.run.sets->incomplete();
@@ -136,12 +178,12 @@ int take_set(GroupCapture &capture)
         if (result == ISP_ERR_NOT_READY)
             return kExitOk; // Ctrl-C
         if (result != ISP_ERR_REQUEST || failed == capture.frames.size())
-            return report_failure(member_context(capture, failed < capture.frames.size() ? failed : 0) +
-                                      ": reading a frame set",
-                                  result);
+            return report_failure(member_context(capture, failed < capture.frames.size() ? failed : 0),
+                                  "isp_group_get_sync_frame", result);
         run.cameras[failed].stats.refuse();
         if (++capture.refusals_in_a_row > kMaxRefusalsInARow)
-            return report_failure(member_context(capture, failed) + ": " + std::to_string(kMaxRefusalsInARow) +
+            return report_failure(member_context(capture, failed),
+                                  "isp_group_get_sync_frame: " + std::to_string(kMaxRefusalsInARow) +
                                       " frame sets refused in a row",
                                   result);
         return kExitOk;
@@ -160,7 +202,7 @@ int take_set(GroupCapture &capture)
     if (capture.holding) {
         result = zelvideo::isp_group_put_frame(capture.group.get(), capture.held.data(), int(capture.held.size()));
         if (result != ISP_OK)
-            return report_failure("giving a frame set back", result);
+            return report_failure("the group", "isp_group_put_frame", result);
     }
     capture.held.swap(capture.frames);
     capture.holding = true;
@@ -191,7 +233,7 @@ int run_group_capture(CaptureRun &run)
     unsigned long group = capture.group.get();
     int result = isp_group_start_captrue(group);
     if (result != ISP_OK)
-        return report_failure("starting the group's capture", result);
+        return report_failure("the group", "isp_group_start_captrue", result);
 
     run.start_clock();
     status = frame_loop(capture);
@@ -199,7 +241,7 @@ int run_group_capture(CaptureRun &run)
 
     result = isp_group_stop_captrue(group);
     if (result != ISP_OK && status == kExitOk)
-        status = report_failure("stopping the group's capture", result);
+        status = report_failure("the group", "isp_group_stop_captrue", result);
     // The buffers stay mapped until the close: write the last set now.
     for (size_t i = 0; status == kExitOk && capture.holding && i < capture.held.size(); ++i) {
         CapturedCamera &camera = run.cameras[i];

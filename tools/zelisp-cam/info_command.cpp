@@ -7,12 +7,16 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "camera_handle.h"
+#include "capture_options.h"
+#include "cli_checks.h"
 #include "commands.h"
 #include "controls.h"
 #include "formats.h"
 #include "tool_errors.h"
+#include "view_formats.h"
 #include "zelisp.h"
 
 namespace zcam {
@@ -21,6 +25,7 @@ namespace {
 struct InfoOptions {
     int camera = 0;
     int mode = 1;
+    std::vector<std::string> view_format_texts;
 };
 
 // The ISP driver answers VIDIOC_ENUMINPUT with the view combination it
@@ -55,12 +60,22 @@ std::string views_of(uint32_t combination)
 
 int run_info(const InfoOptions &options)
 {
-    CameraHandle camera;
-    int result = camera.open(options.camera, options.mode);
-    if (result != ISP_OK)
-        return report_failure("camera " + std::to_string(options.camera), result);
+    // Every check of the tool's own comes before the camera is touched.
+    std::vector<ViewFormatRequest> requests;
+    std::string error;
+    if (!parse_view_formats(options.view_format_texts, &requests, &error))
+        return report_usage(error);
+    for (const ViewFormatRequest &request : requests)
+        if (options.mode == 2 && request.view != 0)
+            return report_usage("--view-format: the mode 2 node carries view 0 only");
 
-    int status = kExitOk;
+    CameraHandle camera;
+    int status = camera.open(options.camera, options.mode);
+    if (status != kExitOk)
+        return status;
+    if ((status = apply_view_formats(camera.get(), options.camera, requests)) != kExitOk)
+        return status;
+    int result = ISP_OK;
     printf("camera %d: %s (mode %d)\n", options.camera, camera.path().c_str(), options.mode);
 
     uint32_t combination = 0;
@@ -79,6 +94,15 @@ int run_info(const InfoOptions &options)
             printf("  view %u: %s (%d)\n", view, isp_get_result_text(result), result);
             status = exit_status(result);
         }
+    }
+
+    std::vector<std::string> mismatches;
+    int checked = check_view_formats(camera.get(), options.camera, requests, &mismatches);
+    if (checked != kExitOk)
+        status = checked;
+    for (const std::string &mismatch : mismatches) {
+        report_warning(mismatch);
+        status = kExitViewNotHonoured;
     }
 
     printf("controls:\n");
@@ -106,10 +130,14 @@ void add_info_command(CLI::App &app, int *status)
     auto options = std::make_shared<InfoOptions>();
     CLI::App *info = app.add_subcommand(
         "info", "Show one camera's view formats, its supported view combination and every control's value.");
-    info->add_option("-c,--camera", options->camera, "Camera number")->required()->check(CLI::Range(0, 11));
+    info->add_option("-c,--camera", options->camera, "Camera number")->required()->check(camera_number());
     info->add_option("--mode", options->mode, "Open mode: 1 (/dev/videoN, three views) or 2 (/dev/video<N+12>)")
-        ->check(CLI::IsMember({1, 2}))
+        ->check(one_of({"1", "2"}, "an open mode"))
         ->capture_default_str();
+    info->add_option("--view-format", options->view_format_texts,
+                     "Ask the driver for these view formats first, e.g. 1=NV12:1280x720 (comma separated)")
+        ->type_name("VIEW=FOURCC:WxH[,...]")
+        ->delimiter(',');
     info->callback([options, status] { *status = run_info(*options); });
 }
 

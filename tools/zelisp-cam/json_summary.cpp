@@ -1,9 +1,22 @@
 // json_summary.cpp - the capture summary as JSON.
 #include "json_summary.h"
 
+#include <cmath>
+
 #include "formats.h"
 
 namespace zcam {
+
+namespace {
+
+// Figures to the precision they mean: frame rates to 0.01 fps, times to the
+// millisecond, the mean skew to 0.1 µs.
+double rounded(double value, double scale)
+{
+    return std::round(value * scale) / scale;
+}
+
+} // namespace
 
 nlohmann::json summary_json(const CaptureRun &run)
 {
@@ -21,7 +34,7 @@ nlohmann::json summary_json(const CaptureRun &run)
                            {"node", camera.node},
                            {"views", views},
                            {"frames", s.frames()},
-                           {"fps", s.fps()},
+                           {"fps", rounded(s.fps(), 100)},
                            {"refused", s.refused()},
                            {"dropped", s.dropped()},
                            {"decimated", s.decimated()},
@@ -31,14 +44,15 @@ nlohmann::json summary_json(const CaptureRun &run)
 
     json summary = {{"library", isp_get_sdk_version()},
                     {"how", run.sets ? "group" : (run.cameras.size() > 1 ? "wait" : "single")},
-                    {"seconds", run.seconds},
+                    {"seconds", rounded(run.seconds, 1000)},
                     {"interrupted", run.interrupted},
                     {"cameras", cameras}};
     if (run.sets)
         summary["group"] = {{"frame_sets", run.sets->sets()},
                             {"incomplete_sets", run.sets->incomplete_sets()},
                             {"skew_max_us", run.sets->max_skew_us()},
-                            {"skew_mean_us", run.sets->mean_skew_us()}};
+                            {"skew_mean_us", rounded(run.sets->mean_skew_us(), 10)}};
+    summary["problems"] = run.problems;
     if (run.options.writes_files()) {
         summary["files"] = run.files.written();
         summary["contact_sheet"] = run.files.contact_sheet().empty() ? json(nullptr) : json(run.files.contact_sheet());

@@ -31,7 +31,7 @@ int run_list()
     uint32_t count = 0;
     int result = isp_get_valid_camera_count(&count);
     if (result != ISP_OK)
-        return report_failure("reading the valid-camera table", result);
+        return report_failure("the valid-camera table", "isp_get_valid_camera_count", result);
     if (count > kMaxCameras)
         count = kMaxCameras;
 
@@ -39,7 +39,7 @@ int run_list()
     uint32_t reported = 0;
     result = isp_get_valid_camera_info(info, count, &reported);
     if (result != ISP_OK)
-        return report_failure("reading the valid-camera table", result);
+        return report_failure("the valid-camera table", "isp_get_valid_camera_info", result);
 
     printf("%u valid camera%s\n", count, count == 1 ? "" : "s");
     if (count == 0)

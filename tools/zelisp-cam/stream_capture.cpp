@@ -9,6 +9,7 @@
 #include "camera_handle.h"
 #include "capture_loops.h"
 #include "tool_errors.h"
+#include "view_formats.h"
 
 namespace zcam {
 namespace {
@@ -23,51 +24,39 @@ struct Stream {
     int refusals_in_a_row = 0;
 };
 
-std::string camera_context(int camera)
-{
-    return "camera " + std::to_string(camera);
-}
-
 int set_up(CaptureRun &run, Stream &stream, int camera)
 {
     const CaptureOptions &options = run.options;
-    int result = stream.handle.open(camera, options.mode);
-    if (result != ISP_OK)
-        return report_failure(camera_context(camera), result);
+    int status = stream.handle.open(camera, options.mode);
+    if (status != kExitOk)
+        return status;
     unsigned long handle = stream.handle.get();
-    if (options.resize && (result = isp_resize_resolution(handle, &*options.resize)) != ISP_OK)
-        return report_failure(camera_context(camera) + ": storing the resize", result);
+    const std::string context = camera_context(camera);
+    if ((status = apply_view_formats(handle, camera, options.view_formats)) != kExitOk)
+        return status;
+    CallResult call;
+    if (options.resize &&
+        (call = call_library([&] { return isp_resize_resolution(handle, &*options.resize); })).result != ISP_OK)
+        return report_failure(context, "isp_resize_resolution", call);
     if (options.drop &&
-        (result = isp_set_frame_drop_num(handle, options.drop->total, options.drop->drop)) != ISP_OK)
-        return report_failure(camera_context(camera) + ": frame decimation " + std::to_string(options.drop->total) +
-                                  "/" + std::to_string(options.drop->drop) + " (the ratio must be one frame in N)",
-                              result);
-    if ((result = isp_init_video(handle, options.combination(), options.buffers)) != ISP_OK)
-        return report_failure(camera_context(camera) + ": setting the stream up", result);
+        (call = call_library([&] { return isp_set_frame_drop_num(handle, options.drop->total, options.drop->drop); }))
+                .result != ISP_OK)
+        return report_failure(context,
+                              "isp_set_frame_drop_num " + std::to_string(options.drop->total) + "/" +
+                                  std::to_string(options.drop->drop) + " (the ratio must be one frame in N)",
+                              call);
+    if ((call = call_library([&] { return isp_init_video(handle, options.combination(), options.buffers); }))
+            .result != ISP_OK)
+        return report_failure(context, "isp_init_video", call);
 
     CapturedCamera captured = {camera, stream.handle.path(), {},
                                CameraStats(camera, options.drop ? DecimationRule(*options.drop) : DecimationRule())};
-    if ((result = read_view_formats(handle, options, &captured.views)) != ISP_OK)
-        return report_failure(camera_context(camera) + ": reading the view formats", result);
+    int result = read_view_formats(handle, options, &captured.views);
+    if (result != ISP_OK)
+        return report_failure(context, "isp_get_view_format", result);
     stream.slot = run.cameras.size();
     run.cameras.push_back(std::move(captured));
-    return kExitOk;
-}
-
-// The trigger record names no camera: one request sets the mode for the
-// platform, so it is sent once, through the first camera's handle.
-int set_trigger(const CaptureOptions &options, unsigned long handle)
-{
-    if (!options.trigger)
-        return kExitOk;
-    const TriggerSetting &t = *options.trigger;
-    int result = t.external ? isp_set_external_trigger(handle, t.param1, t.param2, t.param3)
-                            : isp_set_internal_trigger(handle, t.param1, t.param2, t.param3);
-    if (result != ISP_OK)
-        return report_failure(std::string("setting the ") + (t.external ? "external" : "internal") +
-                                  " trigger (parameters 0..2, 0..7" + (t.external ? ", 0..2)" : ", any)"),
-                              result);
-    return kExitOk;
+    return check_setup(run, handle, camera);
 }
 
 // Takes one frame from a camera. Returns kExitOk to go on, or a reported
@@ -83,22 +72,22 @@ int take_frame(CaptureRun &run, Stream &stream, FrameGetter get, int timeout_ms)
         // why and queued the buffer again), or the dequeue itself failed.
         camera.stats.refuse();
         if (++stream.refusals_in_a_row > kMaxRefusalsInARow)
-            return report_failure(camera_context(camera.camera) + ": " + std::to_string(kMaxRefusalsInARow) +
-                                      " frames refused in a row",
+            return report_failure(camera_context(camera.camera),
+                                  "isp_get_frame_buf: " + std::to_string(kMaxRefusalsInARow) + " frames refused in a row",
                                   result);
         return kExitOk;
     }
     if (result == ISP_ERR_NOT_READY)
         return kExitOk; // nothing ready after all, or Ctrl-C
     if (result != ISP_OK)
-        return report_failure(camera_context(camera.camera) + ": taking a frame", result);
+        return report_failure(camera_context(camera.camera), "taking a frame", result);
 
     stream.refusals_in_a_row = 0;
     std::string error = run.accept(camera, frame);
     if (!error.empty())
         return report_output_failure(run.files.failed_path(), error);
     if (stream.holding && (result = isp_put_frame_buf(handle, &stream.held)) != ISP_OK)
-        return report_failure(camera_context(camera.camera) + ": giving a frame back", result);
+        return report_failure(camera_context(camera.camera), "isp_put_frame_buf", result);
     stream.held = frame;
     stream.holding = true;
     return kExitOk;
@@ -115,7 +104,7 @@ int wait_and_take(CaptureRun &run, std::vector<Stream *> &active, FrameGetter ge
     if (result == ISP_ERR_WAIT_INTERRUPTED)
         return kExitOk;
     if (result < 0)
-        return report_failure("waiting for frames from " + std::to_string(active.size()) + " cameras", result);
+        return report_failure(std::to_string(active.size()) + " cameras", "isp_camera_wait_for_data", result);
     for (size_t i = 0; i < active.size(); ++i) {
         // The node is readable: a frame is there, so the getter need not wait.
         if (ready[i]) {
@@ -156,14 +145,16 @@ int run_stream_capture(CaptureRun &run)
         if (status != kExitOk)
             return status;
     }
-    int status = set_trigger(run.options, streams.front().handle.get());
-    if (status != kExitOk)
-        return status;
+    // The trigger record names no camera: one request sets the mode for the
+    // platform, so it is sent once, through the first camera's handle.
+    set_trigger(run, streams.front().handle.get());
     for (Stream &stream : streams) {
-        int result = isp_start_capture(stream.handle.get());
-        if (result != ISP_OK)
-            return report_failure(camera_context(stream.handle.camera()) + ": starting the capture", result);
+        CallResult start = call_library([&] { return isp_start_capture(stream.handle.get()); });
+        if (start.result != ISP_OK)
+            return report_failure(camera_context(stream.handle.camera()), "isp_start_capture", start);
     }
+
+    int status = kExitOk;
 
     run.start_clock();
     status = frame_loop(run, streams);
@@ -172,7 +163,7 @@ int run_stream_capture(CaptureRun &run)
     for (Stream &stream : streams) {
         int result = isp_stop_capture(stream.handle.get());
         if (result != ISP_OK && status == kExitOk)
-            status = report_failure(camera_context(stream.handle.camera()) + ": stopping the capture", result);
+            status = report_failure(camera_context(stream.handle.camera()), "isp_stop_capture", result);
     }
     // Streaming is off but the buffers stay mapped until the camera is
     // closed, so the frames still held can be written now, off the clock.

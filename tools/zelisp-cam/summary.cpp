@@ -43,6 +43,8 @@ void print_summary(FILE *out, const CaptureRun &run)
         if (!run.files.contact_sheet().empty())
             fprintf(out, "contact sheet: %s\n", run.files.contact_sheet().c_str());
     }
+    for (const std::string &problem : run.problems)
+        fprintf(out, "not as asked: %s\n", problem.c_str());
     fflush(out);
 }
 

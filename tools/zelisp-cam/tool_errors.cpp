@@ -6,18 +6,53 @@
 #include "zelisp.h"
 
 namespace zcam {
+namespace {
+
+// The codes whose failure is a system request the library made and then
+// explained with perror; for the others errno means nothing.
+bool is_system_failure(int result)
+{
+    switch (result) {
+    case ISP_ERR_SELECT:
+    case ISP_ERR_OPEN:
+    case ISP_ERR_CLOSE:
+    case ISP_ERR_REQUEST:
+    case ISP_ERR_MAP:
+        return true;
+    default:
+        return false;
+    }
+}
+
+} // namespace
 
 int exit_status(int result)
 {
     return result < 0 ? -result : kExitOk;
 }
 
-int report_failure(const std::string &context, int result)
+int report_failure(const std::string &context, const std::string &call, int result, int system_error)
 {
     // The library prints its own device lines on standard output; flush them
     // first so that our sentence comes after the lines it explains.
     fflush(stdout);
-    fprintf(stderr, "zelisp-cam: %s: %s (%d)\n", context.c_str(), isp_get_result_text(result), result);
+    std::string sentence = "zelisp-cam: " + context + ": " + call + ": " + isp_get_result_text(result) + " (" +
+                           std::to_string(result) + ")";
+    // errno after the call only says that a system request failed: the
+    // library may have made other calls since, so the line it printed at
+    // the failure is the one to trust.
+    if (system_error != 0 && is_system_failure(result))
+        sentence += "; the system error is in the library's line above";
+    fprintf(stderr, "%s\n", sentence.c_str());
+    return exit_status(result);
+}
+
+int report_failure_because(const std::string &context, const std::string &call, int result,
+                           const std::string &reason)
+{
+    fflush(stdout);
+    fprintf(stderr, "zelisp-cam: %s: %s: %s (%d); %s\n", context.c_str(), call.c_str(), isp_get_result_text(result),
+            result, reason.c_str());
     return exit_status(result);
 }
 
@@ -32,6 +67,12 @@ int report_output_failure(const std::string &path, const std::string &why)
     fflush(stdout);
     fprintf(stderr, "zelisp-cam: cannot write %s: %s\n", path.c_str(), why.c_str());
     return kExitOutput;
+}
+
+void report_warning(const std::string &message)
+{
+    fflush(stdout);
+    fprintf(stderr, "zelisp-cam: warning: %s\n", message.c_str());
 }
 
 } // namespace zcam

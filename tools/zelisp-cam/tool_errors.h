@@ -4,8 +4,10 @@
  *
  * A failed library call exits with the magnitude of its result (1..17), so a
  * script can tell "no frame within the time limit" (13) from "a driver
- * request failed" (11) without reading the text. The two statuses of the
- * tool's own (64, 73) are those of sysexits.h.
+ * request failed" (11) without reading the text. A capture that ran but did
+ * not get what it asked for (a trigger mode, a view format, a resize) exits
+ * with 20..22, and the two statuses of the tool's own (64, 73) are those of
+ * sysexits.h.
  */
 #ifndef ZELISP_CAM_TOOL_ERRORS_H
 #define ZELISP_CAM_TOOL_ERRORS_H
@@ -15,14 +17,37 @@
 namespace zcam {
 
 constexpr int kExitOk = 0;
-constexpr int kExitUsage = 64;  // EX_USAGE: the command line is wrong
-constexpr int kExitOutput = 73; // EX_CANTCREAT: an output file could not be written
+constexpr int kExitTriggerRefused = 20;    // the cameras ran free: not in step
+constexpr int kExitViewNotHonoured = 21;   // a view's format is not the one --view-format asked for
+constexpr int kExitResizeNotHonoured = 22; // view 1's size is not what --resize asked for
+constexpr int kExitUsage = 64;             // EX_USAGE: the command line is wrong
+constexpr int kExitOutput = 73;            // EX_CANTCREAT: an output file could not be written
 
 // Exit status of a library result: 0 for success, else its magnitude.
 int exit_status(int result);
 
-// "zelisp-cam: <context>: <the library's sentence> (<result>)"; returns exit_status(result).
-int report_failure(const std::string &context, int result);
+// The result of a library call together with errno as the call left it
+// (cleared before the call), so that a system error the library met, and
+// printed with perror, can be named in the tool's sentence.
+struct CallResult {
+    int result = 0;
+    int system_error = 0;
+};
+template <typename Call> CallResult call_library(Call &&call);
+
+// "zelisp-cam: <context>: <call>: <the library's sentence> (<result>)", and
+// for the codes that stand for a failed system request, a pointer to the
+// system error the library printed ("; the system error is in the
+// library's line above"). Returns exit_status(result).
+int report_failure(const std::string &context, const std::string &call, int result, int system_error = 0);
+inline int report_failure(const std::string &context, const std::string &call, CallResult call_result)
+{
+    return report_failure(context, call, call_result.result, call_result.system_error);
+}
+
+// The same sentence with the tool's own finding on the cause: "...; <reason>".
+int report_failure_because(const std::string &context, const std::string &call, int result,
+                           const std::string &reason);
 
 // "zelisp-cam: <message>" plus a pointer to --help; returns kExitUsage.
 int report_usage(const std::string &message);
@@ -30,6 +55,20 @@ int report_usage(const std::string &message);
 // "zelisp-cam: cannot write <path>: <why>"; returns kExitOutput.
 int report_output_failure(const std::string &path, const std::string &why);
 
+// "zelisp-cam: warning: <message>" for what a run did not get as asked.
+void report_warning(const std::string &message);
+
 } // namespace zcam
+
+#include <cerrno>
+
+template <typename Call> zcam::CallResult zcam::call_library(Call &&call)
+{
+    errno = 0;
+    CallResult outcome;
+    outcome.result = call();
+    outcome.system_error = outcome.result < 0 ? errno : 0;
+    return outcome;
+}
 
 #endif

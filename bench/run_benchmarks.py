@@ -38,8 +38,8 @@ def section_modules():
 
 FRAME_BATCH = 256
 CALLGRIND_FRAMES = 20000
-IR_GOAL = 500  # "a few hundred at most"
-RATIO_GOAL = 1.05
+IR_GOAL = 220  # the loop's unavoidable work is about 190
+RATIO_GOAL = 1.03  # in every repetition, not only the median
 
 
 def log(text):
@@ -327,23 +327,30 @@ def write_report(path, figures, started, finished):
     add("")
     add("| Measure | Figure | Goal | |")
     add("|---|---|---|---|")
+    # A verdict on a time ratio holds only with its spread: every repetition
+    # must meet the goal, not only the median.
+    low, high = min(f["ratios_poll"]), max(f["ratios_poll"])
     add(f"| Frame path CPU time, library / hand-written loop with the same requests (poll, DQBUF, QBUF) | "
-        f"{f['ratio_poll']:.3f} ({f['paired']['library']:.0f} vs {f['paired']['poll_loop']:.0f} ns a frame) | "
-        f"≤ {RATIO_GOAL:.2f} | {verdict(f['ratio_poll'] <= RATIO_GOAL)} |")
+        f"{f['ratio_poll']:.3f}, {low:.3f} to {high:.3f} over {len(f['ratios_poll'])} repetitions "
+        f"({f['paired']['library']:.0f} vs {f['paired']['poll_loop']:.0f} ns a frame) | "
+        f"≤ {RATIO_GOAL:.2f} in every repetition | {verdict(high <= RATIO_GOAL)} |")
     add(f"| Frame path CPU time, library / classic select loop (select, DQBUF, QBUF) | "
         f"{f['ratio_select']:.3f} ({f['paired']['library']:.0f} vs {f['paired']['select_loop']:.0f} ns a frame) | "
-        f"≤ {RATIO_GOAL:.2f} | {verdict(f['ratio_select'] <= RATIO_GOAL)} |")
+        f"information: the library waits with poll | |")
     add(f"| Library's own instructions a frame (get + put, callgrind, libzelisp.so only) | {lib_ir:.0f} "
-        f"(hand-written loop's own: {poll_ir:.0f}) | a few hundred at most (≤ {IR_GOAL}) | {verdict(lib_ir <= IR_GOAL)} |")
+        f"(hand-written loop's own: {poll_ir:.0f}) | ≤ {IR_GOAL} | {verdict(lib_ir <= IR_GOAL)} |")
     allocation_free = (f["library_own_allocs"] == 0 and not cg["library_calls_alloc_or_copy"]
                        and not cg["library_reaches"]["hits"])
     add(f"| Heap allocations a frame by the library | {f['library_own_allocs']:g} | 0 | {verdict(allocation_free)} |")
     add(f"| Image bytes read, written or copied by the library a frame | {pages * 4096 if pages else 0} | 0 | "
         f"{verdict(pages == 0 and f['guard_check_pages'] == 1)} |")
-    add(f"| 12 cameras, 120 fps, 1080p, one thread, {cam['seconds']:.0f} s: driver drops | "
-        f"{cam['dropped']:.0f} of {cam['produced']:.0f} frames produced | 0 | {verdict(cam['dropped'] == 0)} |")
+    dropped_all = cam.get("dropped_from_start", cam["dropped"])
+    produced_all = cam.get("produced_from_start", cam["produced"])
+    add(f"| 12 cameras, 120 fps, 1080p, one thread: driver drops from the first frame, warm-up included | "
+        f"{dropped_all:.0f} of {produced_all:.0f} frames produced | 0 | {verdict(dropped_all == 0)} |")
     add(f"| 12 cameras: frames dequeued / produced | {cam['dequeued']:.0f} / {cam['produced']:.0f} | | |")
-    add(f"| 12 cameras: frames accepted / refused by the 12 ms rule | {cam['accepted']:.0f} / {cam['refused']:.0f} | | |")
+    add(f"| 12 cameras, {cam['seconds']:.0f} s measured: frames accepted / refused by the 12 ms rule | "
+        f"{cam['accepted']:.0f} / {cam['refused']:.0f}: the rule delivers 60 of each camera's 120 fps | | |")
     add(f"| 12 cameras: CPU of the reading thread | {cam['loop_cpu_percent']:.1f} % of a core "
         f"({cam['loop_cpu_us_per_frame']:.1f} µs a dequeued frame) | | |")
     for key, label in (("free", "free-running"), ("trigger", "internal trigger")):

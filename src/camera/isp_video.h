@@ -10,6 +10,8 @@
 #ifndef ZELISP_CAMERA_ISP_VIDEO_H
 #define ZELISP_CAMERA_ISP_VIDEO_H
 
+#include <linux/videodev2.h>
+
 #include <cstdint>
 
 #include "driver/driver_request.h"
@@ -37,6 +39,14 @@ enum DecimationMode : uint32_t {
     DECIMATION_DROP_ONE = 2,
 };
 
+// Bit for a state in the accepted mask of StateAllows.
+constexpr uint32_t StateBit(uint32_t state) { return 1u << state; }
+
+// The state rule of cameras and groups alike: true when `state` is one of
+// the accepted ones; otherwise prints "<operation>: bad state <n>". A state
+// number past the mask's 32 bits (a corrupted object) is never accepted.
+bool StateAllows(const char *operation, uint32_t state, uint32_t accepted_mask);
+
 struct IspVideo {
     char dev_path[kPathSize] = {};
     uint32_t mode = 0;
@@ -61,6 +71,10 @@ struct IspVideo {
     // Descriptor each plane was exported as, -1 for none. The table's `fd`
     // cannot tell: 0 is both "not set" and a valid descriptor (a daemon
     // with standard input closed is handed 0 by the first export).
+    // The planes of every VIDIOC_DQBUF. On a dequeue each plane is the
+    // driver's to fill, every field of it, so they are cleared once, with
+    // the object, rather than for every frame.
+    v4l2_plane dequeue_planes[kMaxViews] = {};
     int32_t exported_fd[kMaxBuffers][kMaxViews] = {
         {-1, -1, -1}, {-1, -1, -1}, {-1, -1, -1}, {-1, -1, -1},
         {-1, -1, -1}, {-1, -1, -1}, {-1, -1, -1}, {-1, -1, -1},
@@ -73,10 +87,16 @@ struct IspVideo {
     int GetVideoFd() const { return fd; }
     // Every request to the video node is repeated while a signal interrupts
     // it: nothing the camera asks of its node is a failure when interrupted.
+    // The repeat is out of line and finds the node again through the
+    // object, so that the frame loop keeps nothing aside for it.
     int Request(unsigned long request, void *record) const
     {
-        return DriverRequest(fd, request, record, Retry::WhileInterrupted);
+        const int result = ioctl(fd, request, record);
+        if (__builtin_expect(result == -1, 0))
+            return RepeatIfInterrupted(request, record);
+        return result;
     }
+    int RepeatIfInterrupted(unsigned long request, void *record) const;
 
     // Stream setup and buffers.
     int Init(uint32_t combination, int32_t buffer_num);
@@ -88,10 +108,13 @@ struct IspVideo {
     int ApplyResize(zelvideo::_resize_param_t record, int32_t bound_width, int32_t bound_height);
 
     // Frame loop.
-    int QueueBuffer(uint32_t index); // VIDIOC_QBUF; the ioctl's result
+    int QueueBuffer(uint32_t index); // VIDIOC_QBUF; the ioctl's result (v4l2_records.h)
     int StartCapture();
     int StopCapture();
     int GetFrame(zelvideo::_isp_buf_t *out, int32_t timeout_ms);
+    // GetFrame's refusal of a frame out of sequence or too soon: prints
+    // why, queues the buffer again; -11.
+    int RefuseFrame(v4l2_buffer &frame, uint64_t time_us);
     int PutFrame(const zelvideo::_isp_buf_t &buf);
     int PutFrameByIndex(int32_t index);
 
@@ -105,20 +128,18 @@ struct IspVideo {
     int GetExpectedFrame(zelvideo::_isp_buf_t *out, int32_t timeout_ms);
 
     // State rule: true when state is one of the accepted ones; otherwise
-    // prints the bad-state line with the operation's name.
-    bool StateAllows(const char *operation, uint32_t accepted_mask) const;
+    // prints the bad-state line with the operation's name. The accepting
+    // test is inline: PutFrame makes it for every frame.
+    bool StateAllows(const char *operation, uint32_t accepted_mask) const
+    {
+        if (state < 32 && (accepted_mask & StateBit(state)) != 0)
+            return true;
+        return zelisp::StateAllows(operation, state, accepted_mask);
+    }
     // One flushed line on stdout: dev_path immediately followed by text
     // (the line end is added here).
     void DeviceMessage(const char *format, ...) const __attribute__((format(printf, 2, 3)));
 };
-
-// Bit for a state in the accepted mask of StateAllows.
-constexpr uint32_t StateBit(uint32_t state) { return 1u << state; }
-
-// The state rule of cameras and groups alike: true when `state` is one of
-// the accepted ones; otherwise prints "<operation>: bad state <n>". A state
-// number past the mask's 32 bits (a corrupted object) is never accepted.
-bool StateAllows(const char *operation, uint32_t state, uint32_t accepted_mask);
 
 // kViewOfPlane[mask][j]: the j-th enabled view of a three-bit view mask, -1
 // when fewer views are enabled. The ISP packs the enabled views into the

@@ -22,11 +22,6 @@ bool StateAllows(const char *operation, uint32_t state, uint32_t accepted_mask)
     return false;
 }
 
-bool IspVideo::StateAllows(const char *operation, uint32_t accepted_mask) const
-{
-    return zelisp::StateAllows(operation, state, accepted_mask);
-}
-
 void IspVideo::DeviceMessage(const char *format, ...) const
 {
     va_list arguments;

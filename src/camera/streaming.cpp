@@ -2,16 +2,21 @@
  * streaming.cpp - switching the camera's stream on and off, and handing a
  * buffer to the driver.
  */
+#include <cerrno>
+
+#include "driver/driver_request.h"
 #include "isp_video.h"
 #include "v4l2_records.h"
 
 namespace zelisp {
 
-int IspVideo::QueueBuffer(uint32_t index)
+// A request to the node failed: repeated while a signal interrupts it, as
+// every request of the camera is.
+__attribute__((cold)) int IspVideo::RepeatIfInterrupted(unsigned long request, void *record) const
 {
-    v4l2_plane planes[kMaxViews];
-    v4l2_buffer record = PlaneBufferRecord(index, planes, plane_count);
-    return Request(VIDIOC_QBUF, &record);
+    if (errno != EINTR)
+        return -1;
+    return RepeatInterruptedRequest(fd, request, record);
 }
 
 int IspVideo::StartCapture()

@@ -30,12 +30,11 @@ constexpr bool ViewFitsRequest(int32_t view) { return view >= 0 && view <= 255; 
 v4l2_format ViewFormatRequest(int view, const zelvideo::_view_format_t &format);
 
 v4l2_requestbuffers BufferRequest(uint32_t count);
-// A buffer record for QUERYBUF, QBUF and DQBUF: `planes` is cleared and
-// lent to the record, which announces `plane_count` of them. Inline: two of
-// these are filled for every frame.
-inline v4l2_buffer PlaneBufferRecord(uint32_t index, v4l2_plane (&planes)[kMaxViews], int plane_count)
+// A buffer record for QUERYBUF, QBUF and DQBUF, lending it `planes`, of
+// which it announces `plane_count`. Inline: two of these are filled for
+// every frame.
+inline v4l2_buffer BufferRecord(uint32_t index, v4l2_plane (&planes)[kMaxViews], int plane_count)
 {
-    std::memset(planes, 0, sizeof(planes));
     v4l2_buffer record;
     std::memset(&record, 0, sizeof(record));
     record.index = index;
@@ -45,6 +44,25 @@ inline v4l2_buffer PlaneBufferRecord(uint32_t index, v4l2_plane (&planes)[kMaxVi
     record.length = uint32_t(plane_count);
     return record;
 }
+// The same with `planes` cleared first, for the requests that read them.
+inline v4l2_buffer PlaneBufferRecord(uint32_t index, v4l2_plane (&planes)[kMaxViews], int plane_count)
+{
+    // One plane at a time: three short runs of vector stores cost a third
+    // of one string store over the whole array, for every frame.
+    static_assert(kMaxViews == 3, "one clear per view");
+    std::memset(&planes[0], 0, sizeof(v4l2_plane));
+    std::memset(&planes[1], 0, sizeof(v4l2_plane));
+    std::memset(&planes[2], 0, sizeof(v4l2_plane));
+    return BufferRecord(index, planes, plane_count);
+}
+// Gives buffer `index` back to the driver. Inline: once for every frame.
+__attribute__((always_inline)) inline int IspVideo::QueueBuffer(uint32_t index)
+{
+    v4l2_plane planes[kMaxViews];
+    v4l2_buffer record = PlaneBufferRecord(index, planes, plane_count);
+    return Request(VIDIOC_QBUF, &record);
+}
+
 v4l2_exportbuffer ExportRequest(uint32_t index, uint32_t plane);
 
 } // namespace zelisp

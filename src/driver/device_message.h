@@ -32,6 +32,9 @@ public:
     void Print(const char *dev_path) const;
 
 private:
+    // Only the first length_ bytes are ever read; clearing the rest for
+    // every refused frame would be work for nothing.
+    // cppcheck-suppress uninitMemberVarPrivate
     char text_[192];
     size_t length_ = 0;
 };

@@ -13,6 +13,15 @@
 
 namespace zelisp {
 
+__attribute__((cold)) int RepeatInterruptedRequest(int fd, unsigned long request, void *record)
+{
+    int result;
+    do {
+        result = ioctl(fd, request, record);
+    } while (result == -1 && errno == EINTR);
+    return result;
+}
+
 int ReportedRequest(int fd, const char *dev_path, unsigned long request, void *record, const char *label,
                     const char *failure, ...)
 {

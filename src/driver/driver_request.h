@@ -22,13 +22,17 @@ enum class Retry {
     Once,             // an interrupted request is a failure the caller sees
 };
 
+// Issues the request again for as long as it fails with EINTR.
+int RepeatInterruptedRequest(int fd, unsigned long request, void *record);
+
 // The driver's answer: 0 (or the request's own non-negative result), or -1
-// with errno set. Inline: it runs twice for every frame.
+// with errno set. Inline, with the repeat out of line: it runs twice for
+// every frame, and a signal during a request is rare.
 inline int DriverRequest(int fd, unsigned long request, void *record, Retry retry)
 {
-    int result = ioctl(fd, request, record);
-    while (result == -1 && errno == EINTR && retry == Retry::WhileInterrupted)
-        result = ioctl(fd, request, record);
+    const int result = ioctl(fd, request, record);
+    if (__builtin_expect(result == -1, 0) && retry == Retry::WhileInterrupted && errno == EINTR)
+        return RepeatInterruptedRequest(fd, request, record);
     return result;
 }
 

@@ -1,9 +1,26 @@
 /* The buffer phase: request, map and export by the plane-to-view rule, and its undo. */
+#include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <cerrno>
 
 #include "camera_fixture.h"
+
+// On a board the driver's buffer memory takes no descriptor in the
+// process; the simulated driver keeps each plane in a memfd. In this program
+// those memfds never take the standard descriptors 0..2, so that a process
+// with standard input closed sees its first export handed 0, as it would be.
+extern "C" int memfd_create(const char *name, unsigned int flags)
+{
+    const int fd = int(syscall(SYS_memfd_create, name, flags));
+    if (fd < 0 || fd > STDERR_FILENO)
+        return fd;
+    const int moved = fcntl(fd, (flags & MFD_CLOEXEC) != 0 ? F_DUPFD_CLOEXEC : F_DUPFD, STDERR_FILENO + 1);
+    close(fd);
+    return moved;
+}
 
 namespace zelisp_test {
 namespace {
@@ -96,6 +113,27 @@ TEST_F(Buffers, FailedExportIsMarkedAndSetupGoesOn)
     EXPECT_EQ(Video(handle).buffers[1].views[0].fd, -1);
     EXPECT_GT(Video(handle).buffers[1].views[2].fd, 2);
     EXPECT_EQ(isp_get_view_buf_fd(handle, 1, 0), -1);
+}
+
+// A daemon that closed its standard input is handed descriptor 0 by the
+// first export; Close must give it back like any other.
+TEST_F(Buffers, ExportedDescriptorZeroIsClosedAtClose)
+{
+    unsigned long handle = Open();
+    const int saved_stdin = dup(STDIN_FILENO);
+    ASSERT_GE(saved_stdin, 0);
+    const Call init = Captured([&] {
+        close(STDIN_FILENO); // after the capture has taken its descriptors
+        return isp_init_video(handle, 1, 3);
+    });
+    EXPECT_EQ(init.result, ISP_OK);
+    EXPECT_EQ(Video(handle).buffers[0].views[0].fd, 0);
+    EXPECT_EQ(isp_get_view_buf_fd(handle, 0, 0), 0);
+    EXPECT_EQ(Close(handle), ISP_OK);
+    EXPECT_EQ(zsim::live_descriptors(), 0u);
+    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1); // nothing left on 0
+    dup2(saved_stdin, STDIN_FILENO);
+    close(saved_stdin);
 }
 
 } // namespace

@@ -59,20 +59,6 @@ protected:
     std::vector<unsigned long> handles_;
 };
 
-// A call's result with what it printed on each stream.
-struct Call {
-    int result;
-    std::string out;
-    std::string err;
-};
-inline Call Captured(const std::function<int()> &call)
-{
-    OutputCapture output;
-    int result = call();
-    output.Stop();
-    return {result, output.out(), output.err()};
-}
-
 // Scripted frame on node 0: sequence and capture time in µs.
 inline void Push(uint32_t sequence, uint64_t time_us)
 {
@@ -94,8 +80,6 @@ std::vector<Record> Sent(unsigned long request)
     }
     return records;
 }
-
-inline std::string Perror(const std::string &label, int err) { return label + ": " + ErrorText(err) + "\n"; }
 
 } // namespace zelisp_test
 

@@ -3,6 +3,8 @@
 
 #include <cerrno>
 #include <chrono>
+#include <iostream>
+#include <sstream>
 #include <thread>
 
 #include "camera_fixture.h"
@@ -61,10 +63,7 @@ TEST_F(Frames, TimeLimitZeroPositiveAndNegative)
     auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(isp_get_frame_buf(handle, &frame, 100), ISP_ERR_TIMEOUT);
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(95));
-    std::thread hardware([] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        Push(1, 1000000);
-    });
+    std::thread hardware([] { Push(1, 1000000); }); // before or during the wait: either way it ends it
     EXPECT_EQ(isp_get_frame_buf(handle, &frame, -1), ISP_OK);
     hardware.join();
     EXPECT_EQ(frame.views[0].sequence, 1u);
@@ -98,6 +97,30 @@ TEST_F(Frames, FrameMustFollowTheLastAcceptedInSequenceAndTime)
     EXPECT_EQ(frame.views[0].sequence, 9u);
     EXPECT_EQ(frame.views[0].timestamp, 2000000u);
     EXPECT_EQ(zsim::counters(0).delivered, 6u);
+}
+
+// Device lines go through std::cout, so an application that sends the
+// stream elsewhere finds them there, byte for byte, and none on fd 1.
+TEST_F(Frames, DeviceLinesFollowARedirectedStandardOutputStream)
+{
+    unsigned long handle = Capturing(1, 4);
+    Push(4294967294u, 18000000000000000u);
+    Push(4294967295u, 18000000000011999u);
+    Push(4294967294u, 18000000000012000u);
+    std::ostringstream redirected;
+    std::streambuf *console = std::cout.rdbuf(redirected.rdbuf());
+    zelvideo::_isp_buf_t frame;
+    Call call = Captured([&] {
+        EXPECT_EQ(isp_get_frame_buf(handle, &frame, kWaitMs), ISP_OK);
+        EXPECT_EQ(isp_get_frame_buf(handle, &frame, kWaitMs), ISP_ERR_REQUEST);
+        return isp_get_frame_buf(handle, &frame, kWaitMs);
+    });
+    std::cout.rdbuf(console);
+    EXPECT_EQ(call.result, ISP_ERR_REQUEST);
+    EXPECT_EQ(call.out, "");
+    EXPECT_EQ(redirected.str(), "/dev/video0ERROR: buf_ts = 18000000000011999seq = 4294967295mlast = "
+                                "18000000000000000last seq = 4294967294\n"
+                                "/dev/video0 ERROR: frame sequencecur seq = 4294967294last seq = 4294967294\n");
 }
 
 TEST_F(Frames, HistorySurvivesStopAndStartAndSequenceZeroSkipsTheCheck)

@@ -30,6 +30,9 @@ TEST_F(OpenClose, ModeChoosesTheNodeAndBadArgumentsProbeNothing)
     ASSERT_EQ(isp_camera_get_native_fd(mode2, &fd), ISP_OK);
     EXPECT_EQ(fd, Video(mode2).fd);
     EXPECT_NE(fcntl(int(fd), F_GETFL) & O_NONBLOCK, 0);
+    // No crash on a null output: refused like every other pointer.
+    EXPECT_EQ(Captured([&] { return isp_camera_get_native_fd(mode1, nullptr); }).out, "");
+    EXPECT_EQ(isp_camera_get_native_fd(mode1, nullptr), ISP_ERR_INVALID);
 }
 
 TEST_F(OpenClose, NodeThatCannotBeUsedGivesNoHandleAndSaysWhy)

@@ -180,76 +180,62 @@ uint64_t Skew(const zelvideo::_isp_buf_t *frames, int count)
     return high->views[0].timestamp - low->views[0].timestamp;
 }
 
+// A frame set is one frame from each member in member order; the group
+// compares no timestamps, so a set is exactly as tight as the sensors were:
+// without skew when a trigger locks their clocks, each on its own clock
+// otherwise. Scripted frames stand for both.
 class GroupSkew : public GroupTest {
 protected:
-    static constexpr uint32_t kFps = 10;
-    static constexpr uint64_t kPeriodUs = 1000000 / kFps;
     static constexpr int kMembers = 4;
+    static constexpr uint64_t kPeriodUs = 100000;
 
-    // Four free-running cameras at a slow rate with a small view 0, opened
-    // and set up with every buffer they may have, so that neither a reader
-    // stalled by a loaded machine nor the simulated sensor painting its
-    // buffers makes one camera drop a frame the others delivered (which
-    // would leave it a period behind for good).
-    unsigned long MakeSetUpGroup(bool triggered)
+    unsigned long MakeCapturingGroup()
     {
-        zsim::CameraConfig config;
-        config.fps = kFps;
-        config.views[0] = {zsim::kNV12, 640, 360};
         for (int camera = 0; camera < kMembers; ++camera)
-            zsim::set_camera(camera, config);
+            zsim::set_frame_mode(camera, zsim::FrameMode::Scripted);
         const unsigned long group = MakeGroup({0, 1, 2, 3});
-        if (triggered) {
-            EXPECT_EQ(isp_group_set_internal_trigger(group, 0, 0, 0), 0);
-        }
-        OutputCapture quiet;
-        int results[kMembers];
-        EXPECT_EQ(isp_group_open_video(group, 1, results), 0);
-        EXPECT_EQ(isp_group_init_video(group, kViewZero, 8), 0);
+        BringUp(group, kCapturing);
         return group;
     }
 
-    // A trigger lines the sensors' periods up on the monotonic clock. The
-    // members start one after another; starting just after a period
-    // boundary keeps them all within one period (even when the machine is
-    // loaded), so their first frames end on the same tick.
-    static void StartAfterPeriodBoundary(unsigned long group)
+    // Scripts `sets` frame periods; member m's sensor ends each period
+    // offset_us * m after the first one's.
+    static void ScriptPeriods(int sets, uint64_t offset_us)
     {
-        timespec now;
-        clock_gettime(CLOCK_MONOTONIC, &now);
-        const uint64_t now_us = uint64_t(now.tv_sec) * 1000000 + uint64_t(now.tv_nsec) / 1000;
-        usleep(useconds_t(kPeriodUs - now_us % kPeriodUs + kPeriodUs / 20));
-        EXPECT_EQ(isp_group_start_captrue(group), 0);
+        for (int set = 0; set < sets; ++set)
+            for (int camera = 0; camera < kMembers; ++camera)
+                zsim::push_frame(camera, zsim::ScriptedFrame{uint32_t(set + 1),
+                                                             1000000 + set * kPeriodUs + camera * offset_us});
     }
 
-    // Reads `sets` frame sets and returns the largest skew seen.
-    static uint64_t LargestSkew(unsigned long group, int sets)
+    // Reads `sets` frame sets; the skew of each, in order.
+    static std::vector<uint64_t> Skews(unsigned long group, int sets)
     {
-        uint64_t largest = 0;
+        std::vector<uint64_t> skews;
         for (int set = 0; set < sets; ++set) {
             zelvideo::_isp_buf_t frames[kMembers];
             EXPECT_EQ(zelvideo::isp_group_get_sync_frame(group, frames, kMembers, 5000), 0);
-            largest = std::max(largest, Skew(frames, kMembers));
+            for (int member = 0; member < kMembers; ++member)
+                EXPECT_EQ(frames[member].views[0].sequence, uint32_t(set + 1));
+            skews.push_back(Skew(frames, kMembers));
             EXPECT_EQ(zelvideo::isp_group_put_frame(group, frames, kMembers), 0);
         }
-        return largest;
+        return skews;
     }
 };
 
-TEST_F(GroupSkew, TriggeredCamerasDeliverSetsWithoutSkew)
+TEST_F(GroupSkew, LockedSensorsGiveSetsWithoutSkew)
 {
-    const unsigned long group = MakeSetUpGroup(true);
-    StartAfterPeriodBoundary(group);
-    EXPECT_EQ(LargestSkew(group, 8), 0u);
+    const unsigned long group = MakeCapturingGroup();
+    ScriptPeriods(8, 0);
+    EXPECT_EQ(Skews(group, 8), std::vector<uint64_t>(8, 0));
 }
 
-TEST_F(GroupSkew, FreeRunningCamerasStayWithinOneFramePeriod)
+TEST_F(GroupSkew, FreeRunningSensorsGiveSetsAsSkewedAsTheirClocks)
 {
-    const unsigned long group = MakeSetUpGroup(false);
-    EXPECT_EQ(isp_group_start_captrue(group), 0);
-    const uint64_t skew = LargestSkew(group, 8);
-    EXPECT_LT(skew, kPeriodUs);
-    EXPECT_GT(skew, 0u); // each sensor runs on its own clock
+    const unsigned long group = MakeCapturingGroup();
+    ScriptPeriods(8, 7000); // the last sensor 21 ms behind the first
+    EXPECT_EQ(Skews(group, 8), std::vector<uint64_t>(8, 21000));
 }
 
 } // namespace

@@ -3,7 +3,12 @@
 #include <gmock/gmock.h>
 #include <linux/videodev2.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <functional>
 
 #include "group_fixture.h"
@@ -17,17 +22,17 @@ using ::testing::IsEmpty;
 
 using GroupLifecycle = GroupTest;
 
-// Runs one group call with its output captured.
-struct Call {
-    int result;
-    std::string out;
-};
-Call Captured(const std::function<int()> &call)
+// The format records sent with VIDIOC_S_FMT, in order.
+std::vector<v4l2_format> SentFormats()
 {
-    OutputCapture output;
-    const int result = call();
-    output.Stop();
-    return {result, output.out()};
+    std::vector<v4l2_format> formats;
+    for (const zsim::LogEntry &entry : zsim::requests(VIDIOC_S_FMT)) {
+        v4l2_format sent{};
+        EXPECT_EQ(entry.raw.size(), sizeof sent);
+        memcpy(&sent, entry.raw.data(), std::min(entry.raw.size(), sizeof sent));
+        formats.push_back(sent);
+    }
+    return formats;
 }
 
 void ExpectRefused(const Call &call, const std::string &line)
@@ -203,6 +208,52 @@ TEST_F(GroupLifecycle, CloseGoesOnPastAFailingMemberAndReturnsZero)
     EXPECT_EQ(zsim::live_mappings(), 0u);
 }
 
+// A member closed by the group keeps its object, but its descriptor number
+// is spent (the next open anywhere may get it): the native-descriptor query
+// and the multi-camera wait must refuse it, not hand it on.
+TEST_F(GroupLifecycle, ClosedMemberOffersNoDescriptor)
+{
+    const unsigned long group = MakeGroup({0, 1});
+    BringUp(group, kCapturing);
+    unsigned long member = 0;
+    ASSERT_EQ(isp_group_get_camera_handle(group, 1, &member), 0);
+    ASSERT_EQ(Captured([&] { return isp_group_close_video(group); }).result, 0);
+    const int reused = open("/dev/null", O_RDONLY); // takes the lowest free number, as a daemon's next file would
+    int64_t fd = 77;
+    const Call query = Captured([&] { return isp_camera_get_native_fd(member, &fd); });
+    EXPECT_EQ(query.result, ISP_ERR_STATE);
+    EXPECT_EQ(query.out, "GetVideoFd: bad state, video not opened\n");
+    EXPECT_EQ(fd, 77);
+    int ready = 7;
+    timeval limit = {0, 0};
+    const Call wait = Captured([&] { return isp_camera_wait_for_data(&member, &ready, 1, &limit); });
+    EXPECT_EQ(wait.result, ISP_ERR_INVALID);
+    EXPECT_EQ(wait.out, "camera 0not opened\n");
+    close(reused);
+}
+
+// The driver names the view in one byte of the format record: a view that
+// does not fit would alias view 0 (256, INT_MIN) on every member.
+TEST_F(GroupLifecycle, ViewPastOneByteIsRefusedBeforeAnyMember)
+{
+    const zelvideo::_view_format_t format = {zsim::kNV12, 640, 360};
+    const unsigned long group = MakeGroup({0, 1});
+    BringUp(group, kOpened);
+    zsim::clear_log();
+    for (int view : {256, INT_MIN, -1, INT_MAX}) {
+        const Call refused = Captured([&] { return zelvideo::isp_group_set_view_format(group, view, format); });
+        EXPECT_EQ(refused.result, ISP_ERR_INVALID) << view;
+        EXPECT_EQ(refused.out, "") << view;
+    }
+    EXPECT_THAT(zsim::request_log(), IsEmpty());
+    // Views up to 255 still reach the driver, which refuses what it lacks.
+    const Call passed = Captured([&] { return zelvideo::isp_group_set_view_format(group, 255, format); });
+    EXPECT_EQ(passed.result, 0);
+    EXPECT_THAT(PathsOf(VIDIOC_S_FMT), ElementsAre("/dev/video0", "/dev/video1"));
+    for (const v4l2_format &sent : SentFormats())
+        EXPECT_EQ(sent.fmt.pix_mp.num_planes, 255);
+}
+
 TEST_F(GroupLifecycle, ViewFormatIsRefusedForMixedGroupsAndAMemberRefusalOnlyPrints)
 {
     const zelvideo::_view_format_t format = {zsim::kNV12, 640, 360};
@@ -222,10 +273,7 @@ TEST_F(GroupLifecycle, ViewFormatIsRefusedForMixedGroupsAndAMemberRefusalOnlyPri
     EXPECT_EQ(set.result, 0);
     EXPECT_EQ(set.out, "/dev/video1 set view format failed\ncamera 1 SetViewFormat failed error code: -11\n");
     EXPECT_THAT(PathsOf(VIDIOC_S_FMT), ElementsAre("/dev/video2", "/dev/video1", "/dev/video3"));
-    for (const zsim::LogEntry &entry : zsim::requests(VIDIOC_S_FMT)) {
-        v4l2_format sent;
-        ASSERT_EQ(entry.raw.size(), sizeof sent);
-        memcpy(&sent, entry.raw.data(), sizeof sent);
+    for (const v4l2_format &sent : SentFormats()) {
         EXPECT_EQ(sent.fmt.pix_mp.num_planes, 2); // the driver reads the view here
         EXPECT_EQ(sent.fmt.pix_mp.width, 640u);
         EXPECT_EQ(sent.fmt.pix_mp.height, 360u);

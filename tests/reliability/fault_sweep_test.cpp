@@ -133,6 +133,21 @@ void HoldingFrame(Objects &run)
 int CameraStateOf(const Objects &run) { return run.camera ? CameraState(run.camera) : kUnchecked; }
 int GroupStateOf(const Objects &run) { return run.group ? GroupState(run.group) : kUnchecked; }
 
+// The calls that spend their handle: the object is gone afterwards, so the
+// run forgets it and its state is not checked.
+int CloseCamera(Objects &run)
+{
+    const int result = isp_close_video(run.camera);
+    run.camera = 0;
+    return result;
+}
+int DestroyGroup(Objects &run)
+{
+    const int result = isp_destroy_video_group(run.group);
+    run.group = 0;
+    return result;
+}
+
 void GroupOf(Objects &run, int state)
 {
     const int members[] = {0, 1};
@@ -262,18 +277,10 @@ std::vector<Scenario> CameraScenarios()
     // Close gives back everything even when a close fails, and
     // isp_close_video reports 0 whatever Close returned.
     all.push_back({"close_capturing", HoldingFrame,
-                   [](Objects &run) {
-                       int result = isp_close_video(run.camera);
-                       run.camera = 0;
-                       return result;
-                   },
+                   CloseCamera,
                    CameraStateOf, [](const Failure &) { return Outcome{0}; }, nullptr});
     all.push_back({"close_opened", [](Objects &run) { run.camera = OpenCamera(0, 1); },
-                   [](Objects &run) {
-                       int result = isp_close_video(run.camera);
-                       run.camera = 0;
-                       return result;
-                   },
+                   CloseCamera,
                    CameraStateOf, [](const Failure &) { return Outcome{0}; }, nullptr});
     return all;
 }
@@ -471,11 +478,7 @@ std::vector<Scenario> GroupScenarios()
     all.push_back({"group_close", GroupHoldingFrames, [](Objects &run) { return isp_group_close_video(run.group); },
                    GroupStateOf, [](const Failure &) { return Outcome{0, zelisp::GROUP_NONE}; }, nullptr});
     all.push_back({"group_destroy_capturing", GroupHoldingFrames,
-                   [](Objects &run) {
-                       int result = isp_destroy_video_group(run.group);
-                       run.group = 0;
-                       return result;
-                   },
+                   DestroyGroup,
                    GroupStateOf, [](const Failure &) { return Outcome{0}; }, nullptr});
     all.push_back({"group_destroy_after_failed_open",
                    [](Objects &run) {
@@ -485,11 +488,7 @@ std::vector<Scenario> GroupScenarios()
                        EXPECT_EQ(isp_group_open_video(run.group, 1, run.open_results), ISP_ERR_OPEN);
                        zsim::set_open_errno("/dev/video1", 0);
                    },
-                   [](Objects &run) {
-                       int result = isp_destroy_video_group(run.group);
-                       run.group = 0;
-                       return result;
-                   },
+                   DestroyGroup,
                    GroupStateOf, [](const Failure &) { return Outcome{0}; }, nullptr});
     return all;
 }

@@ -92,6 +92,21 @@ private:
 
     void CameraStep(Slot &slot);
     void GroupStep();
+    // What a group step that walks the members until one fails should
+    // return: -4 outside `from`, else the first member's failure; the
+    // group moves to `to` only when every member made the step.
+    template <typename Step>
+    int MemberWalk(uint32_t from, uint32_t to, Step step)
+    {
+        if (group_.state != from)
+            return ISP_ERR_STATE;
+        int expected = ISP_OK;
+        for (size_t i = 0; i < group_.members.size() && expected == ISP_OK; ++i)
+            expected = step(group_.cameras[group_.members[i]]);
+        if (expected == ISP_OK)
+            group_.state = to;
+        return expected;
+    }
     void CreateGroup();
     void DestroyGroup();
     void Finish();
@@ -536,41 +551,23 @@ void Sequence::GroupStep()
         static const uint32_t counts[] = {3, 4, 2, 8};
         uint32_t combination = 1 + Pick(7), count = counts[Pick(4)];
         Note("group_init(" + std::to_string(combination) + ", " + std::to_string(count) + ")");
-        int expected = ISP_ERR_STATE;
-        if (state == zelisp::GROUP_OPENED) {
-            expected = ISP_OK;
-            for (size_t i = 0; i < group_.members.size() && expected == ISP_OK; ++i)
-                expected = model_.Init(member(i), combination, int32_t(count), none);
-            if (expected == ISP_OK)
-                group_.state = zelisp::GROUP_INITED;
-        }
+        const int expected = MemberWalk(zelisp::GROUP_OPENED, zelisp::GROUP_INITED, [&](CameraModel &camera) {
+            return model_.Init(camera, combination, int32_t(count), none);
+        });
         Expect("group_init", isp_group_init_video(g, combination, count), expected);
         break;
     }
-    case 2: {
-        Note("group_start");
-        int expected = ISP_ERR_STATE;
-        if (state == zelisp::GROUP_INITED) {
-            expected = ISP_OK;
-            for (size_t i = 0; i < group_.members.size() && expected == ISP_OK; ++i)
-                expected = model_.StartCapture(member(i), none);
-            if (expected == ISP_OK)
-                group_.state = zelisp::GROUP_CAPTURING;
-        }
-        Expect("group_start", isp_group_start_captrue(g), expected);
-        break;
-    }
+    case 2:
     case 3: {
-        Note("group_stop");
-        int expected = ISP_ERR_STATE;
-        if (state == zelisp::GROUP_CAPTURING) {
-            expected = ISP_OK;
-            for (size_t i = 0; i < group_.members.size() && expected == ISP_OK; ++i)
-                expected = model_.StopCapture(member(i), none);
-            if (expected == ISP_OK)
-                group_.state = zelisp::GROUP_INITED;
-        }
-        Expect("group_stop", isp_group_stop_captrue(g), expected);
+        const bool start = call == 2;
+        const char *name = start ? "group_start" : "group_stop";
+        Note(name);
+        const int expected =
+            start ? MemberWalk(zelisp::GROUP_INITED, zelisp::GROUP_CAPTURING,
+                               [&](CameraModel &camera) { return model_.StartCapture(camera, none); })
+                  : MemberWalk(zelisp::GROUP_CAPTURING, zelisp::GROUP_INITED,
+                               [&](CameraModel &camera) { return model_.StopCapture(camera, none); });
+        Expect(name, start ? isp_group_start_captrue(g) : isp_group_stop_captrue(g), expected);
         break;
     }
     case 4: {

@@ -1,33 +1,6 @@
 #include "reliability.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <cstdio>
-
 namespace zelisp_reliability {
-
-Quiet::Quiet()
-{
-    fflush(stdout);
-    fflush(stderr);
-    saved_out_ = dup(STDOUT_FILENO);
-    saved_err_ = dup(STDERR_FILENO);
-    int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    dup2(null, STDOUT_FILENO);
-    dup2(null, STDERR_FILENO);
-    close(null);
-}
-
-Quiet::~Quiet()
-{
-    fflush(stdout);
-    fflush(stderr);
-    dup2(saved_out_, STDOUT_FILENO);
-    dup2(saved_err_, STDERR_FILENO);
-    close(saved_out_);
-    close(saved_err_);
-}
 
 void ResetScripted()
 {

@@ -11,6 +11,7 @@
 
 #include "camera/isp_video.h"
 #include "group/isp_video_group.h"
+#include "sim_fixture.h"
 #include "zelisp.h"
 #include "zelisp_sim/sim.h"
 
@@ -22,19 +23,7 @@ inline int CameraState(unsigned long handle) { return int(Camera(handle).state);
 inline int GroupState(unsigned long handle) { return int(Group(handle).state); }
 inline int MemberState(unsigned long group, int position) { return int(Group(group).Member(position)->state); }
 
-// Sends stdout and stderr to /dev/null until destroyed, so that faulted
-// runs do not flood the log; findings are reported after it is gone.
-class Quiet {
-public:
-    Quiet();
-    ~Quiet();
-    Quiet(const Quiet &) = delete;
-    Quiet &operator=(const Quiet &) = delete;
-
-private:
-    int saved_out_;
-    int saved_err_;
-};
+using zelisp_test::Quiet;
 
 // Simulator defaults with every video node of cameras 0..3 on scripted
 // frames: frames come only when a test pushes them, so runs repeat exactly.

@@ -57,40 +57,41 @@ TEST(ZelispCam, ListShowsTheValidCamerasAndWhichNodesExist)
     ToolRun run = run_tool("list");
     EXPECT_EQ(run.status, 0) << run.err;
     EXPECT_EQ(run.out, "4 valid cameras\n"
-                       "CAMERA  MODE 1 NODE            MODE 2 NODE           \n"
-                       "0       /dev/video0            /dev/video12          \n"
-                       "1       /dev/video1            /dev/video13          \n"
-                       "2       /dev/video2            /dev/video14          \n"
-                       "3       /dev/video3            /dev/video15          \n");
+                       "CAMERA  MODE 1 NODE            MODE 2 NODE            FRAME RATE\n"
+                       "0       /dev/video0            /dev/video12           30 fps\n"
+                       "1       /dev/video1            /dev/video13           30 fps\n"
+                       "2       /dev/video2            /dev/video14           30 fps\n"
+                       "3       /dev/video3            /dev/video15           30 fps\n");
 
-    run = run_tool("list", "[cameras]\npresent = 5\n[node /dev/video17]\nkind = missing\n");
+    run = run_tool("list", "[cameras]\npresent = 5\n[camera 5]\nfps = 60\n[node /dev/video17]\nkind = missing\n");
     EXPECT_EQ(run.status, 0) << run.err;
     EXPECT_EQ(run.out, "1 valid camera\n"
-                       "CAMERA  MODE 1 NODE            MODE 2 NODE           \n"
-                       "5       /dev/video5            /dev/video17 (missing)\n");
+                       "CAMERA  MODE 1 NODE            MODE 2 NODE            FRAME RATE\n"
+                       "5       /dev/video5            /dev/video17 (missing) 60 fps\n");
 }
 
 TEST(ZelispCam, InfoShowsViewsSupportedCombinationAndEveryControl)
 {
-    ToolRun run = run_tool("info -c 1", "[camera 1]\nsupported_combination = 5\nview2 = YUYV 320x240\n");
+    ToolRun run = run_tool("info -c 1", "[camera 1]\nsupported_combination = 5\nview2 = YUYV 320x240\nfps = 25\n");
     EXPECT_EQ(run.status, 0) << run.err;
     EXPECT_EQ(run.out, "camera 1: /dev/video1 (mode 1)\n"
                        "supported view combination: 5 (views 0, 2)\n"
+                       "frame rate: 25 fps\n"
                        "views:\n"
                        "  view 0: NV12 1920x1080\n"
                        "  view 1: NV12 1280x720\n"
                        "  view 2: YUYV 320x240\n"
                        "controls:\n"
-                       "  brightness  128\n"
-                       "  contrast    128\n"
-                       "  saturation  128\n"
-                       "  hue         128\n"
-                       "  sharpness   5\n"
-                       "  gamma       100\n"
-                       "  denoise     5 5\n"
-                       "  awb         1\n"
+                       "  brightness  128      (0..255, default 128)\n"
+                       "  contrast    128      (0..255, default 128)\n"
+                       "  saturation  128      (0..255, default 128)\n"
+                       "  hue         128      (0..255, default 128)\n"
+                       "  sharpness   5        (0..10, default 5)\n"
+                       "  gamma       100      (-2147483648..2147483647, default 100)\n"
+                       "  denoise     5 5      (0..10, default 5)\n"
+                       "  awb         1        (0..1, default 1)\n"
                        "  mwb         (set only)\n"
-                       "  aec         0\n"
+                       "  aec         0        (0..255, default 0)\n"
                        "  mec         (set only)\n"
                        "  abnormal    00 00 00 00 00 00 00 00 00 00 00 00 00 00\n");
 }

@@ -5,7 +5,9 @@
 #include <sys/time.h>
 
 #include <chrono>
+#include <climits>
 #include <cstdint>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -102,21 +104,61 @@ TEST_F(CameraWaitTest, ZeroTimeoutPollsOnce)
 TEST_F(CameraWaitTest, FrameArrivingMidWaitLeavesTheRestOfTheTimeout)
 {
     const unsigned long cameras[2] = {Streaming(0), Streaming(1)};
-    std::thread hardware([] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(200));
-        zsim::push_frame(1, zsim::ScriptedFrame{1, 100000});
-    });
+    // The frame comes from another thread, before or while the wait sleeps;
+    // either way the wait ends on it with part of its minute left.
+    std::thread hardware([] { zsim::push_frame(1, zsim::ScriptedFrame{1, 100000}); });
     int ready[2] = {7, 7};
-    timeval limit = {0, 500000};
+    timeval limit = {60, 0};
     const int result = isp_camera_wait_for_data(cameras, ready, 2, &limit);
     hardware.join();
     EXPECT_EQ(result, 1);
     EXPECT_EQ(ready[0], 0);
     EXPECT_EQ(ready[1], 1);
-    // About 300 ms left; the bounds allow for a loaded machine.
     const long left_us = limit.tv_sec * 1000000L + limit.tv_usec;
     EXPECT_GT(left_us, 0);
-    EXPECT_LE(left_us, 320000);
+    EXPECT_LE(left_us, 60000000L);
+    EXPECT_LT(limit.tv_usec, 1000000L);
+}
+
+// The limit is read as Linux select reads it: whole seconds carried out of
+// tv_usec, negative refused, and no limit too long to add up. The time left
+// is written back normalised, never more than was given.
+TEST_F(CameraWaitTest, LimitIsReadAndWrittenBackAsSelectDoes)
+{
+    const unsigned long camera = Streaming(0);
+    FrameReady(0, camera);
+    struct Case {
+        timeval given;
+        long min_seconds_left; // generous: the wait returns at once
+        long max_seconds_left;
+    };
+    const Case cases[] = {
+        {{0, 1200000}, 0, 1}, // 1.2 s
+        {{10000000000000L, 0}, 10000000000000L - 3600, 10000000000000L},
+        {{0, LONG_MAX}, LONG_MAX / 1000000 - 3600, LONG_MAX / 1000000},
+        {{LONG_MAX, LONG_MAX}, LONG_MAX - 3600, LONG_MAX}, // saturated, not wrapped
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(std::to_string(c.given.tv_sec) + " s " + std::to_string(c.given.tv_usec) + " us");
+        int ready = 7;
+        timeval limit = c.given;
+        EXPECT_EQ(isp_camera_wait_for_data(&camera, &ready, 1, &limit), 1);
+        EXPECT_EQ(ready, 1);
+        EXPECT_GE(limit.tv_sec, c.min_seconds_left);
+        EXPECT_LE(limit.tv_sec, c.max_seconds_left);
+        EXPECT_GE(limit.tv_usec, 0);
+        EXPECT_LT(limit.tv_usec, 1000000);
+    }
+    int ready = 7;
+    timeval first = {0, 1200000};
+    ASSERT_EQ(isp_camera_wait_for_data(&camera, &ready, 1, &first), 1);
+    EXPECT_LE(first.tv_sec * 1000000L + first.tv_usec, 1200000L);
+    for (timeval refused : {timeval{-1, 0}, timeval{0, -1}, timeval{5, -999999}}) {
+        timeval limit = refused;
+        EXPECT_EQ(isp_camera_wait_for_data(&camera, &ready, 1, &limit), ISP_ERR_SELECT);
+        EXPECT_EQ(limit.tv_sec, refused.tv_sec);
+        EXPECT_EQ(limit.tv_usec, refused.tv_usec);
+    }
 }
 
 TEST_F(CameraWaitTest, CameraListedTwiceCountsOnce)

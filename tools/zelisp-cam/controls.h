@@ -16,6 +16,7 @@ struct Control {
     const char *name;
     const char *values; // what "set" takes, for help and error texts
     int set_count;      // number of values "set" takes; 0: the control cannot be set
+    uint32_t id;        // the driver's control id, for its range; 0: none of its own
     // Reads the control and formats its value; null when it cannot be read.
     int (*read)(unsigned long handle, std::string *value);
     // Writes set_count values; null when the control cannot be set.

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "camera_handle.h"
+#include "camera_probe.h"
 #include "capture_options.h"
 #include "cli_checks.h"
 #include "commands.h"
@@ -84,6 +85,8 @@ int run_info(const InfoOptions &options)
     else
         printf("supported view combination: unknown (%s)\n", strerror(errno));
 
+    printf("frame rate: %s\n", frame_rate_text(camera.get()).c_str());
+
     printf("views:\n");
     for (uint32_t view = 0; view < 3; ++view) {
         zelvideo::_view_format_t format = {};
@@ -113,7 +116,10 @@ int run_info(const InfoOptions &options)
             continue;
         }
         result = control.read(camera.get(), &value);
-        if (result == ISP_OK) {
+        std::string range = control_range_text(camera.get(), control.id);
+        if (result == ISP_OK && !range.empty()) {
+            printf("  %-11s %-8s (%s)\n", control.name, value.c_str(), range.c_str());
+        } else if (result == ISP_OK) {
             printf("  %-11s %s\n", control.name, value.c_str());
         } else {
             printf("  %-11s %s (%d)\n", control.name, isp_get_result_text(result), result);

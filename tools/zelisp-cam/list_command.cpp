@@ -6,6 +6,7 @@
 #include <string>
 
 #include "camera_handle.h"
+#include "camera_probe.h"
 #include "commands.h"
 #include "tool_errors.h"
 #include "zelisp.h"
@@ -26,6 +27,19 @@ std::string node_column(int camera, int mode)
     return path;
 }
 
+// The sensor's rate, asked of the mode 1 node; "-" when it cannot be opened.
+std::string rate_column(int camera)
+{
+    // The library prints why an open failed; the node column says it already.
+    fflush(stdout);
+    unsigned long handle = isp_open_video(uint32_t(camera), 1);
+    if (handle == 0)
+        return "-";
+    std::string rate = frame_rate_text(handle);
+    isp_close_video(handle);
+    return rate;
+}
+
 int run_list()
 {
     uint32_t count = 0;
@@ -44,14 +58,15 @@ int run_list()
     printf("%u valid camera%s\n", count, count == 1 ? "" : "s");
     if (count == 0)
         return kExitOk;
-    printf("%-7s %-22s %-22s\n", "CAMERA", "MODE 1 NODE", "MODE 2 NODE");
+    printf("%-7s %-22s %-22s %s\n", "CAMERA", "MODE 1 NODE", "MODE 2 NODE", "FRAME RATE");
     for (uint32_t i = 0; i < count; ++i) {
         int camera = info[i].camera_index;
         if (camera < 0 || camera >= int(kMaxCameras)) {
             printf("%-7d (camera number outside 0..11)\n", camera);
             continue;
         }
-        printf("%-7d %-22s %-22s\n", camera, node_column(camera, 1).c_str(), node_column(camera, 2).c_str());
+        printf("%-7d %-22s %-22s %s\n", camera, node_column(camera, 1).c_str(), node_column(camera, 2).c_str(),
+               rate_column(camera).c_str());
     }
     return kExitOk;
 }

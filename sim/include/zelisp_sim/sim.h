@@ -131,8 +131,8 @@ Counters counters(int node);
  * or the ISP's private ids); false when the id is unknown. */
 bool control_value(int camera, uint32_t id, int32_t *value);
 bool set_control_value(int camera, uint32_t id, int32_t value);
-/* The last 36-byte payload set for ISP_CID_MWB (0x00981991) or ISP_CID_MEC
- * (0x00981992); all zero until one is set. */
+/* The last 36-byte payload set for ISP_CID_MWB or ISP_CID_MEC
+ * (driver/isp_requests.h); all zero until one is set. */
 std::vector<uint8_t> manual_payload(int camera, uint32_t id);
 /* The 14 bytes VIDIOC_ISP_GET_ABNORMAL_INFO returns for camera c. */
 void set_abnormal_info(int camera, const uint8_t info[14]);

@@ -57,4 +57,19 @@ cmake -S "$consumer/../../../examples" -B "$work/examples" -DCMAKE_PREFIX_PATH="
 cmake --build "$work/examples" >/dev/null
 env -i "$prefix/bin/zelisp-sim-run" -- "$work/examples/open_camera" | grep -q "camera 0: native descriptor" || {
   echo "example built against the install does not run"; exit 1; }
-echo "installed tree usable through pkg-config and find_package; installed programs and examples run"
+
+# The Python package, when built: installed where Debian's interpreter looks
+# for the default prefix, and importable from the prefix alone (no build
+# tree, no library path: the extension finds libzelisp by its run path).
+if [ -d "$build_dir/python/zelisp" ]; then
+  package=$(dirname "$(find "$prefix" -path '*/zelisp/__init__.py' | head -n1)")
+  [ -f "$package/__init__.pyi" ] && [ -f "$package/py.typed" ] || { echo "python package incomplete: $package"; exit 1; }
+  relative=${package#"$prefix"/}
+  relative=${relative%/zelisp}
+  /usr/bin/python3 -c "import sys; sys.exit('/usr/local/$relative' not in sys.path and '/usr/$relative' not in sys.path)" ||
+    { echo "python package installed to $relative, which /usr/bin/python3 does not read"; exit 1; }
+  out=$(cd / && env -u LD_LIBRARY_PATH PYTHONPATH="$(dirname "$package")" "$prefix/bin/zelisp-sim-run" -- \
+    /usr/bin/python3 -c "import zelisp; print(zelisp.__file__.startswith('$prefix'), zelisp.version(), [c.index for c in zelisp.cameras()])")
+  [ "$out" = "True zelisp:v1.3.0 [0, 1, 2, 3]" ] || { echo "python import from the installed tree: $out"; exit 1; }
+fi
+echo "installed tree usable through pkg-config and find_package; installed programs, examples and the Python package run"

@@ -1,0 +1,68 @@
+"""Picture controls go to the driver on every read and write, with the
+values and payloads the driver expects."""
+
+import pytest
+
+import zelisp
+import zsim
+
+CONTROLS = {
+    "brightness": (0x00980900, 200),
+    "contrast": (0x00980901, 17),
+    "saturation": (0x00980902, 255),
+    "hue": (0x00980903, 0),
+    "gamma": (0x00980910, 0x12345678),
+    "sharpness": (0x0098091B, 9),
+    "awb": (0x0098090C, 0),
+    "aec": (0x009A0901, 1),
+}
+
+
+@pytest.fixture
+def opened():
+    with zelisp.Camera(1) as camera:
+        yield camera
+
+
+@pytest.mark.parametrize("name", sorted(CONTROLS))
+def test_control_round_trip_through_the_driver(opened, name):
+    control, value = CONTROLS[name]
+    setattr(opened, name, value)
+    assert zsim.control_value(1, control) == value
+    assert getattr(opened, name) == value
+    # A value changed behind the package's back is read from the driver.
+    zsim.set_control_value(1, control, 1)
+    assert getattr(opened, name) == 1
+
+
+def test_denoise_manual_balance_exposure_and_abnormal_info(opened):
+    opened.denoise = (3, 7)
+    assert (zsim.control_value(1, 0x00981993), zsim.control_value(1, 0x00981994)) == (3, 7)
+    assert opened.denoise == (3, 7)
+
+    opened.set_mwb(0x12345, 2, 3)
+    payload = zsim.manual_payload(1, 0x00981991)
+    assert int.from_bytes(payload[0:4], "little") == 1
+    gains = [int.from_bytes(payload[16 + 2 * i:18 + 2 * i], "little") for i in range(9)]
+    assert gains == [0x2345, 2, 3] * 3
+
+    opened.set_mec([1, 2, 3, 4, 5, 0x10006])
+    payload = zsim.manual_payload(1, 0x00981992)
+    assert [int.from_bytes(payload[4 + 2 * i:6 + 2 * i], "little") for i in range(6)] == [1, 2, 3, 4, 5, 6]
+    with pytest.raises(zelisp.InvalidArgument, match="six numbers"):
+        opened.set_mec([1, 2])
+
+    assert opened.abnormal_info() == bytes(14)
+    zsim.set_abnormal_info(1, bytes(range(14)))
+    assert opened.abnormal_info() == bytes(range(14))
+
+
+def test_refused_control_values(opened):
+    with pytest.raises(zelisp.Error) as refused:
+        opened.sharpness = 11
+    assert refused.value.call == "isp_camera_set_sharpness"
+    assert zsim.control_value(1, 0x0098091B) == 5
+    with pytest.raises(zelisp.InvalidArgument, match="does not fit"):
+        opened.awb = 256
+    with pytest.raises(zelisp.InvalidArgument):
+        opened.brightness = -1

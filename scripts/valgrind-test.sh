@@ -21,7 +21,7 @@
 # The GStreamer plugin's tests (gst.*) are left out as well: under memcheck
 # GStreamer's registry scan and type system take minutes per test program
 # and report GLib's lifetime allocations, none of it our code; they run in
-# the plain and sanitizer stages, where ASan and UBSan check the plugin. The
+# the plain and sanitizer stages, where ASan and UBSan check the plugin.
 # The Python package's pytest suite is left out too: memcheck would have to
 # run the whole interpreter (and numpy, OpenCV), some 50 times slower and full
 # of the interpreter's own pool-allocator reports; the package's C++ runs

@@ -167,7 +167,20 @@ int select(int nfds, fd_set *read, fd_set *write, fd_set *except, struct timeval
     REAL(select, int (*)(int, fd_set *, fd_set *, fd_set *, struct timeval *));
     if (select_fn)
         return select_fn(nfds, read, write, except, timeout);
+#ifdef SYS_select
     return int(syscall(SYS_select, nfds, read, write, except, timeout));
+#else
+    // Arm64 has no select system call, only pselect6: it takes the limit as a
+    // timespec (normalised here, as select's own would be) and, like select,
+    // writes back the time left.
+    struct timespec limit {};
+    if (timeout)
+        limit = {timeout->tv_sec + timeout->tv_usec / 1000000, (timeout->tv_usec % 1000000) * 1000};
+    int result = int(syscall(SYS_pselect6, nfds, read, write, except, timeout ? &limit : nullptr, nullptr));
+    if (timeout)
+        *timeout = {limit.tv_sec, limit.tv_nsec / 1000};
+    return result;
+#endif
 }
 
 int poll(struct pollfd *fds, nfds_t count, int timeout_ms)

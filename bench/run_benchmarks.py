@@ -30,9 +30,9 @@ def section_modules():
     here = os.path.dirname(os.path.abspath(__file__))
     modules = []
     for path in sorted(glob.glob(os.path.join(here, "sections", "*.py"))):
-        spec = importlib.util.spec_from_file_location(os.path.basename(path)[:-3], path)
-        module = importlib.util.module_from_spec(spec)
-        spec.loader.exec_module(module)
+        module_spec = importlib.util.spec_from_file_location(os.path.basename(path)[:-3], path)
+        module = importlib.util.module_from_spec(module_spec)
+        module_spec.loader.exec_module(module)
         modules.append(module)
     return modules
 

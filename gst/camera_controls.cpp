@@ -45,12 +45,12 @@ void install_control_properties(GObjectClass *klass, guint first_id)
     const GParamFlags flags = GParamFlags(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS | GST_PARAM_MUTABLE_PLAYING);
     for (int i = 0; i < kControlCount; ++i) {
         const ControlEntry &entry = kControls[i];
-        GParamSpec *spec =
+        GParamSpec *pspec =
             entry.boolean
                 ? g_param_spec_boolean(entry.name, entry.nick, entry.blurb, entry.fallback != 0, flags)
                 : g_param_spec_uint(entry.name, entry.nick, entry.blurb, entry.minimum, entry.maximum,
                                     entry.fallback, flags);
-        g_object_class_install_property(klass, first_id + guint(i), spec);
+        g_object_class_install_property(klass, first_id + guint(i), pspec);
     }
 }
 

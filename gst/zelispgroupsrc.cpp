@@ -139,12 +139,12 @@ uint32_t combination_of(const std::vector<int> &views)
 
 // ---- Properties ----
 
-void set_property(GObject *object, guint id, const GValue *value, GParamSpec *spec)
+void set_property(GObject *object, guint id, const GValue *value, GParamSpec *pspec)
 {
     GstZelispGroupSrc *self = GST_ZELISP_GROUP_SRC(object);
     GroupState &s = *self->state;
     if (id != PROP_TIMEOUT_MS && s.stream) {
-        refuse_property(object, spec->name, "the group is set up; change it in the READY or NULL state");
+        refuse_property(object, pspec->name, "the group is set up; change it in the READY or NULL state");
         return;
     }
     std::string error;
@@ -182,14 +182,14 @@ void set_property(GObject *object, guint id, const GValue *value, GParamSpec *sp
         s.num_buffers = g_value_get_int(value);
         break;
     default:
-        G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
+        G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, pspec);
         break;
     }
     if (!error.empty())
-        refuse_property(object, spec->name, error);
+        refuse_property(object, pspec->name, error);
 }
 
-void get_property(GObject *object, guint id, GValue *value, GParamSpec *spec)
+void get_property(GObject *object, guint id, GValue *value, GParamSpec *pspec)
 {
     GstZelispGroupSrc *self = GST_ZELISP_GROUP_SRC(object);
     GroupState &s = *self->state;
@@ -223,7 +223,7 @@ void get_property(GObject *object, guint id, GValue *value, GParamSpec *spec)
         break;
     }
     default:
-        G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
+        G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, pspec);
         break;
     }
 }

@@ -122,7 +122,7 @@ bool stream_set_up(GstZelispSrc *self) { return self->state->stream != nullptr; 
 
 // ---- Properties ----
 
-void set_property(GObject *object, guint id, const GValue *value, GParamSpec *spec)
+void set_property(GObject *object, guint id, const GValue *value, GParamSpec *pspec)
 {
     GstZelispSrc *self = GST_ZELISP_SRC(object);
     SrcState &s = *self->state;
@@ -144,7 +144,7 @@ void set_property(GObject *object, guint id, const GValue *value, GParamSpec *sp
             }
             stream->unref();
             if (result != ISP_OK) {
-                refuse_property(object, spec->name, library_error_text(call, result));
+                refuse_property(object, pspec->name, library_error_text(call, result));
                 return;
             }
         }
@@ -155,7 +155,7 @@ void set_property(GObject *object, guint id, const GValue *value, GParamSpec *sp
         return;
     }
     if (id != PROP_TIMEOUT_MS && id != PROP_NUM_BUFFERS && stream_set_up(self)) {
-        refuse_property(object, spec->name, "the camera is set up; change it in the READY or NULL state");
+        refuse_property(object, pspec->name, "the camera is set up; change it in the READY or NULL state");
         return;
     }
     std::string error;
@@ -194,12 +194,12 @@ void set_property(GObject *object, guint id, const GValue *value, GParamSpec *sp
         break;
     }
     default:
-        G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
+        G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, pspec);
         break;
     }
     GST_OBJECT_UNLOCK(self);
     if (!error.empty())
-        refuse_property(object, spec->name, error);
+        refuse_property(object, pspec->name, error);
 }
 
 GstStructure *stats_structure(const Counters &counters)
@@ -209,7 +209,7 @@ GstStructure *stats_structure(const Counters &counters)
                              counters.copied, nullptr);
 }
 
-void get_property(GObject *object, guint id, GValue *value, GParamSpec *spec)
+void get_property(GObject *object, guint id, GValue *value, GParamSpec *pspec)
 {
     GstZelispSrc *self = GST_ZELISP_SRC(object);
     SrcState &s = *self->state;
@@ -265,7 +265,7 @@ void get_property(GObject *object, guint id, GValue *value, GParamSpec *spec)
         g_value_take_boxed(value, stats_structure(s.counters));
         break;
     default:
-        G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
+        G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, pspec);
         break;
     }
     GST_OBJECT_UNLOCK(self);

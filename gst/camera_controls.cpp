@@ -14,23 +14,35 @@ struct ControlEntry {
     uint32_t maximum;
     uint32_t fallback; // the driver's default, shown until the camera is open
     bool boolean;
+    // The library's calls for a control that is one 32-bit word; the
+    // others (denoise pair, the 8-bit switches) are handled below.
+    const char *set_name;
+    int (*set)(unsigned long, uint32_t);
+    const char *get_name;
+    int (*get)(unsigned long, uint32_t *);
 };
 
+#define WORD_CALLS(name) "isp_camera_set_" #name, isp_camera_set_##name, "isp_camera_get_" #name, isp_camera_get_##name
+#define OTHER_CALLS nullptr, nullptr, nullptr, nullptr
+
 const ControlEntry kControls[kControlCount] = {
-    {"brightness", "Brightness", "Picture brightness", 0, 255, 128, false},
-    {"contrast", "Contrast", "Picture contrast", 0, 255, 128, false},
-    {"saturation", "Saturation", "Colour saturation", 0, 255, 128, false},
-    {"hue", "Hue", "Hue shift", 0, 255, 128, false},
-    {"gamma", "Gamma", "Gamma word handed to the ISP firmware as it is", 0, G_MAXUINT32, 100, false},
-    {"sharpness", "Sharpness", "Edge enhancement", 0, 10, 5, false},
-    {"denoise-luma", "Luma denoise", "Luma noise reduction strength", 0, 10, 5, false},
-    {"denoise-chroma", "Chroma denoise", "Chroma noise reduction strength", 0, 10, 5, false},
-    {"awb", "Auto white balance", "Automatic white balance on or off", 0, 1, 1, true},
+    {"brightness", "Brightness", "Picture brightness", 0, 255, 128, false, WORD_CALLS(brightness)},
+    {"contrast", "Contrast", "Picture contrast", 0, 255, 128, false, WORD_CALLS(contrast)},
+    {"saturation", "Saturation", "Colour saturation", 0, 255, 128, false, WORD_CALLS(saturation)},
+    {"hue", "Hue", "Hue shift", 0, 255, 128, false, WORD_CALLS(hue)},
+    {"gamma", "Gamma", "Gamma word handed to the ISP firmware as it is", 0, G_MAXUINT32, 100, false, WORD_CALLS(gamma)},
+    {"sharpness", "Sharpness", "Edge enhancement", 0, 10, 5, false, WORD_CALLS(sharpness)},
+    {"denoise-luma", "Luma denoise", "Luma noise reduction strength", 0, 10, 5, false, OTHER_CALLS},
+    {"denoise-chroma", "Chroma denoise", "Chroma noise reduction strength", 0, 10, 5, false, OTHER_CALLS},
+    {"awb", "Auto white balance", "Automatic white balance on or off", 0, 1, 1, true, OTHER_CALLS},
     {"aec", "Auto exposure mode",
      "The ISP's exposure mode: 0 auto, 1 manual, 2 shutter priority, 3 aperture priority, 4..255 firmware "
      "modes (reads back 1 for any mode other than 0)",
-     0, 255, 0, false},
+     0, 255, 0, false, OTHER_CALLS},
 };
+
+#undef WORD_CALLS
+#undef OTHER_CALLS
 
 } // namespace
 
@@ -76,81 +88,43 @@ void control_to_value(int control, uint32_t number, GValue *value)
 
 int send_control(unsigned long handle, int control, uint32_t value, const char **call)
 {
-    switch (control) {
-    case kBrightness:
-        *call = "isp_camera_set_brightness";
-        return isp_camera_set_brightness(handle, value);
-    case kContrast:
-        *call = "isp_camera_set_contrast";
-        return isp_camera_set_contrast(handle, value);
-    case kSaturation:
-        *call = "isp_camera_set_saturation";
-        return isp_camera_set_saturation(handle, value);
-    case kHue:
-        *call = "isp_camera_set_hue";
-        return isp_camera_set_hue(handle, value);
-    case kGamma:
-        *call = "isp_camera_set_gamma";
-        return isp_camera_set_gamma(handle, value);
-    case kSharpness:
-        *call = "isp_camera_set_sharpness";
-        return isp_camera_set_sharpness(handle, value);
-    case kDenoiseLuma:
-    case kDenoiseChroma: {
-        // The ISP takes both strengths in one call: keep the other one.
-        uint32_t luma = 0, chroma = 0;
-        *call = "isp_camera_get_denoise";
-        int result = isp_camera_get_denoise(handle, &luma, &chroma);
-        if (result != 0)
-            return result;
-        (control == kDenoiseLuma ? luma : chroma) = value;
-        *call = "isp_camera_set_denoise";
-        return isp_camera_set_denoise(handle, luma, chroma);
-    }
-    case kAwb:
-        *call = "isp_camera_set_awb";
-        return isp_camera_set_awb(handle, uint8_t(value));
-    case kAec:
-        *call = "isp_camera_set_aec";
-        return isp_camera_set_aec(handle, uint8_t(value));
-    default:
+    if (control < 0 || control >= kControlCount) {
         *call = "controls";
         return ISP_ERR_INVALID;
     }
+    const ControlEntry &entry = kControls[control];
+    if (entry.set) {
+        *call = entry.set_name;
+        return entry.set(handle, value);
+    }
+    if (control == kAwb || control == kAec) {
+        *call = control == kAwb ? "isp_camera_set_awb" : "isp_camera_set_aec";
+        return control == kAwb ? isp_camera_set_awb(handle, uint8_t(value))
+                               : isp_camera_set_aec(handle, uint8_t(value));
+    }
+    // The ISP takes both denoise strengths in one call: keep the other one.
+    uint32_t luma = 0, chroma = 0;
+    *call = "isp_camera_get_denoise";
+    int result = isp_camera_get_denoise(handle, &luma, &chroma);
+    if (result != 0)
+        return result;
+    (control == kDenoiseLuma ? luma : chroma) = value;
+    *call = "isp_camera_set_denoise";
+    return isp_camera_set_denoise(handle, luma, chroma);
 }
 
 int read_control(unsigned long handle, int control, uint32_t *value, const char **call)
 {
-    switch (control) {
-    case kBrightness:
-        *call = "isp_camera_get_brightness";
-        return isp_camera_get_brightness(handle, value);
-    case kContrast:
-        *call = "isp_camera_get_contrast";
-        return isp_camera_get_contrast(handle, value);
-    case kSaturation:
-        *call = "isp_camera_get_saturation";
-        return isp_camera_get_saturation(handle, value);
-    case kHue:
-        *call = "isp_camera_get_hue";
-        return isp_camera_get_hue(handle, value);
-    case kGamma:
-        *call = "isp_camera_get_gamma";
-        return isp_camera_get_gamma(handle, value);
-    case kSharpness:
-        *call = "isp_camera_get_sharpness";
-        return isp_camera_get_sharpness(handle, value);
-    case kDenoiseLuma:
-    case kDenoiseChroma: {
-        uint32_t luma = 0, chroma = 0;
-        *call = "isp_camera_get_denoise";
-        int result = isp_camera_get_denoise(handle, &luma, &chroma);
-        if (result == 0)
-            *value = control == kDenoiseLuma ? luma : chroma;
-        return result;
+    if (control < 0 || control >= kControlCount) {
+        *call = "controls";
+        return ISP_ERR_INVALID;
     }
-    case kAwb:
-    case kAec: {
+    const ControlEntry &entry = kControls[control];
+    if (entry.get) {
+        *call = entry.get_name;
+        return entry.get(handle, value);
+    }
+    if (control == kAwb || control == kAec) {
         uint8_t byte = 0;
         *call = control == kAwb ? "isp_camera_get_awb" : "isp_camera_get_aec";
         int result = control == kAwb ? isp_camera_get_awb(handle, &byte) : isp_camera_get_aec(handle, &byte);
@@ -158,10 +132,12 @@ int read_control(unsigned long handle, int control, uint32_t *value, const char 
             *value = byte;
         return result;
     }
-    default:
-        *call = "controls";
-        return ISP_ERR_INVALID;
-    }
+    uint32_t luma = 0, chroma = 0;
+    *call = "isp_camera_get_denoise";
+    int result = isp_camera_get_denoise(handle, &luma, &chroma);
+    if (result == 0)
+        *value = control == kDenoiseLuma ? luma : chroma;
+    return result;
 }
 
 } // namespace gstzelisp

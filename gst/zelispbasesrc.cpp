@@ -47,7 +47,8 @@ G_DEFINE_ABSTRACT_TYPE_WITH_PRIVATE(GstZelispBaseSrc, gst_zelisp_base_src, GST_T
 
 Source &gst_zelisp_base_src_source(gpointer element)
 {
-    auto *priv = static_cast<GstZelispBaseSrcPrivate *>(gst_zelisp_base_src_get_instance_private(GST_ZELISP_BASE_SRC(element)));
+    auto *priv = static_cast<GstZelispBaseSrcPrivate *>(
+        gst_zelisp_base_src_get_instance_private(GST_ZELISP_BASE_SRC(element)));
     return *priv->source;
 }
 

@@ -233,7 +233,8 @@ GstPad *make_view_pad(GstZelispSrc *self, GstPadTemplate *templ, int view)
     output->output.view = view;
     output->label = "view " + std::to_string(view);
     output->stream_name = "view" + std::to_string(view);
-    std::string name = std::string(GST_PAD_TEMPLATE_NAME_TEMPLATE(templ)) == "src" ? "src" : "src_" + std::to_string(view);
+    bool always = std::string(GST_PAD_TEMPLATE_NAME_TEMPLATE(templ)) == "src";
+    std::string name = always ? "src" : "src_" + std::to_string(view);
     return source_of(self).make_pad(templ, name, std::move(output));
 }
 

@@ -14,16 +14,21 @@ struct ControlEntry {
     uint32_t maximum;
     uint32_t fallback; // the driver's default, shown until the camera is open
     bool boolean;
-    // The library's calls for a control that is one 32-bit word; the
-    // others (denoise pair, the 8-bit switches) are handled below.
+    // The library's calls: a 32-bit word or an 8-bit switch; neither for
+    // the denoise strengths, which the ISP takes as a pair (below).
     const char *set_name;
-    int (*set)(unsigned long, uint32_t);
     const char *get_name;
+    int (*set)(unsigned long, uint32_t);
     int (*get)(unsigned long, uint32_t *);
+    int (*set_byte)(unsigned long, uint8_t);
+    int (*get_byte)(unsigned long, uint8_t *);
 };
 
-#define WORD_CALLS(name) "isp_camera_set_" #name, isp_camera_set_##name, "isp_camera_get_" #name, isp_camera_get_##name
-#define OTHER_CALLS nullptr, nullptr, nullptr, nullptr
+#define WORD_CALLS(name)                                                                                           \
+    "isp_camera_set_" #name, "isp_camera_get_" #name, isp_camera_set_##name, isp_camera_get_##name, nullptr, nullptr
+#define BYTE_CALLS(name)                                                                                           \
+    "isp_camera_set_" #name, "isp_camera_get_" #name, nullptr, nullptr, isp_camera_set_##name, isp_camera_get_##name
+#define PAIR_CALLS "isp_camera_set_denoise", "isp_camera_get_denoise", nullptr, nullptr, nullptr, nullptr
 
 const ControlEntry kControls[kControlCount] = {
     {"brightness", "Brightness", "Picture brightness", 0, 255, 128, false, WORD_CALLS(brightness)},
@@ -32,17 +37,18 @@ const ControlEntry kControls[kControlCount] = {
     {"hue", "Hue", "Hue shift", 0, 255, 128, false, WORD_CALLS(hue)},
     {"gamma", "Gamma", "Gamma word handed to the ISP firmware as it is", 0, G_MAXUINT32, 100, false, WORD_CALLS(gamma)},
     {"sharpness", "Sharpness", "Edge enhancement", 0, 10, 5, false, WORD_CALLS(sharpness)},
-    {"denoise-luma", "Luma denoise", "Luma noise reduction strength", 0, 10, 5, false, OTHER_CALLS},
-    {"denoise-chroma", "Chroma denoise", "Chroma noise reduction strength", 0, 10, 5, false, OTHER_CALLS},
-    {"awb", "Auto white balance", "Automatic white balance on or off", 0, 1, 1, true, OTHER_CALLS},
+    {"denoise-luma", "Luma denoise", "Luma noise reduction strength", 0, 10, 5, false, PAIR_CALLS},
+    {"denoise-chroma", "Chroma denoise", "Chroma noise reduction strength", 0, 10, 5, false, PAIR_CALLS},
+    {"awb", "Auto white balance", "Automatic white balance on or off", 0, 1, 1, true, BYTE_CALLS(awb)},
     {"aec", "Auto exposure mode",
      "The ISP's exposure mode: 0 auto, 1 manual, 2 shutter priority, 3 aperture priority, 4..255 firmware "
      "modes (reads back 1 for any mode other than 0)",
-     0, 255, 0, false, OTHER_CALLS},
+     0, 255, 0, false, BYTE_CALLS(aec)},
 };
 
 #undef WORD_CALLS
-#undef OTHER_CALLS
+#undef BYTE_CALLS
+#undef PAIR_CALLS
 
 } // namespace
 
@@ -93,23 +99,19 @@ int send_control(unsigned long handle, int control, uint32_t value, const char *
         return ISP_ERR_INVALID;
     }
     const ControlEntry &entry = kControls[control];
-    if (entry.set) {
-        *call = entry.set_name;
+    *call = entry.set_name;
+    if (entry.set)
         return entry.set(handle, value);
-    }
-    if (control == kAwb || control == kAec) {
-        *call = control == kAwb ? "isp_camera_set_awb" : "isp_camera_set_aec";
-        return control == kAwb ? isp_camera_set_awb(handle, uint8_t(value))
-                               : isp_camera_set_aec(handle, uint8_t(value));
-    }
+    if (entry.set_byte)
+        return entry.set_byte(handle, uint8_t(value));
     // The ISP takes both denoise strengths in one call: keep the other one.
     uint32_t luma = 0, chroma = 0;
-    *call = "isp_camera_get_denoise";
+    *call = entry.get_name;
     int result = isp_camera_get_denoise(handle, &luma, &chroma);
     if (result != 0)
         return result;
     (control == kDenoiseLuma ? luma : chroma) = value;
-    *call = "isp_camera_set_denoise";
+    *call = entry.set_name;
     return isp_camera_set_denoise(handle, luma, chroma);
 }
 
@@ -120,22 +122,18 @@ int read_control(unsigned long handle, int control, uint32_t *value, const char 
         return ISP_ERR_INVALID;
     }
     const ControlEntry &entry = kControls[control];
-    if (entry.get) {
-        *call = entry.get_name;
+    *call = entry.get_name;
+    if (entry.get)
         return entry.get(handle, value);
-    }
-    if (control == kAwb || control == kAec) {
+    int result;
+    if (entry.get_byte) {
         uint8_t byte = 0;
-        *call = control == kAwb ? "isp_camera_get_awb" : "isp_camera_get_aec";
-        int result = control == kAwb ? isp_camera_get_awb(handle, &byte) : isp_camera_get_aec(handle, &byte);
-        if (result == 0)
+        if ((result = entry.get_byte(handle, &byte)) == 0)
             *value = byte;
         return result;
     }
     uint32_t luma = 0, chroma = 0;
-    *call = "isp_camera_get_denoise";
-    int result = isp_camera_get_denoise(handle, &luma, &chroma);
-    if (result == 0)
+    if ((result = isp_camera_get_denoise(handle, &luma, &chroma)) == 0)
         *value = control == kDenoiseLuma ? luma : chroma;
     return result;
 }

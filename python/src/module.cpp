@@ -56,22 +56,23 @@ uint32_t view_mask(const py::iterable &views, const char *call)
     return mask;
 }
 
-/* Picture controls that read and write one word. */
+/* Picture controls that read and write one word: property name goes to the
+ * library's isp_camera_get_<name> and isp_camera_set_<name>. */
 template <typename T>
 void bind_control(py::class_<PyCamera> &camera, const char *name, int (*get)(unsigned long, T *),
-                  int (*set)(unsigned long, T), const char *get_name, const char *set_name, const char *doc)
+                  int (*set)(unsigned long, T), const char *doc)
 {
     camera.def_property(
         name,
-        [get, get_name](const PyCamera &self) {
+        [get, call = "isp_camera_get_" + std::string(name)](const PyCamera &self) {
             T value{};
-            check(get(self.handle(get_name), &value), get_name);
+            check(get(self.handle(call.c_str()), &value), call.c_str());
             return int64_t(value);
         },
-        [set, set_name](const PyCamera &self, int64_t value) {
+        [set, call = "isp_camera_set_" + std::string(name)](const PyCamera &self, int64_t value) {
             if (value < 0 || uint64_t(value) > uint64_t(T(~T(0))))
-                fail(ISP_ERR_INVALID, set_name, "value " + std::to_string(value) + " does not fit the control");
-            check(set(self.handle(set_name), T(value)), set_name);
+                fail(ISP_ERR_INVALID, call.c_str(), "value " + std::to_string(value) + " does not fit the control");
+            check(set(self.handle(call.c_str()), T(value)), call.c_str());
         },
         doc);
 }
@@ -318,21 +319,19 @@ PYBIND11_MODULE(_zelisp, m)
         });
 
     bind_control<uint32_t>(camera, "brightness", isp_camera_get_brightness, isp_camera_set_brightness,
-                           "isp_camera_get_brightness", "isp_camera_set_brightness", "Brightness, 0..255.");
-    bind_control<uint32_t>(camera, "contrast", isp_camera_get_contrast, isp_camera_set_contrast,
-                           "isp_camera_get_contrast", "isp_camera_set_contrast", "Contrast, 0..255.");
+                           "Brightness, 0..255.");
+    bind_control<uint32_t>(camera, "contrast", isp_camera_get_contrast, isp_camera_set_contrast, "Contrast, 0..255.");
     bind_control<uint32_t>(camera, "saturation", isp_camera_get_saturation, isp_camera_set_saturation,
-                           "isp_camera_get_saturation", "isp_camera_set_saturation", "Saturation, 0..255.");
-    bind_control<uint32_t>(camera, "hue", isp_camera_get_hue, isp_camera_set_hue, "isp_camera_get_hue",
-                           "isp_camera_set_hue", "Hue, 0..255.");
-    bind_control<uint32_t>(camera, "gamma", isp_camera_get_gamma, isp_camera_set_gamma, "isp_camera_get_gamma",
-                           "isp_camera_set_gamma", "Gamma, a 32-bit word for the ISP firmware.");
+                           "Saturation, 0..255.");
+    bind_control<uint32_t>(camera, "hue", isp_camera_get_hue, isp_camera_set_hue, "Hue, 0..255.");
+    bind_control<uint32_t>(camera, "gamma", isp_camera_get_gamma, isp_camera_set_gamma,
+                           "Gamma, a 32-bit word for the ISP firmware.");
     bind_control<uint32_t>(camera, "sharpness", isp_camera_get_sharpness, isp_camera_set_sharpness,
-                           "isp_camera_get_sharpness", "isp_camera_set_sharpness", "Sharpness, 0..10.");
-    bind_control<uint8_t>(camera, "awb", isp_camera_get_awb, isp_camera_set_awb, "isp_camera_get_awb",
-                          "isp_camera_set_awb", "Automatic white balance, 1 on, 0 off.");
-    bind_control<uint8_t>(camera, "aec", isp_camera_get_aec, isp_camera_set_aec, "isp_camera_get_aec",
-                          "isp_camera_set_aec", "Exposure mode: 0 automatic, 1 manual, ...");
+                           "Sharpness, 0..10.");
+    bind_control<uint8_t>(camera, "awb", isp_camera_get_awb, isp_camera_set_awb,
+                          "Automatic white balance, 1 on, 0 off.");
+    bind_control<uint8_t>(camera, "aec", isp_camera_get_aec, isp_camera_set_aec,
+                          "Exposure mode: 0 automatic, 1 manual, ...");
 
     camera_record = py::detail::get_type_info(typeid(PyCamera));
     for (PyMethodDef &method : camera_frame_methods) {

@@ -48,6 +48,7 @@ struct Plane {
     size_t length = 0;       // page-aligned
     ViewFormat format{};
     uint64_t image_id = 0;   // the processed image the plane holds (0: none)
+    uint32_t block = kBandUnknown; // where its moving block stands (see paint_frame)
 };
 
 enum class BufferState { User, Queued, Filled };

@@ -289,14 +289,17 @@ void paint_plane(State &s, int camera, int view, Plane &plane, uint32_t sequence
     if (tiles && image.bytes.size() == image_size(plane.format) && plane.length >= image.bytes.size()) {
         paint_noisy(plane.data, image.bytes.data(), plane.format, *tiles, sequence);
         plane.image_id = 0;
-        paint_frame(plane.data, plane.length, plane.format, sequence, plane.data);
+        plane.block = kBandClean;
+        paint_frame(plane.data, plane.length, plane.format, sequence, plane.data, &plane.block);
         return;
     }
     if (plane.image_id != image.id) {
         paint_image(plane.data, plane.length, image);
         plane.image_id = image.id;
+        plane.block = kBandClean;
     }
-    paint_frame(plane.data, plane.length, plane.format, sequence, image.bars ? nullptr : image.bytes.data());
+    paint_frame(plane.data, plane.length, plane.format, sequence, image.bars ? nullptr : image.bytes.data(),
+                &plane.block);
 }
 
 void prepare_node_buffers(CoreLock &held, int node)
@@ -364,8 +367,10 @@ void prepare_node_buffers(CoreLock &held, int node)
         if (target.buffer >= n.buffers.size() || target.plane >= n.buffers[target.buffer].planes.size())
             continue;
         Plane &plane = n.buffers[target.buffer].planes[target.plane];
-        if (plane.data == target.data && images[target.plane] && plane.image_id == 0)
+        if (plane.data == target.data && images[target.plane] && plane.image_id == 0) {
             plane.image_id = images[target.plane]->id;
+            plane.block = kBandClean;
+        }
     }
 }
 

@@ -74,6 +74,12 @@ void fill_pattern(uint8_t *out, size_t size, const uint8_t *pattern, size_t unit
 {
     if (size < unit)
         return;
+    // A pattern of one repeated byte (luma, grey, RGB white or black) is a
+    // plain memset.
+    if (std::all_of(pattern + 1, pattern + unit, [&](uint8_t byte) { return byte == pattern[0]; })) {
+        memset(out, pattern[0], size);
+        return;
+    }
     memcpy(out, pattern, unit);
     size_t done = unit;
     while (done < size) {
@@ -129,12 +135,15 @@ void fill_rect(uint8_t *plane, const ViewFormat &format, uint32_t x0, uint32_t y
     }
 }
 
-void paint_bars(uint8_t *plane, const ViewFormat &format, uint32_t y0, uint32_t y1)
+// The bars between pixels xa and xb (even) of rows [y0, y1).
+void paint_bars(uint8_t *plane, const ViewFormat &format, uint32_t y0, uint32_t y1, uint32_t xa = 0,
+                uint32_t xb = UINT32_MAX)
 {
     for (uint32_t bar = 0; bar < 8; ++bar) {
-        uint32_t x0 = (bar * format.width / 8) & ~1u;
-        uint32_t x1 = bar == 7 ? format.width : ((bar + 1) * format.width / 8) & ~1u;
-        fill_rect(plane, format, x0, y0, x1, y1, kBars[bar]);
+        uint32_t x0 = std::max(xa, (bar * format.width / 8) & ~1u);
+        uint32_t x1 = std::min(xb, bar == 7 ? format.width : ((bar + 1) * format.width / 8) & ~1u);
+        if (x0 < x1)
+            fill_rect(plane, format, x0, y0, x1, y1, kBars[bar]);
     }
 }
 
@@ -191,17 +200,34 @@ void replicate_rows(uint8_t *plane, const ViewFormat &format, uint32_t x0, uint3
         memcpy(chroma + y * cstride + c0, chroma + size_t(y0 / 2) * cstride + c0, c1 - c0);
 }
 
-// Copies whole rows [y0, y1) (and their chroma rows) from an image of the
-// same format.
-void copy_rows(uint8_t *plane, const uint8_t *from, const ViewFormat &format, uint32_t y0, uint32_t y1)
+// Copies the rectangle [x0, x1) x [y0, y1) (and its chroma) from an image of
+// the same format; x0 and x1 even.
+void copy_rect(uint8_t *plane, const uint8_t *from, const ViewFormat &format, uint32_t x0, uint32_t x1,
+               uint32_t y0, uint32_t y1)
 {
     const size_t w = format.width;
-    const size_t stride = format.fourcc == kYUYV ? w * 2 : format.fourcc == kRGB24 ? w * 3 : w;
-    memcpy(plane + y0 * stride, from + y0 * stride, (y1 - y0) * stride);
+    const size_t bytes = format.fourcc == kYUYV ? 2 : format.fourcc == kRGB24 ? 3 : 1;
+    const size_t stride = w * bytes;
+    for (size_t y = y0; y < y1; ++y)
+        memcpy(plane + y * stride + x0 * bytes, from + y * stride + x0 * bytes, (x1 - x0) * bytes);
     if (format.fourcc != kNV12 && format.fourcc != kNV21)
         return;
     const size_t offset = w * format.height, cstride = w & ~size_t(1);
-    memcpy(plane + offset + y0 / 2 * cstride, from + offset + y0 / 2 * cstride, (y1 / 2 - y0 / 2) * cstride);
+    for (size_t y = y0 / 2; y < y1 / 2; ++y)
+        memcpy(plane + offset + y * cstride + x0, from + offset + y * cstride + x0, x1 - x0);
+}
+
+// Puts the background back over [x0, x1) of the block's band.
+void restore_band(uint8_t *plane, const ViewFormat &format, const uint8_t *background, uint32_t x0, uint32_t x1,
+                  uint32_t band, uint32_t cell)
+{
+    if (background) {
+        if (background != plane)
+            copy_rect(plane, background, format, x0, x1, band, band + cell);
+        return;
+    }
+    paint_bars(plane, format, band, band + 2, x0, x1);
+    replicate_rows(plane, format, x0, x1, band, band + cell);
 }
 
 } // namespace
@@ -230,37 +256,47 @@ void paint_background(uint8_t *plane, size_t length, const ViewFormat &format)
         paint_bars(plane, format, 0, format.height);
 }
 
-// Each strip is painted on its first two rows, cell by cell, and then
-// copied down whole rows at a time: the cells are an even number of rows
-// high, so two rows carry one row of chroma as well.
+// Each strip is painted on its first row and then copied down whole rows at
+// a time. The strip's two top rows get the colour of a 0 (one fill, which
+// lays the row of neutral chroma under them as well), then the cells of
+// the other colour go into the first row; the cells are an even number of
+// rows high, so the chroma rows line up with the luma rows copied.
+static void paint_strip(uint8_t *plane, const ViewFormat &format, uint32_t cell, uint32_t y, uint32_t sequence,
+                 bool complement)
+{
+    const Colour &zero = complement ? kWhite : kBlack, &one = complement ? kBlack : kWhite;
+    fill_rect(plane, format, cell, y, cell * (kBits + 1), y + 2, zero);
+    for (int bit = 0; bit < kBits; ++bit) {
+        const uint32_t x = cell * (bit + 1);
+        if ((sequence >> (kBits - 1 - bit)) & 1)
+            fill_rect(plane, format, x, y, x + cell, y + 1, one); // luma (or packed) row only: y is even
+    }
+    replicate_rows(plane, format, cell, cell * (kBits + 1), y, y + cell);
+}
+
 void paint_frame(uint8_t *plane, size_t length, const ViewFormat &format, uint32_t sequence,
-                 const uint8_t *background)
+                 const uint8_t *background, uint32_t *block)
 {
     const uint32_t cell = layout_of(format).cell;
     if (!paintable(format, length) || !cell)
         return;
-    for (int bit = 0; bit < kBits; ++bit) {
-        const bool one = (sequence >> (kBits - 1 - bit)) & 1;
-        const uint32_t x = cell * (bit + 1);
-        fill_rect(plane, format, x, cell, x + cell, cell + 2, one ? kWhite : kBlack);
-        fill_rect(plane, format, x, 2 * cell, x + cell, 2 * cell + 2, one ? kBlack : kWhite);
-    }
-    replicate_rows(plane, format, cell, cell * (kBits + 1), cell, 2 * cell);
-    replicate_rows(plane, format, cell, cell * (kBits + 1), 2 * cell, 3 * cell);
-    // The block's band is repainted whole, since the buffer held some older
-    // frame whose block stood elsewhere.
+    paint_strip(plane, format, cell, cell, sequence, false);
+    paint_strip(plane, format, cell, 2 * cell, sequence, true);
+    // The block moves along its band. A buffer that held an older frame
+    // gets the background back where that frame's block stood (or over the
+    // whole band when that is not known), then the new block.
     const uint32_t band = 4 * cell;
     const uint32_t travel = format.width - 2 * cell;
     const uint32_t x = uint32_t(uint64_t(sequence) * (cell / 2) % travel) & ~1u;
-    if (background) {
-        copy_rows(plane, background, format, band, band + cell);
-        fill_rect(plane, format, x, band, x + 2 * cell, band + 2, kWhite);
-        replicate_rows(plane, format, x, x + 2 * cell, band, band + cell);
-        return;
-    }
-    paint_bars(plane, format, band, band + 2);
+    const uint32_t old = block ? *block : kBandUnknown;
+    if (old == kBandUnknown)
+        restore_band(plane, format, background, 0, format.width, band, cell);
+    else if (old != kBandClean && old != x)
+        restore_band(plane, format, background, old, std::min(old + 2 * cell, format.width), band, cell);
     fill_rect(plane, format, x, band, x + 2 * cell, band + 2, kWhite);
-    replicate_rows(plane, format, 0, format.width, band, band + cell);
+    replicate_rows(plane, format, x, x + 2 * cell, band, band + cell);
+    if (block)
+        *block = x;
 }
 
 bool read_frame_number(const uint8_t *plane, size_t length, const ViewFormat &format, uint32_t *sequence)

@@ -66,8 +66,13 @@ bool camera_present(int camera);
 size_t image_size(const ViewFormat &format);       // bytes of one image
 void paint_background(uint8_t *plane, size_t length, const ViewFormat &format);
 // background: the image the band is restored from (null: the colour bars).
+// block: where the plane's moving block stands, kept between frames so that
+// only the old and the new block are painted (kBandClean: the plane holds
+// the bare background; null or kBandUnknown: the whole band is repainted).
+constexpr uint32_t kBandUnknown = UINT32_MAX;
+constexpr uint32_t kBandClean = UINT32_MAX - 1;
 void paint_frame(uint8_t *plane, size_t length, const ViewFormat &format, uint32_t sequence,
-                 const uint8_t *background = nullptr);
+                 const uint8_t *background = nullptr, uint32_t *block = nullptr);
 // Reads back the frame number paint_frame wrote; false if none is found.
 bool read_frame_number(const uint8_t *plane, size_t length, const ViewFormat &format, uint32_t *sequence);
 

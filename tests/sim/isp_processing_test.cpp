@@ -12,6 +12,7 @@
 
 #include "../../sim/src/sim_internal.h"
 #include "../../src/driver/isp_requests.h"
+#include "../support/isp_payload.h"
 #include "sim_fixture.h"
 #include "video_test_node.h"
 
@@ -115,18 +116,8 @@ protected:
     }
     void SetPayload(uint32_t id, const std::vector<uint16_t> &words, size_t at, uint32_t flag)
     {
-        uint8_t payload[36] = {};
-        std::memcpy(payload, &flag, 4);
-        std::memcpy(payload + at, words.data(), words.size() * 2);
-        v4l2_ext_control control{};
-        control.id = id;
-        control.size = 36;
-        control.ptr = payload;
-        v4l2_ext_controls controls{};
-        controls.ctrl_class = V4L2_CTRL_CLASS_USER;
-        controls.count = 1;
-        controls.controls = &control;
-        ASSERT_EQ(node_->Request(VIDIOC_S_EXT_CTRLS, &controls), 0);
+        zelisp_test::IspPayload payload(id, flag, words.data(), words.size(), at);
+        ASSERT_EQ(node_->Request(VIDIOC_S_EXT_CTRLS, payload.request()), 0);
     }
 
     zsim::CameraConfig config_;

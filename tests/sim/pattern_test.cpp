@@ -101,6 +101,30 @@ TEST(PatternTest, EachFrameRepaintsOnlyASmallRegionAndForgetsTheLastOne)
     EXPECT_EQ(short_plane, std::vector<uint8_t>(short_plane.size(), 0x42));
 }
 
+// A buffer that knows where its block stood gets the background back there
+// only, and still matches a buffer painted afresh, frame after frame, over
+// the colour bars and over a processed image alike, whether the block moved
+// by a little (overlapping its old place) or jumped.
+TEST(PatternTest, ATrackedBlockRestoresOnlyItsOldPlace)
+{
+    for (uint32_t fourcc : kFormats) {
+        const ViewFormat format = {fourcc, 1282, 722};
+        std::vector<uint8_t> image = Background(format);
+        for (size_t i = 0; i < image.size(); ++i)
+            image[i] = uint8_t(image[i] ^ (i * 7 >> 5)); // any picture will do
+        for (const uint8_t *background : {static_cast<const uint8_t *>(nullptr), static_cast<const uint8_t *>(image.data())}) {
+            std::vector<uint8_t> reused = background ? image : Background(format);
+            uint32_t block = zsim::detail::kBandClean;
+            for (uint32_t sequence : {1000u, 1001u, 1004u, 1040u, 1041u, 7u, 123456u}) {
+                paint_frame(reused.data(), reused.size(), format, sequence, background, &block);
+                std::vector<uint8_t> fresh = background ? image : Background(format);
+                paint_frame(fresh.data(), fresh.size(), format, sequence, background);
+                ASSERT_TRUE(reused == fresh) << std::hex << fourcc << std::dec << " frame " << sequence;
+            }
+        }
+    }
+}
+
 // The strip and the band are painted by whole rows; the bytes are those the
 // cell-by-cell painter wrote (its FNV-1a digests over five frame numbers,
 // recorded before the change), for every format and odd-sized images too.

@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <string>
 
+#include "sim_fixture.h"
 #include "zelisp_sim/sim.h"
 
 namespace zelisp_test {
@@ -40,6 +41,23 @@ inline int RunCommand(const std::string &command, std::string *output)
         *output += chunk;
     return pclose(pipe);
 }
+
+// A test that runs whole programs under zelisp-sim-run: skipped where the
+// runner is not built. A derived SetUp calls this one first and returns
+// when IsSkipped().
+class RunnerFixture : public SimTest {
+protected:
+    void SetUp() override
+    {
+        SimTest::SetUp();
+        runner_ = RunnerPath();
+        if (runner_.empty())
+            GTEST_SKIP() << "zelisp-sim-run is not built next to the simulator library";
+    }
+
+    std::string runner_;
+    std::string output_;
+};
 
 } // namespace zelisp_test
 

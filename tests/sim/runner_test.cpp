@@ -8,24 +8,13 @@
 #include <string>
 
 #include "runner_command.h"
-#include "sim_fixture.h"
 
 namespace {
 
-class RunnerTest : public zelisp_test::SimTest {
+class RunnerTest : public zelisp_test::RunnerFixture {
 protected:
-    void SetUp() override
-    {
-        SimTest::SetUp();
-        runner_ = zelisp_test::RunnerPath();
-        if (runner_.empty())
-            GTEST_SKIP() << "zelisp-sim-run is not built next to the simulator library";
-    }
     int Run(const std::string &command) { return zelisp_test::RunCommand(command, &output_); }
     static bool HaveV4l2Ctl() { return access("/usr/bin/v4l2-ctl", X_OK) == 0; }
-
-    std::string runner_;
-    std::string output_;
 };
 
 TEST_F(RunnerTest, LsShowsASimulatedNodeAsACharacterDevice)

@@ -14,18 +14,16 @@
 
 #include "../../sim/src/sim_internal.h"
 #include "runner_command.h"
-#include "sim_fixture.h"
 
 namespace {
 
-class StandardClientsTest : public zelisp_test::SimTest {
+class StandardClientsTest : public zelisp_test::RunnerFixture {
 protected:
     void SetUp() override
     {
-        SimTest::SetUp();
-        runner_ = zelisp_test::RunnerPath();
-        if (runner_.empty())
-            GTEST_SKIP() << "zelisp-sim-run is not built next to the simulator library";
+        RunnerFixture::SetUp();
+        if (IsSkipped())
+            return;
         dir_ = ::testing::TempDir() + "standard-clients-" + std::to_string(getpid());
         ASSERT_EQ(system(("mkdir -p " + dir_).c_str()), 0);
         // A fast sensor keeps the streaming tests short.
@@ -35,7 +33,7 @@ protected:
     {
         if (!dir_.empty())
             system(("rm -rf " + dir_).c_str());
-        SimTest::TearDown();
+        RunnerFixture::TearDown();
     }
     static bool Have(const char *tool) { return access((std::string("/usr/bin/") + tool).c_str(), X_OK) == 0; }
     int Run(const std::string &command)
@@ -44,9 +42,7 @@ protected:
     }
     bool Says(const std::string &text) const { return output_.find(text) != std::string::npos; }
 
-    std::string runner_;
     std::string dir_;
-    std::string output_;
 };
 
 // The names of the tests v4l2-compliance reports as failed.

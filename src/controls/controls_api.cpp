@@ -32,54 +32,27 @@ int GetPictureFront(unsigned long handle, Picture control, uint32_t *value)
 
 extern "C" {
 
-ZELISP_API int isp_camera_set_brightness(unsigned long handle, uint32_t value)
-{
-    return SetPictureFront(handle, Picture::Brightness, value);
-}
-ZELISP_API int isp_camera_get_brightness(unsigned long handle, uint32_t *value)
-{
-    return GetPictureFront(handle, Picture::Brightness, value);
-}
-ZELISP_API int isp_camera_set_contrast(unsigned long handle, uint32_t value)
-{
-    return SetPictureFront(handle, Picture::Contrast, value);
-}
-ZELISP_API int isp_camera_get_contrast(unsigned long handle, uint32_t *value)
-{
-    return GetPictureFront(handle, Picture::Contrast, value);
-}
-ZELISP_API int isp_camera_set_saturation(unsigned long handle, uint32_t value)
-{
-    return SetPictureFront(handle, Picture::Saturation, value);
-}
-ZELISP_API int isp_camera_get_saturation(unsigned long handle, uint32_t *value)
-{
-    return GetPictureFront(handle, Picture::Saturation, value);
-}
-ZELISP_API int isp_camera_set_hue(unsigned long handle, uint32_t value)
-{
-    return SetPictureFront(handle, Picture::Hue, value);
-}
-ZELISP_API int isp_camera_get_hue(unsigned long handle, uint32_t *value)
-{
-    return GetPictureFront(handle, Picture::Hue, value);
-}
-ZELISP_API int isp_camera_set_gamma(unsigned long handle, uint32_t value)
-{
-    return SetPictureFront(handle, Picture::Gamma, value);
-}
-ZELISP_API int isp_camera_get_gamma(unsigned long handle, uint32_t *value)
-{
-    return GetPictureFront(handle, Picture::Gamma, value);
-}
-ZELISP_API int isp_camera_set_sharpness(unsigned long handle, uint32_t value)
-{
-    return SetPictureFront(handle, Picture::Sharpness, value);
-}
-ZELISP_API int isp_camera_get_sharpness(unsigned long handle, uint32_t *value)
-{
-    return GetPictureFront(handle, Picture::Sharpness, value);
-}
+// Each picture control is a pair of fronts that differ only in the control
+// they name: isp_camera_set_brightness / isp_camera_get_brightness, and the
+// same for contrast, saturation, hue, gamma and sharpness.
+#define ZELISP_PICTURE_FRONTS(name, control)                                      \
+    ZELISP_API int isp_camera_set_##name(unsigned long handle, uint32_t value)    \
+    {                                                                             \
+        return SetPictureFront(handle, Picture::control, value);                  \
+    }                                                                             \
+    ZELISP_API int isp_camera_get_##name(unsigned long handle, uint32_t *value)   \
+    {                                                                             \
+        return GetPictureFront(handle, Picture::control, value);                  \
+    }
+
+ZELISP_PICTURE_FRONTS(brightness, Brightness)
+ZELISP_PICTURE_FRONTS(contrast, Contrast)
+ZELISP_PICTURE_FRONTS(saturation, Saturation)
+ZELISP_PICTURE_FRONTS(hue, Hue)
+ZELISP_PICTURE_FRONTS(gamma, Gamma)
+ZELISP_PICTURE_FRONTS(sharpness, Sharpness)
+
+#undef ZELISP_PICTURE_FRONTS
 
 ZELISP_API int isp_camera_set_denoise(unsigned long handle, uint32_t luma, uint32_t chroma)
 {

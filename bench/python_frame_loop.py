@@ -2,7 +2,17 @@
 side in one process on the simulated driver, and prints the figures as JSON.
 Run by bench/sections/python.py under zelisp-sim-run:
 
-    python_frame_loop.py FRAMES ROUNDS
+    python_frame_loop.py FRAMES ROUNDS        timings of every loop, interleaved
+    python_frame_loop.py --count LOOP FRAMES  one loop once, untimed: run under
+                                              callgrind to count its instructions
+
+The loops:
+    c             isp_get_frame_buf(handle, &buf, 1000) + isp_put_frame_buf, as
+                  a C program waits for its frames
+    c_nowait      the same with a zero time limit: the library polls nothing,
+                  which is what the package does first when a frame waits
+    python        camera.get_frame() + frame.release()
+    python_array  the same, plus frame.views[0].array each frame
 """
 
 import gc
@@ -17,6 +27,7 @@ import zelisp_pybench as bench
 
 WIDTH, HEIGHT = 640, 360
 BATCH = 256
+LOOPS = ("c", "c_nowait", "python", "python_array")
 
 
 def plane_mapping(address):
@@ -28,8 +39,57 @@ def plane_mapping(address):
     return ""
 
 
+def python_loop(get, frames, with_array):
+    """Nanoseconds a frame; frames are pushed in batches outside the timed part."""
+    spent = 0
+    for _ in range(0, frames, BATCH):
+        bench.push(0, BATCH)
+        start = time.perf_counter_ns()
+        if with_array:
+            for _ in range(BATCH):
+                frame = get(1000)
+                array = frame.views[0].array
+                del array
+                frame.release()
+        else:
+            for _ in range(BATCH):
+                get(1000).release()
+        spent += time.perf_counter_ns() - start
+    return spent / frames
+
+
+def run_loop(name, get, frames):
+    if name == "c":
+        return bench.c_loop(1, frames, BATCH)
+    if name == "c_nowait":
+        return bench.c_loop(1, frames, BATCH, timeout_ms=0)
+    return python_loop(get, frames, name == "python_array")
+
+
+def spread(values):
+    return {"median": statistics.median(values), "min": min(values), "max": max(values)}
+
+
+def count_copies(get):
+    """Every array must be the driver's plane itself, and the interpreter
+    must not allocate anything near an image per frame."""
+    bench.push(0, BATCH)
+    tracemalloc.start()
+    copied = 0
+    for _ in range(BATCH):
+        with get(1000) as frame:
+            array = frame.views[0].array
+            address = array.__array_interface__["data"][0]
+            if array.flags.owndata or "zelisp-sim-plane" not in plane_mapping(address):
+                copied += array.nbytes
+            del array
+    _, peak = tracemalloc.get_traced_memory()
+    tracemalloc.stop()
+    return copied, peak
+
+
 def main():
-    frames, rounds = int(sys.argv[1]), int(sys.argv[2])
+    counting = sys.argv[1] == "--count"
     assert bench.active(), "run under zelisp-sim-run"
     bench.setup(0, WIDTH, HEIGHT)  # the Python loop's camera
     bench.setup(1, WIDTH, HEIGHT)  # the C loop's camera, set up the same way
@@ -37,54 +97,28 @@ def main():
         camera.configure(views=(0,), buffers=4)
         camera.start()
         get = camera.get_frame
-
-        def python_loop(with_array):
-            spent = 0
-            for _ in range(0, frames, BATCH):
-                bench.push(0, BATCH)
-                start = time.perf_counter_ns()
-                if with_array:
-                    for _ in range(BATCH):
-                        frame = get(1000)
-                        array = frame.views[0].array
-                        del array
-                        frame.release()
-                else:
-                    for _ in range(BATCH):
-                        get(1000).release()
-                spent += time.perf_counter_ns() - start
-            return spent / frames
-
-        timings = {"c": [], "python": [], "python_array": []}
+        if counting:
+            run_loop(sys.argv[2], get, int(sys.argv[3]))
+            return
+        frames, rounds = int(sys.argv[1]), int(sys.argv[2])
+        timings = {name: [] for name in LOOPS}
         gc.disable()
         for _ in range(rounds):  # interleaved, so that load affects all alike
-            timings["c"].append(bench.c_loop(1, frames, BATCH))
-            timings["python"].append(python_loop(False))
-            timings["python_array"].append(python_loop(True))
+            for name in LOOPS:
+                timings[name].append(run_loop(name, get, frames))
         gc.enable()
+        copied, peak = count_copies(get)
 
-        # Copies: every array must be the driver's plane itself, and the
-        # interpreter must not allocate anything near an image per frame.
-        bench.push(0, BATCH)
-        tracemalloc.start()
-        copied = 0
-        for _ in range(BATCH):
-            with get(1000) as frame:
-                array = frame.views[0].array
-                address = array.__array_interface__["data"][0]
-                if array.flags.owndata or "zelisp-sim-plane" not in plane_mapping(address):
-                    copied += array.nbytes
-                del array
-        _, peak = tracemalloc.get_traced_memory()
-        tracemalloc.stop()
-
-    medians = {name: statistics.median(values) for name, values in timings.items()}
+    # What Python adds, round by round against the C loop of the same round.
+    added = {}
+    for loop in ("python", "python_array"):
+        for base in ("c", "c_nowait"):
+            added[f"{loop}-{base}"] = spread([p - c for p, c in zip(timings[loop], timings[base])])
     print(json.dumps({
         "frames": frames, "rounds": rounds, "view": f"NV12 {WIDTH}x{HEIGHT}",
         "image_bytes": WIDTH * HEIGHT * 3 // 2,
-        "c_ns": medians["c"], "python_ns": medians["python"], "python_array_ns": medians["python_array"],
-        "added_ns": medians["python"] - medians["c"],
-        "added_array_ns": medians["python_array"] - medians["c"],
+        "loops_ns": {name: spread(values) for name, values in timings.items()},
+        "added_ns": added,
         "rounds_ns": timings,
         "image_bytes_copied": copied, "traced_peak_bytes": peak, "traced_frames": BATCH,
     }))

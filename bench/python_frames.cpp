@@ -54,8 +54,9 @@ void check(int result, const char *call)
 }
 
 /* Nanoseconds per frame of isp_get_frame_buf + isp_put_frame_buf, frames
- * pushed in batches outside the timed part. */
-double c_loop(int camera, int frames, int batch)
+ * pushed in batches outside the timed part. timeout_ms 0 takes a waiting
+ * frame without polling the node first, as the Python package does. */
+double c_loop(int camera, int frames, int batch, int timeout_ms)
 {
     unsigned long handle = isp_open_video(uint32_t(camera), 1);
     if (handle == 0)
@@ -68,7 +69,7 @@ double c_loop(int camera, int frames, int batch)
         push(camera, batch);
         auto start = std::chrono::steady_clock::now();
         for (int i = 0; i < batch; ++i) {
-            check(isp_get_frame_buf(handle, &frame, 1000), "isp_get_frame_buf");
+            check(isp_get_frame_buf(handle, &frame, timeout_ms), "isp_get_frame_buf");
             check(isp_put_frame_buf(handle, &frame), "isp_put_frame_buf");
         }
         spent += std::chrono::steady_clock::now() - start;
@@ -85,5 +86,5 @@ PYBIND11_MODULE(zelisp_pybench, m)
     m.def("active", &zsim::active);
     m.def("setup", &setup);
     m.def("push", &push);
-    m.def("c_loop", &c_loop);
+    m.def("c_loop", &c_loop, py::arg("camera"), py::arg("frames"), py::arg("batch"), py::arg("timeout_ms") = 1000);
 }

@@ -101,6 +101,9 @@ set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 # The header, CMake package and examples are useless without a compiler.
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "libc6-dev")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_RECOMMENDS "g++ | c++-compiler, cmake, pkgconf")
+# zelisp-cam labels its contact sheet with DejaVu Sans Mono; the libraries
+# (libfreetype6 among them) come from dpkg-shlibdeps.
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "fonts-dejavu-core")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS "zelisp-sim")
 set(CPACK_DEBIAN_SIM_PACKAGE_SUGGESTS "zelisp-tools")
 

@@ -9,6 +9,7 @@ packages=(
   libinih-dev            # the simulator's configuration files
   v4l-utils              # v4l2-ctl, a V4L2 client we did not write, runs on the simulator
   libcli11-dev libpng-dev libyuv-dev nlohmann-json3-dev   # zelisp-cam
+  libfreetype-dev fonts-dejavu-core                        # zelisp-cam's contact-sheet labels
   valgrind gcovr cppcheck clang-tidy
   python3                # bench/run_benchmarks.py writes docs/performance.md
   # GStreamer plugin (gst/) and zelisp-rtsp, and the stock elements its tests and pipelines use
@@ -26,7 +27,7 @@ if [ "${ZELISP_SETUP_CROSS:-0}" = 1 ]; then
   # The Arm64 build (scripts/cross-test.sh): the cross compiler, qemu to run
   # the tests, and the target's libraries through Debian multiarch.
   packages+=(g++-aarch64-linux-gnu qemu-user libinih-dev:arm64 libgtest-dev:arm64 libgmock-dev:arm64
-             libpng-dev:arm64 libturbojpeg0-dev:arm64 libyuv-dev:arm64)
+             libpng-dev:arm64 libturbojpeg0-dev:arm64 libyuv-dev:arm64 libfreetype-dev:arm64)
 fi
 
 missing=()

@@ -238,7 +238,7 @@ zelvideo::_isp_buf_t CameraCore::take_frame(int timeout_ms, bool expected)
     const char *call = expected ? "isp_get_expected_frame" : "isp_get_frame_buf";
     require_open(call);
     const bool limited = timeout_ms >= 0;
-    const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(limited ? timeout_ms : 0);
+    Clock::time_point deadline{}; /* from the first miss: a waiting frame costs no clock read */
     for (bool first = true;; first = false) {
         // A stream that keeps up has a frame waiting: take it without a
         // poll. Not capturing: the library says so in its own words (-4).
@@ -257,12 +257,15 @@ zelvideo::_isp_buf_t CameraCore::take_frame(int timeout_ms, bool expected)
         }
         zelvideo::_isp_buf_t buf{};
         int result = expected ? isp_get_expected_frame(handle_, &buf, 0) : isp_get_frame_buf(handle_, &buf, 0);
-        // A frame dropped by the decimation leaves the descriptor idle
-        // until the next one: keep waiting within the limit.
-        if (result == ISP_ERR_NOT_READY && timeout_ms != 0 && (first || remaining_ms(limited, deadline) != 0))
-            continue;
-        if (result == ISP_ERR_NOT_READY && timeout_ms != 0)
+        // Nothing yet, or a frame dropped by the decimation, which leaves
+        // the descriptor idle until the next one: keep waiting within the limit.
+        if (result == ISP_ERR_NOT_READY && timeout_ms != 0) {
+            if (first)
+                deadline = Clock::now() + std::chrono::milliseconds(limited ? timeout_ms : 0);
+            if (first || remaining_ms(limited, deadline) != 0)
+                continue;
             fail(ISP_ERR_TIMEOUT, call);
+        }
         check(result, call);
         return buf;
     }
@@ -279,7 +282,8 @@ void CameraCore::give_back(const zelvideo::_isp_buf_t &buf, uint64_t stream)
 
 FrameCore::FrameCore(std::shared_ptr<CameraCore> camera, const zelvideo::_isp_buf_t &buf,
                      std::shared_ptr<void> owner)
-    : owner_(std::move(owner)), camera_(std::move(camera)), buf_(buf), view_mask_(camera_->view_mask()), stream_(camera_->stream())
+    : owner_(std::move(owner)), camera_(std::move(camera)), buf_(buf), view_mask_(camera_->view_mask()),
+      stream_(camera_->stream())
 {
     for (int view = 0; view < 3; ++view)
         formats_[size_t(view)] = camera_->view_formats_cached(view);

@@ -1,12 +1,13 @@
 /*
  * module.cpp - the Python face of libzelisp: classes, properties and
- * exceptions over the lifetimes kept in core.cpp. The pure-Python parts
+ * exceptions over the lifetimes kept in core.cpp; the per-frame objects
+ * (Frame, View) are plain CPython types in frame_types.cpp. The pure-Python parts
  * (exception classes, Camera.frames, View.to_bgr) live in the package's
  * __init__.py and _errors.py.
  */
 #include "core.h"
+#include "frame_types.h"
 
-#include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
@@ -37,85 +38,9 @@ struct PyCamera {
     unsigned long handle(const char *call) const { return open_core(call).handle(); }
 };
 
-struct PyFrame {
-    std::shared_ptr<FrameCore> core;
-    py::object views; /* dict, made on first use */
-};
-
 struct PyGroup {
     std::shared_ptr<GroupCore> core;
 };
-
-struct PyView {
-    std::shared_ptr<FrameCore> frame;
-    int view;
-};
-
-/* Keeps a frame's buffer out of the driver's hands while a numpy array of
- * it lives; the array's base object owns one. */
-struct ArrayLease {
-    explicit ArrayLease(std::shared_ptr<FrameCore> frame) : frame(std::move(frame)) { this->frame->array_made(); }
-    ~ArrayLease() { frame->array_gone(); }
-    ArrayLease(const ArrayLease &) = delete;
-    ArrayLease &operator=(const ArrayLease &) = delete;
-    std::shared_ptr<FrameCore> frame;
-};
-
-void require_unreleased(const FrameCore &frame, const char *what)
-{
-    if (frame.released())
-        fail(ISP_ERR_STATE, what, "the frame was released; take the arrays before releasing it");
-}
-
-/* The shape numpy sees for one plane of a view. */
-std::vector<py::ssize_t> plane_shape(const ViewFormat &format, size_t length, const char *call)
-{
-    const std::string fourcc = fourcc_text(format.fourcc);
-    const py::ssize_t w = format.width;
-    const py::ssize_t h = format.height;
-    std::vector<py::ssize_t> shape;
-    if (fourcc == "NV12" || fourcc == "NV21")
-        shape = {h * 3 / 2, w};
-    else if (fourcc == "YUYV")
-        shape = {h, w, 2};
-    else if (fourcc == "GREY")
-        shape = {h, w};
-    else if (fourcc == "RGB3")
-        shape = {h, w, 3};
-    else
-        return {py::ssize_t(length)};
-    py::ssize_t bytes = 1;
-    for (py::ssize_t n : shape)
-        bytes *= n;
-    if (size_t(bytes) > length)
-        fail(ISP_ERR_MISSING, call,
-             "the plane holds " + std::to_string(length) + " bytes, a " + std::to_string(w) + "x" +
-                 std::to_string(h) + " " + fourcc + " image needs " + std::to_string(bytes));
-    return shape;
-}
-
-py::array view_array(const PyView &view)
-{
-    const FrameCore &frame = *view.frame;
-    require_unreleased(frame, "View.array");
-    const zelvideo::_isp_view_buf_t &plane = frame.record().views[view.view];
-    std::vector<py::ssize_t> shape = plane_shape(frame.format(view.view), plane.length, "View.array");
-    py::capsule lease(new ArrayLease(view.frame), [](void *lease) { delete static_cast<ArrayLease *>(lease); });
-    return py::array(py::dtype::of<uint8_t>(), shape, std::vector<py::ssize_t>{}, plane.addr, lease);
-}
-
-py::dict frame_views(PyFrame &frame)
-{
-    require_unreleased(*frame.core, "Frame.views");
-    if (!frame.views) {
-        py::dict views;
-        for (int view = 0; view < 3; ++view)
-            if (frame.core->view_mask() & (1u << view))
-                views[py::int_(view)] = PyView{frame.core, view};
-        frame.views = views;
-    }
-    return frame.views.cast<py::dict>();
-}
 
 int timeout_value(const std::optional<int> &timeout_ms) { return timeout_ms ? *timeout_ms : -1; }
 
@@ -131,27 +56,73 @@ uint32_t view_mask(const py::iterable &views, const char *call)
     return mask;
 }
 
-/* Picture controls that read and write one word. */
+/* Picture controls that read and write one word: property name goes to the
+ * library's isp_camera_get_<name> and isp_camera_set_<name>. */
 template <typename T>
 void bind_control(py::class_<PyCamera> &camera, const char *name, int (*get)(unsigned long, T *),
-                  int (*set)(unsigned long, T), const char *get_name, const char *set_name, const char *doc)
+                  int (*set)(unsigned long, T), const char *doc)
 {
     camera.def_property(
         name,
-        [get, get_name](const PyCamera &self) {
+        [get, call = "isp_camera_get_" + std::string(name)](const PyCamera &self) {
             T value{};
-            check(get(self.handle(get_name), &value), get_name);
+            check(get(self.handle(call.c_str()), &value), call.c_str());
             return int64_t(value);
         },
-        [set, set_name](const PyCamera &self, int64_t value) {
+        [set, call = "isp_camera_set_" + std::string(name)](const PyCamera &self, int64_t value) {
             if (value < 0 || uint64_t(value) > uint64_t(T(~T(0))))
-                fail(ISP_ERR_INVALID, set_name, "value " + std::to_string(value) + " does not fit the control");
-            check(set(self.handle(set_name), T(value)), set_name);
+                fail(ISP_ERR_INVALID, call.c_str(), "value " + std::to_string(value) + " does not fit the control");
+            check(set(self.handle(call.c_str()), T(value)), call.c_str());
         },
         doc);
 }
 
-void translate(const CallError &error)
+/* Camera.get_frame and get_expected_frame, the per-frame calls, as plain C
+ * methods: the camera is found through its pybind11 type record, looked up
+ * once at import rather than by C++ type name on every call. */
+const py::detail::type_info *camera_record = nullptr;
+
+PyObject *camera_take_frame(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames,
+                            bool expected)
+{
+    int timeout_ms;
+    if (!parse_timeout(expected ? "get_expected_frame" : "get_frame", args, nargs, kwnames, &timeout_ms))
+        return nullptr;
+    return guarded([&] {
+        py::detail::type_caster_generic caster(camera_record);
+        if (!caster.load(self, false) || caster.value == nullptr)
+            throw py::type_error("a frame is taken from a zelisp.Camera");
+        PyCamera &camera = *static_cast<PyCamera *>(caster.value);
+        const char *call = expected ? "isp_get_expected_frame" : "isp_get_frame_buf";
+        zelvideo::_isp_buf_t buf = camera.open_core(call).take_frame(timeout_ms, expected);
+        return make_frame(std::make_shared<FrameCore>(camera.core, buf, camera.group)).release().ptr();
+    });
+}
+
+PyObject *camera_get_frame(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames)
+{
+    return camera_take_frame(self, args, nargs, kwnames, false);
+}
+
+PyObject *camera_get_expected_frame(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames)
+{
+    return camera_take_frame(self, args, nargs, kwnames, true);
+}
+
+PyMethodDef camera_frame_methods[] = {
+    {"get_frame", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(camera_get_frame)),
+     METH_FASTCALL | METH_KEYWORDS,
+     "get_frame($self, /, timeout_ms=1000)\n--\n\nWaits up to timeout_ms (None: no limit) for the next frame, "
+     "with the GIL released. Raises Timeout when none comes."},
+    {"get_expected_frame", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(camera_get_expected_frame)),
+     METH_FASTCALL | METH_KEYWORDS,
+     "get_expected_frame($self, /, timeout_ms=1000)\n--\n\nLike get_frame, keeping only the frames "
+     "set_frame_drop lets through."},
+};
+
+} // namespace
+
+void raise_call_error(const CallError &error)
 {
     py::object errors = py::module_::import("zelisp._errors");
     py::object exception = errors.attr("error_for")(error.code, isp_get_result_text(error.code), error.call,
@@ -159,7 +130,6 @@ void translate(const CallError &error)
     PyErr_SetObject(reinterpret_cast<PyObject *>(Py_TYPE(exception.ptr())), exception.ptr());
 }
 
-} // namespace
 } // namespace zelpy
 
 using namespace zelpy;
@@ -173,7 +143,7 @@ PYBIND11_MODULE(_zelisp, m)
             if (pointer)
                 std::rethrow_exception(pointer);
         } catch (const CallError &error) {
-            translate(error);
+            raise_call_error(error);
         }
     });
 
@@ -214,76 +184,7 @@ PYBIND11_MODULE(_zelisp, m)
         "camera"_a, "owner"_a,
         "Hands the sensor bus of camera (0..11) to the ISP (owner 0) or to the Arm cores (owner 1).");
 
-    /* ---- View ---- */
-    py::class_<PyView>(m, "View", "One ISP output image of a frame.")
-        .def_property_readonly("view", [](const PyView &v) { return v.view; }, "The view number, 0..2.")
-        .def_property_readonly("array", &view_array,
-                               "A uint8 numpy array over the mapped plane, without a copy: NV12/NV21 "
-                               "(h*3//2, w), YUYV (h, w, 2), GREY (h, w), RGB3 (h, w, 3). It keeps the "
-                               "frame's buffer from the driver while it lives. Each access makes a new "
-                               "array over the same memory.")
-        .def_property_readonly(
-            "fd", [](const PyView &v) { return v.frame->record().views[v.view].fd; },
-            "The plane's DMA-buf descriptor. The camera owns it: duplicate it (os.dup) to keep it past close().")
-        .def_property_readonly(
-            "length", [](const PyView &v) { return v.frame->record().views[v.view].length; },
-            "Bytes of the plane the driver filled.")
-        .def_property_readonly(
-            "format", [](const PyView &v) { return fourcc_text(v.frame->format(v.view).fourcc); },
-            "The pixel format as four characters, such as 'NV12'.")
-        .def_property_readonly(
-            "width", [](const PyView &v) { return v.frame->format(v.view).width; }, "Width in pixels.")
-        .def_property_readonly(
-            "height", [](const PyView &v) { return v.frame->format(v.view).height; }, "Height in pixels.")
-        .def("__repr__", [](const PyView &v) {
-            ViewFormat f = v.frame->format(v.view);
-            return "View(" + std::to_string(v.view) + ", '" + fourcc_text(f.fourcc) + "', " +
-                   std::to_string(f.width) + "x" + std::to_string(f.height) + ")";
-        });
-
-    /* ---- Frame ---- */
-    py::class_<PyFrame>(m, "Frame",
-                        "One captured buffer. Release it (or leave its with block) to hand the buffer back; "
-                        "arrays taken from it keep the buffer until they are gone.")
-        .def_property_readonly(
-            "index", [](const PyFrame &f) { return f.core->record().index; }, "The buffer's index.")
-        .def_property_readonly(
-            "sequence",
-            [](const PyFrame &f) {
-                for (int view = 0; view < 3; ++view)
-                    if (f.core->view_mask() & (1u << view))
-                        return f.core->record().views[view].sequence;
-                return uint32_t(0);
-            },
-            "The driver's frame number (the simulator stamps it into the image).")
-        .def_property_readonly(
-            "timestamp_us",
-            [](const PyFrame &f) {
-                for (int view = 0; view < 3; ++view)
-                    if (f.core->view_mask() & (1u << view))
-                        return f.core->record().views[view].timestamp;
-                return uint64_t(0);
-            },
-            "Capture time in microseconds.")
-        .def_property_readonly("views", &frame_views, "dict of view number -> View, for the enabled views.")
-        .def_property_readonly(
-            "released", [](const PyFrame &f) { return f.core->released(); }, "True once release() was called.")
-        .def_property_readonly(
-            "returned", [](const PyFrame &f) { return f.core->returned(); },
-            "True once the buffer is back with the driver (release() and no array alive).")
-        .def(
-            "release", [](PyFrame &f) { f.core->release(); },
-            "Hands the buffer back to the driver, at once or, while arrays of it live, when the last one "
-            "goes. Releasing twice does nothing.")
-        .def("__enter__", [](py::object self) { return self; })
-        .def("__exit__", [](PyFrame &f, py::args) {
-            f.core->release();
-            return false;
-        })
-        .def("__repr__", [](const PyFrame &f) {
-            return "Frame(index=" + std::to_string(f.core->record().index) +
-                   (f.core->released() ? ", released)" : ")");
-        });
+    add_frame_types(m);
 
     /* ---- Camera ---- */
     py::class_<PyCamera> camera(m, "Camera", py::dynamic_attr(),
@@ -366,24 +267,6 @@ PYBIND11_MODULE(_zelisp, m)
             },
             "(fourcc, width, height) of each configured view, read from the driver.")
         .def(
-            "get_frame",
-            [](PyCamera &c, std::optional<int> timeout_ms) {
-                auto &core = c.open_core("isp_get_frame_buf");
-                auto buf = core.take_frame(timeout_value(timeout_ms), false);
-                return PyFrame{std::make_shared<FrameCore>(c.core, buf, c.group), py::object()};
-            },
-            "timeout_ms"_a = 1000,
-            "Waits up to timeout_ms (None: no limit) for the next frame, with the GIL released. Raises "
-            "Timeout when none comes.")
-        .def(
-            "get_expected_frame",
-            [](PyCamera &c, std::optional<int> timeout_ms) {
-                auto &core = c.open_core("isp_get_expected_frame");
-                auto buf = core.take_frame(timeout_value(timeout_ms), true);
-                return PyFrame{std::make_shared<FrameCore>(c.core, buf, c.group), py::object()};
-            },
-            "timeout_ms"_a = 1000, "Like get_frame, keeping only the frames set_frame_drop lets through.")
-        .def(
             "set_frame_drop",
             [](PyCamera &c, int32_t total, int32_t drop) {
                 check(isp_set_frame_drop_num(c.handle("isp_set_frame_drop_num"), total, drop),
@@ -436,21 +319,27 @@ PYBIND11_MODULE(_zelisp, m)
         });
 
     bind_control<uint32_t>(camera, "brightness", isp_camera_get_brightness, isp_camera_set_brightness,
-                           "isp_camera_get_brightness", "isp_camera_set_brightness", "Brightness, 0..255.");
-    bind_control<uint32_t>(camera, "contrast", isp_camera_get_contrast, isp_camera_set_contrast,
-                           "isp_camera_get_contrast", "isp_camera_set_contrast", "Contrast, 0..255.");
+                           "Brightness, 0..255.");
+    bind_control<uint32_t>(camera, "contrast", isp_camera_get_contrast, isp_camera_set_contrast, "Contrast, 0..255.");
     bind_control<uint32_t>(camera, "saturation", isp_camera_get_saturation, isp_camera_set_saturation,
-                           "isp_camera_get_saturation", "isp_camera_set_saturation", "Saturation, 0..255.");
-    bind_control<uint32_t>(camera, "hue", isp_camera_get_hue, isp_camera_set_hue, "isp_camera_get_hue",
-                           "isp_camera_set_hue", "Hue, 0..255.");
-    bind_control<uint32_t>(camera, "gamma", isp_camera_get_gamma, isp_camera_set_gamma, "isp_camera_get_gamma",
-                           "isp_camera_set_gamma", "Gamma, a 32-bit word for the ISP firmware.");
+                           "Saturation, 0..255.");
+    bind_control<uint32_t>(camera, "hue", isp_camera_get_hue, isp_camera_set_hue, "Hue, 0..255.");
+    bind_control<uint32_t>(camera, "gamma", isp_camera_get_gamma, isp_camera_set_gamma,
+                           "Gamma, a 32-bit word for the ISP firmware.");
     bind_control<uint32_t>(camera, "sharpness", isp_camera_get_sharpness, isp_camera_set_sharpness,
-                           "isp_camera_get_sharpness", "isp_camera_set_sharpness", "Sharpness, 0..10.");
-    bind_control<uint8_t>(camera, "awb", isp_camera_get_awb, isp_camera_set_awb, "isp_camera_get_awb",
-                          "isp_camera_set_awb", "Automatic white balance, 1 on, 0 off.");
-    bind_control<uint8_t>(camera, "aec", isp_camera_get_aec, isp_camera_set_aec, "isp_camera_get_aec",
-                          "isp_camera_set_aec", "Exposure mode: 0 automatic, 1 manual, ...");
+                           "Sharpness, 0..10.");
+    bind_control<uint8_t>(camera, "awb", isp_camera_get_awb, isp_camera_set_awb,
+                          "Automatic white balance, 1 on, 0 off.");
+    bind_control<uint8_t>(camera, "aec", isp_camera_get_aec, isp_camera_set_aec,
+                          "Exposure mode: 0 automatic, 1 manual, ...");
+
+    camera_record = py::detail::get_type_info(typeid(PyCamera));
+    for (PyMethodDef &method : camera_frame_methods) {
+        PyObject *descriptor = PyDescr_NewMethod(reinterpret_cast<PyTypeObject *>(camera.ptr()), &method);
+        if (descriptor == nullptr)
+            throw py::error_already_set();
+        camera.attr(method.ml_name) = py::reinterpret_steal<py::object>(descriptor);
+    }
 
     m.def(
         "_wait",
@@ -528,7 +417,7 @@ PYBIND11_MODULE(_zelisp, m)
             [](PyGroup &g, std::optional<int> timeout_ms) {
                 py::list frames;
                 for (auto &frame : g.core->take_frame_set(timeout_value(timeout_ms)))
-                    frames.append(PyFrame{frame, py::object()});
+                    frames.append(make_frame(frame));
                 return frames;
             },
             "timeout_ms"_a = 1000, "The frames of one set, as a list (the package wraps it in a FrameSet).");

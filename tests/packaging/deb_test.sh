@@ -36,8 +36,12 @@ expect_files zelisp-sim /usr/bin/zelisp-sim-run /usr/lib/zelisp/libzelisp-sim.so
 
 field() { dpkg-deb -f "$(ls "$work"/debs/$1_*.deb)" "$2"; }
 [[ $(field libzelisp1 Depends) == *"libc6 (>="* ]] || fail "libzelisp1 depends on: $(field libzelisp1 Depends)"
-[[ $(field zelisp-tools Depends) == *"libzelisp1 (= $version-1)"*"libpng16-16"* ]] ||
-  fail "zelisp-tools depends on: $(field zelisp-tools Depends)"
+# The library of this version, the shared libraries the tool links (from
+# dpkg-shlibdeps) and the font of the contact sheet's labels.
+for needed in "libzelisp1 (= $version-1)" libpng16-16 libfreetype6 fonts-dejavu-core; do
+  [[ $(field zelisp-tools Depends) == *"$needed"* ]] ||
+    fail "zelisp-tools does not depend on $needed: $(field zelisp-tools Depends)"
+done
 [[ $(field libzelisp-dev Depends) == *"libzelisp1 (= $version-1)"* ]] || fail "libzelisp-dev: $(field libzelisp-dev Depends)"
 dpkg-deb -I "$(ls "$work"/debs/libzelisp1_*.deb)" shlibs | grep -qx "libzelisp 1 libzelisp1 (>= $version-1)" ||
   fail "libzelisp1 has no shlibs entry"

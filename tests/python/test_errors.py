@@ -1,5 +1,7 @@
 """Every error class, with the library's code, sentence and call."""
 
+import inspect
+
 import pytest
 
 import zelisp
@@ -74,3 +76,38 @@ def test_driver_failures_surface_as_errors():
         with camera.get_frame() as frame:
             assert frame.sequence == 5
     del script
+
+
+def test_frame_calls_take_their_arguments_as_documented():
+    script = small_camera(0)
+
+    class Recorder(zelisp.Camera):  # a subclass reaches the same camera
+        pass
+
+    with Recorder(0) as camera:
+        camera.configure(views=(0, 2), buffers=3)
+        camera.start()
+        script.push(3)
+        with camera.get_frame(None) as first, camera.get_frame(0) as second:
+            assert (first.sequence, second.sequence) == (1, 2)
+            assert repr(second) == f"Frame(index={second.index})"
+            assert repr(second.views[2]) == "View(2, 'GREY', 96x64)"
+        assert repr(first) == f"Frame(index={first.index}, released)"
+        refusals = [
+            ((), {"timeout": 5}, TypeError, "get_frame() got an unexpected keyword argument 'timeout'"),
+            ((1.5,), {}, TypeError, "get_frame(): timeout_ms is an int of milliseconds or None, not float"),
+            ((1, 2), {}, TypeError, r"get_frame() takes at most 1 argument (2 given)"),
+            ((1,), {"timeout_ms": 2}, TypeError, "get_frame() got multiple values for argument 'timeout_ms'"),
+            ((2**40,), {}, OverflowError, "get_frame(): timeout_ms 1099511627776 does not fit an int"),
+        ]
+        for args, kwargs, error, message in refusals:
+            with pytest.raises(error) as refused:
+                camera.get_frame(*args, **kwargs)
+            assert str(refused.value) == message
+        # None of them took a frame.
+        with camera.get_expected_frame(timeout_ms=0) as third:
+            assert third.sequence == 3
+    assert str(inspect.signature(zelisp.Camera.get_frame)) == "(self, /, timeout_ms=1000)"
+    for cls in (zelisp.Frame, zelisp.View):
+        with pytest.raises(TypeError, match="cannot create"):
+            cls()

@@ -69,6 +69,28 @@ def test_a_dropped_frame_goes_back_without_release(camera):
     frames[0].release()
 
 
+def test_an_array_outlives_its_dropped_frame_without_the_garbage_collector(camera):
+    gc.disable()
+    try:
+        number = camera.script.push()
+        array = camera.get_frame().views[0].array  # the frame object is gone at once
+        assert stamp_of_array(array) == number
+        camera.script.push(4)
+        assert zsim.pending_frames(0) == 1
+        del array
+        assert zsim.pending_frames(0) == 0
+        # A frame whose views and arrays were taken goes back with its last
+        # reference: the views it caches make no cycle with it.
+        for _ in range(4):
+            frame = camera.get_frame()
+            frame.views[1].array
+            del frame
+        camera.script.push(4)
+        assert zsim.pending_frames(0) == 0
+    finally:
+        gc.enable()
+
+
 def test_close_with_frames_or_arrays_out_raises_and_keeps_the_camera_open():
     script = small_camera(0)
     camera = zelisp.Camera(0)

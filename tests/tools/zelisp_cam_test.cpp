@@ -4,6 +4,8 @@
 // simulated sensor matching the sequence number in the file's name).
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 
@@ -22,6 +24,29 @@ using nlohmann::json;
 std::string failure_line(const std::string &context, int result)
 {
     return "zelisp-cam: " + context + ": " + isp_get_result_text(result) + " (" + std::to_string(result) + ")\n";
+}
+
+// The contact sheet's label strip under the tiles, and its grey where no
+// text is drawn.
+constexpr uint32_t kLabelStrip = 38;
+constexpr uint8_t kStripGrey = 40;
+
+// A rectangle of a decoded image.
+LumaImage crop(const LumaImage &image, uint32_t x, uint32_t y, uint32_t width, uint32_t height)
+{
+    LumaImage part;
+    part.width = width;
+    part.height = height;
+    for (uint32_t row = y; row < y + height; ++row) {
+        const uint8_t *start = image.luma.data() + size_t(row) * image.width + x;
+        part.luma.insert(part.luma.end(), start, start + width);
+    }
+    return part;
+}
+
+size_t pixels_other_than(const LumaImage &image, uint8_t grey)
+{
+    return size_t(std::count_if(image.luma.begin(), image.luma.end(), [grey](uint8_t luma) { return luma != grey; }));
 }
 
 json summary_file(const std::string &folder)
@@ -193,7 +218,7 @@ TEST(ZelispCam, PngCaptureDecodesToTheViewSizeAndMakesAContactSheet)
     // The first view captured of each camera, side by side at 360 rows at most.
     std::optional<LumaImage> sheet = read_png_luma(out + "/contact-sheet.png");
     ASSERT_TRUE(sheet);
-    EXPECT_EQ(sheet->height, 360u);
+    EXPECT_EQ(sheet->height, 360u + kLabelStrip);
     EXPECT_EQ(sheet->width, 640u + 480u);
 
     json summary = summary_file(out);
@@ -202,6 +227,62 @@ TEST(ZelispCam, PngCaptureDecodesToTheViewSizeAndMakesAContactSheet)
         EXPECT_EQ(camera["frames"], 4);
         EXPECT_EQ(camera["refused"], 0);
     }
+}
+
+TEST(ZelispCam, ContactSheetLabelsEachTileAndIsWrittenWithoutAFont)
+{
+    // Two cameras' 640x360 views: tiles at their own size, so each tile's
+    // picture is the camera's last frame pixel for pixel.
+    const std::string command = "capture -c 0,2 --views 2 --frames 3 --format png --out ";
+    std::string out = test_folder();
+    ToolRun run = run_tool(command + out);
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(run.err, "");
+    std::optional<LumaImage> sheet = read_png_luma(out + "/contact-sheet.png");
+    ASSERT_TRUE(sheet);
+    ASSERT_EQ(sheet->width, 2u * 640u);
+    ASSERT_EQ(sheet->height, 360u + kLabelStrip);
+    json summary = summary_file(out);
+    for (int tile = 0; tile < 2; ++tile)
+        EXPECT_EQ(frame_number(crop(*sheet, 640u * tile, 0, 640, 360)), summary["cameras"][tile]["last_sequence"]);
+
+    // Light text in each tile's strip ("cam 0  view 2" over "NV12 640x360
+    // #N"), the first line different between the two cameras, and nothing
+    // drawn past the text's end nor over the picture.
+    LumaImage first_line[2];
+    for (uint32_t tile = 0; tile < 2; ++tile) {
+        SCOPED_TRACE(tile);
+        LumaImage strip = crop(*sheet, 640 * tile, 360, 640, kLabelStrip);
+        EXPECT_GT(std::count_if(strip.luma.begin(), strip.luma.end(), [](uint8_t luma) { return luma > 200; }), 100);
+        EXPECT_EQ(pixels_other_than(crop(strip, 320, 0, 320, kLabelStrip), kStripGrey), 0u);
+        first_line[tile] = crop(strip, 0, 0, 320, kLabelStrip / 2);
+    }
+    EXPECT_NE(first_line[0].luma, first_line[1].luma);
+
+    // Without the font the sheet is the same but for a blank strip, and the
+    // tool says so once; the capture itself succeeded.
+    std::string unlabelled = out + "/unlabelled";
+    setenv("ZELISP_CAM_FONT", "/nonexistent/mono.ttf", 1);
+    run = run_tool(command + unlabelled);
+    // Not a font at all: FreeType's own reason.
+    std::string not_a_font = out + "/not-a-font";
+    setenv("ZELISP_CAM_FONT", (out + "/summary.json").c_str(), 1);
+    ToolRun not_font_run = run_tool(command + not_a_font);
+    unsetenv("ZELISP_CAM_FONT");
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(run.err, "zelisp-cam: warning: no font at /nonexistent/mono.ttf: the contact sheet has no labels "
+                       "(install fonts-dejavu-core, or set ZELISP_CAM_FONT to a TrueType font)\n");
+    sheet = read_png_luma(unlabelled + "/contact-sheet.png");
+    ASSERT_TRUE(sheet);
+    ASSERT_EQ(sheet->height, 360u + kLabelStrip);
+    EXPECT_EQ(pixels_other_than(crop(*sheet, 0, 360, sheet->width, kLabelStrip), kStripGrey), 0u);
+    EXPECT_TRUE(frame_number(crop(*sheet, 0, 0, 640, 360)));
+
+    EXPECT_EQ(not_font_run.status, 0);
+    EXPECT_EQ(not_font_run.err.rfind("zelisp-cam: warning: " + out + "/summary.json is not a font FreeType reads: ", 0),
+              0u)
+        << not_font_run.err;
+    EXPECT_TRUE(fs::exists(not_a_font + "/contact-sheet.png"));
 }
 
 TEST(ZelispCam, GroupCaptureReadsFrameSetsOnOneTrigger)
@@ -230,7 +311,7 @@ TEST(ZelispCam, GroupCaptureReadsFrameSetsOnOneTrigger)
     std::optional<LumaImage> sheet = read_png_luma(out + "/contact-sheet.png");
     ASSERT_TRUE(sheet);
     EXPECT_EQ(sheet->width, 4u * 640u);
-    EXPECT_EQ(sheet->height, 360u);
+    EXPECT_EQ(sheet->height, 360u + kLabelStrip);
 }
 
 TEST(ZelispCam, DecimationSkipsTheRulesFramesWithoutCountingThemLost)

@@ -1,7 +1,8 @@
 """The console as a person uses it: headless Chromium (Debian's chromium and
 chromedriver, driven by Selenium) opens the page served on the simulated
-driver, watches a tile's painted frame numbers go up, drags the brightness
-slider to its end, and saves a screenshot for the documentation."""
+driver, watches a tile's painted frame numbers go up, moves the brightness
+slider to either end and measures the tile's picture get darker and brighter,
+and saves a screenshot for the documentation."""
 import base64
 import os
 import shutil
@@ -73,6 +74,12 @@ def tile_picture(driver, tile_id):
     return cv2.imdecode(np.frombuffer(png, np.uint8), cv2.IMREAD_COLOR)
 
 
+def tile_mean(driver, tile_id):
+    """The mean luma of the picture the tile shows now, or None before it has one."""
+    image = tile_picture(driver, tile_id)
+    return None if image is None else float(cv2.cvtColor(image, cv2.COLOR_BGR2GRAY).mean())
+
+
 def test_live_tiles_and_brightness_slider(browser):
     with Console(config="[cameras]\npresent = 0, 1, 2, 3\n") as console:
         browser.get(f"http://127.0.0.1:{console.port}/")
@@ -91,18 +98,30 @@ def test_live_tiles_and_brightness_slider(browser):
         caption = browser.find_element(By.CSS_SELECTOR, "figure[data-camera='0'][data-view='0'] .frame").text
         assert caption.startswith("#") and int(caption[1:]) >= numbers[0]
 
+        # Brightness: the slider moved with the keyboard as a person does,
+        # the value read back from the driver, and the picture itself
+        # darker, then brighter, than it was, once new frames arrive.
         slider = browser.find_element(By.ID, "control-brightness")
         assert (slider.get_attribute("min"), slider.get_attribute("max"), slider.get_attribute("value")) == \
             ("0", "255", "128")
-        slider.click()  # the middle of the track: where the value already is
-        slider.send_keys(Keys.END)
         readback = browser.find_element(By.ID, "readback-brightness")
-        wait_for(lambda: readback.get_attribute("data-value") == "255", "brightness read back as 255")
-        status, details = console.json("GET", "/api/cameras/0")
-        assert [c["value"] for c in details["controls"] if c["name"] == "brightness"] == [[255]]
+        before = wait_for(lambda: tile_mean(browser, "tile-0-0"), "a picture on tile 0/0")
+        other_before = wait_for(lambda: tile_mean(browser, "tile-1-0"), "a picture on tile 1/0")
+        slider.click()  # the middle of the track: where the value already is
+        for key, value, moved in ((Keys.HOME, 0, lambda mean: mean < before - 40),
+                                  (Keys.END, 255, lambda mean: mean > before + 40)):
+            slider.send_keys(key)
+            wait_for(lambda: readback.get_attribute("data-value") == str(value), f"brightness read back as {value}")
+            status, details = console.json("GET", "/api/cameras/0")
+            assert [c["value"] for c in details["controls"] if c["name"] == "brightness"] == [[value]]
 
-        # The simulated ISP does not change its picture with the controls
-        # yet, so the value the driver reads back is what is checked.
+            def changed_picture():
+                mean = tile_mean(browser, "tile-0-0")
+                return mean if mean is not None and moved(mean) else None
+            wait_for(changed_picture, f"tile 0/0 to change brightness from a mean of {before:.1f} at {value}")
+        # Another camera's picture is its own: as bright as it was.
+        assert abs(tile_mean(browser, "tile-1-0") - other_before) < 10
+
         wait_for(lambda: browser.execute_script(
             "const row = document.getElementById('timing-3'); return row && row.cells[2].textContent !== '0';"),
             "timing rows")

@@ -16,33 +16,23 @@ namespace {
 // stands for the chroma one too).
 constexpr uint32_t kLumaDenoiseId = 0x00981993;
 
-using GetU32 = int (*)(unsigned long, uint32_t *);
 using SetU32 = int (*)(unsigned long, uint32_t);
-using GetSwitch = int (*)(unsigned long, uint8_t *);
 using SetSwitch = int (*)(unsigned long, uint8_t);
 
-template <GetU32 Get> int read_number(unsigned long handle, std::string *value)
+// A number the library reads back; the driver's automatic modes are
+// booleans that it reads back as 0 or 1 in a byte.
+template <typename T, int (*Get)(unsigned long, T *)> int read_value(unsigned long handle, std::string *value)
 {
-    uint32_t number = 0;
+    T number = 0;
     int result = Get(handle, &number);
     if (result == ISP_OK)
-        *value = std::to_string(number);
+        *value = std::to_string(uint32_t(number));
     return result;
 }
 
 template <SetU32 Set> int write_number(unsigned long handle, const uint32_t *values)
 {
     return Set(handle, values[0]);
-}
-
-// The driver's automatic modes are booleans; the library reads them back as 0 or 1.
-template <GetSwitch Get> int read_switch(unsigned long handle, std::string *value)
-{
-    uint8_t on = 0;
-    int result = Get(handle, &on);
-    if (result == ISP_OK)
-        *value = on ? "1" : "0";
-    return result;
 }
 
 // The value is sent as one byte, so anything above 255 is refused here
@@ -105,18 +95,18 @@ int read_abnormal(unsigned long handle, std::string *value)
 const std::vector<Control> &controls()
 {
     static const std::vector<Control> table = {
-        {"brightness", "0..255", 1, V4L2_CID_BRIGHTNESS, read_number<isp_camera_get_brightness>, write_number<isp_camera_set_brightness>},
-        {"contrast", "0..255", 1, V4L2_CID_CONTRAST, read_number<isp_camera_get_contrast>, write_number<isp_camera_set_contrast>},
-        {"saturation", "0..255", 1, V4L2_CID_SATURATION, read_number<isp_camera_get_saturation>, write_number<isp_camera_set_saturation>},
-        {"hue", "0..255", 1, V4L2_CID_HUE, read_number<isp_camera_get_hue>, write_number<isp_camera_set_hue>},
-        {"sharpness", "0..10", 1, V4L2_CID_SHARPNESS, read_number<isp_camera_get_sharpness>, write_number<isp_camera_set_sharpness>},
-        {"gamma", "any 32-bit value", 1, V4L2_CID_GAMMA, read_number<isp_camera_get_gamma>, write_number<isp_camera_set_gamma>},
+        {"brightness", "0..255", 1, V4L2_CID_BRIGHTNESS, read_value<uint32_t, isp_camera_get_brightness>, write_number<isp_camera_set_brightness>},
+        {"contrast", "0..255", 1, V4L2_CID_CONTRAST, read_value<uint32_t, isp_camera_get_contrast>, write_number<isp_camera_set_contrast>},
+        {"saturation", "0..255", 1, V4L2_CID_SATURATION, read_value<uint32_t, isp_camera_get_saturation>, write_number<isp_camera_set_saturation>},
+        {"hue", "0..255", 1, V4L2_CID_HUE, read_value<uint32_t, isp_camera_get_hue>, write_number<isp_camera_set_hue>},
+        {"sharpness", "0..10", 1, V4L2_CID_SHARPNESS, read_value<uint32_t, isp_camera_get_sharpness>, write_number<isp_camera_set_sharpness>},
+        {"gamma", "any 32-bit value", 1, V4L2_CID_GAMMA, read_value<uint32_t, isp_camera_get_gamma>, write_number<isp_camera_set_gamma>},
         {"denoise", "LUMA CHROMA, 0..10 each", 2, kLumaDenoiseId, read_denoise, write_denoise},
-        {"awb", "0|1 or off|on (automatic white balance)", 1, V4L2_CID_AUTO_WHITE_BALANCE, read_switch<isp_camera_get_awb>,
+        {"awb", "0|1 or off|on (automatic white balance)", 1, V4L2_CID_AUTO_WHITE_BALANCE, read_value<uint8_t, isp_camera_get_awb>,
          write_switch<isp_camera_set_awb>},
         {"mwb", "GAIN1 GAIN2 GAIN3, set only (manual white balance gains)", 3, 0, nullptr, write_mwb},
         {"aec", "0..255, the driver's exposure mode (V4L2: 0 auto, 1 manual); read back as 0 or 1", 1,
-         V4L2_CID_EXPOSURE_AUTO, read_switch<isp_camera_get_aec>, write_switch<isp_camera_set_aec>},
+         V4L2_CID_EXPOSURE_AUTO, read_value<uint8_t, isp_camera_get_aec>, write_switch<isp_camera_set_aec>},
         {"mec", "P1 P2 P3 P4 P5 P6, set only (manual exposure, low 16 bits each)", 6, 0, nullptr, write_mec},
         {"abnormal", "read only (14 bytes of abnormal information, in hex)", 0, 0, read_abnormal, nullptr},
     };

@@ -7,6 +7,7 @@
 
 #include "png_writer.h"
 #include "raw_writer.h"
+#include "tool_errors.h"
 
 namespace zcam {
 
@@ -95,7 +96,11 @@ std::string FrameFiles::last(int camera, const std::vector<ViewSlot> &views, con
             return error;
         }
     }
-    sheet_.add(std::move(tile->second));
+    SheetTile labelled;
+    labelled.picture = std::move(tile->second);
+    labelled.label[0] = "cam " + std::to_string(camera) + "  view " + std::to_string(views.front().view);
+    labelled.label[1] = describe(views.front().format) + "  #" + std::to_string(sequence);
+    sheet_.add(std::move(labelled));
     first_view_rgb_.erase(tile);
     return "";
 }
@@ -105,11 +110,15 @@ std::string FrameFiles::finish()
     if (!options_.writes_files() || sheet_.empty())
         return "";
     std::string path = (std::filesystem::path(options_.out_dir) / "contact-sheet.png").string();
-    std::string error = sheet_.write(path);
+    std::string unlabelled;
+    std::string error = sheet_.write(path, &unlabelled);
     if (!error.empty()) {
         failed_path_ = path;
         return error;
     }
+    if (!unlabelled.empty())
+        report_warning(unlabelled + ": the contact sheet has no labels (install fonts-dejavu-core, or set "
+                                    "ZELISP_CAM_FONT to a TrueType font)");
     contact_sheet_ = path;
     return "";
 }

@@ -59,7 +59,11 @@ std::string to_rgb(const ViewImage &image, RgbImage *rgb)
     return err == 0 ? "" : "colour conversion of " + describe(image.format) + " failed";
 }
 
-std::string write_png(const std::string &path, const RgbImage &rgb)
+namespace {
+
+// 8-bit RGB, written fast: previews are written while frames keep coming,
+// and snapshots are served while the cameras run, so speed beats size.
+png_image rgb_png(const RgbImage &rgb)
 {
     png_image png;
     memset(&png, 0, sizeof png);
@@ -67,13 +71,40 @@ std::string write_png(const std::string &path, const RgbImage &rgb)
     png.width = rgb.width;
     png.height = rgb.height;
     png.format = PNG_FORMAT_RGB;
-    // Previews are written while frames keep coming: favour speed over size.
     png.flags = PNG_IMAGE_FLAG_FAST;
-    if (!png_image_write_to_file(&png, path.c_str(), 0, rgb.pixels.data(), png_int_32(rgb.width * 3), nullptr)) {
-        std::string why = png.message;
-        png_image_free(&png);
-        return why;
-    }
+    return png;
+}
+
+// libpng's reason, with its image freed after a failure.
+std::string png_failure(png_image *png)
+{
+    std::string why = png->message;
+    png_image_free(png);
+    return why;
+}
+
+} // namespace
+
+std::string write_png(const std::string &path, const RgbImage &rgb)
+{
+    png_image png = rgb_png(rgb);
+    if (!png_image_write_to_file(&png, path.c_str(), 0, rgb.pixels.data(), png_int_32(rgb.width * 3), nullptr))
+        return png_failure(&png);
+    return "";
+}
+
+std::string encode_png(const RgbImage &rgb, std::string *png_bytes)
+{
+    png_image png = rgb_png(rgb);
+    const png_int_32 stride = png_int_32(rgb.width * 3);
+    // The first call measures, the second writes.
+    png_alloc_size_t size = 0;
+    if (!png_image_write_to_memory(&png, nullptr, &size, 0, rgb.pixels.data(), stride, nullptr))
+        return png_failure(&png);
+    png_bytes->resize(size);
+    if (!png_image_write_to_memory(&png, png_bytes->data(), &size, 0, rgb.pixels.data(), stride, nullptr))
+        return png_failure(&png);
+    png_bytes->resize(size);
     return "";
 }
 

@@ -1,6 +1,7 @@
 /*
  * png_writer.h - PNG previews of a view: the view's YUV (or grey, or RGB)
- * image converted to 8-bit RGB with libyuv, written with libpng.
+ * image converted to 8-bit RGB with libyuv, written with libpng to a file
+ * or, for the web console's snapshots, into memory.
  */
 #ifndef ZELISP_CAM_PNG_WRITER_H
 #define ZELISP_CAM_PNG_WRITER_H
@@ -25,6 +26,9 @@ std::string to_rgb(const ViewImage &image, RgbImage *rgb);
 
 // Returns "" or why the file could not be written.
 std::string write_png(const std::string &path, const RgbImage &rgb);
+
+// Encodes an RGB image as PNG in memory. Returns "" or why not.
+std::string encode_png(const RgbImage &rgb, std::string *png);
 
 } // namespace zcam
 

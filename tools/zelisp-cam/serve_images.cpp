@@ -1,7 +1,6 @@
 // serve_images.cpp - scaling views to previews, and JPEG and PNG encoding.
 #include "serve_images.h"
 
-#include <png.h>
 #include <turbojpeg.h>
 
 #include <cstring>
@@ -95,32 +94,6 @@ std::string encode_jpeg(const PreviewImage &image, int quality, std::string *jpe
     }
     jpeg->assign(reinterpret_cast<const char *>(buffer), size);
     tjFree(buffer);
-    return "";
-}
-
-std::string encode_png(const RgbImage &rgb, std::string *png_bytes)
-{
-    png_image png;
-    memset(&png, 0, sizeof png);
-    png.version = PNG_IMAGE_VERSION;
-    png.width = rgb.width;
-    png.height = rgb.height;
-    png.format = PNG_FORMAT_RGB;
-    png.flags = PNG_IMAGE_FLAG_FAST;
-    png_alloc_size_t size = 0;
-    const png_int_32 stride = png_int_32(rgb.width * 3);
-    if (!png_image_write_to_memory(&png, nullptr, &size, 0, rgb.pixels.data(), stride, nullptr)) {
-        std::string why = png.message;
-        png_image_free(&png);
-        return why;
-    }
-    png_bytes->resize(size);
-    if (!png_image_write_to_memory(&png, png_bytes->data(), &size, 0, rgb.pixels.data(), stride, nullptr)) {
-        std::string why = png.message;
-        png_image_free(&png);
-        return why;
-    }
-    png_bytes->resize(size);
     return "";
 }
 

@@ -1,7 +1,7 @@
 /*
  * serve_images.h - the pictures of the web console: a view scaled to a
- * preview in 32-bit BGRX (libyuv's "ARGB"), its JPEG for the streams, and
- * the full-resolution PNG of a snapshot.
+ * preview in 32-bit BGRX (libyuv's "ARGB") and its JPEG for the streams
+ * (the full-resolution PNG of a snapshot is encode_png's, png_writer.h).
  */
 #ifndef ZELISP_CAM_SERVE_IMAGES_H
 #define ZELISP_CAM_SERVE_IMAGES_H
@@ -34,9 +34,6 @@ std::string make_preview(const ViewImage &image, PreviewImage *out);
 
 // Encodes a preview as JPEG (4:2:0, the given quality). Returns "" or why not.
 std::string encode_jpeg(const PreviewImage &image, int quality, std::string *jpeg);
-
-// Encodes an RGB image as PNG in memory. Returns "" or why not.
-std::string encode_png(const RgbImage &rgb, std::string *png);
 
 } // namespace zcam
 

@@ -200,6 +200,7 @@ bool Source::set_up()
         gst_poll_add_fd(poll, &fd);
     handles_ = std::move(handles);
     have_sequence_ = false;
+    refused_since_pushed_ = 0;
     capturing_ = false;
     started_pads_ = false;
     eos_pending_ = false;
@@ -318,6 +319,7 @@ GstFlowReturn Source::take_set(FrameSet *set)
             GST_OBJECT_LOCK(element_);
             ++counters_.refused;
             GST_OBJECT_UNLOCK(element_);
+            ++refused_since_pushed_;
             continue;
         }
         post_library_error(element_, take_call(), result);
@@ -386,9 +388,13 @@ void Source::push_set(FrameSet &set)
     bool discont = !have_sequence_;
     guint64 missing = 0;
     if (have_sequence_ && sequence > last_sequence_ + 1) {
-        missing = guint64(sequence - last_sequence_ - 1) - skipped_between(last_sequence_ + 1, sequence - 1);
-        discont = missing > 0;
+        // Not pushed: what decimation skipped on purpose (no gap), what the
+        // library refused (counted as refused), and what was lost.
+        guint64 gap = guint64(sequence - last_sequence_ - 1) - skipped_between(last_sequence_ + 1, sequence - 1);
+        missing = gap > refused_since_pushed_ ? gap - refused_since_pushed_ : 0;
+        discont = gap > 0;
     }
+    refused_since_pushed_ = 0;
     if (have_sequence_ && first > last_timestamp_us_) {
         guint64 steps = sequence > last_sequence_ ? sequence - last_sequence_ : 1;
         frame_interval_ = (first - last_timestamp_us_) * GST_USECOND / steps;

@@ -145,6 +145,7 @@ private:
     std::atomic<bool> eos_pending_{false};
     guint64 pushed_ = 0;
     bool have_sequence_ = false;
+    guint64 refused_since_pushed_ = 0;
     uint32_t last_sequence_ = 0;
     uint64_t last_timestamp_us_ = 0;
     GstClockTime frame_interval_ = 33 * GST_MSECOND;

@@ -171,22 +171,25 @@ TEST_F(ZelispSrcTest, SequenceGapsAreDiscontAndRefusedFramesAreCountedNotPushed)
     push_frames(0, 5, 1, 1200000);  // gap of two
     push_frames(0, 4, 1, 1300000);  // lower than 5: the library refuses it
     push_frames(0, 6, 1, 1400000);
+    push_frames(0, 7, 1, 1405000);  // 5 ms after 6 (a sensor faster than the 12 ms rule): refused
+    push_frames(0, 8, 1, 1500000);  // a gap, but no frame lost
     GstHarness *harness = source_harness("zelispsrc camera=0");
     gst_harness_play(harness);
     std::vector<guint64> offsets;
     std::vector<bool> discont;
-    for (int i = 0; i < 4; ++i) {
+    for (int i = 0; i < 5; ++i) {
         GstBuffer *buffer = gst_harness_pull(harness);
         ASSERT_NE(buffer, nullptr);
         offsets.push_back(GST_BUFFER_OFFSET(buffer));
         discont.push_back(GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DISCONT));
         gst_buffer_unref(buffer);
     }
-    EXPECT_EQ(offsets, (std::vector<guint64>{1, 2, 5, 6}));
-    EXPECT_EQ(discont, (std::vector<bool>{true, false, true, false})); // the first buffer starts the stream
-    EXPECT_EQ(stats_field(harness->element, "frames"), 4u);
+    EXPECT_EQ(offsets, (std::vector<guint64>{1, 2, 5, 6, 8}));
+    // The first buffer starts the stream; a refused frame is a gap in it too.
+    EXPECT_EQ(discont, (std::vector<bool>{true, false, true, false, true}));
+    EXPECT_EQ(stats_field(harness->element, "frames"), 5u);
     EXPECT_EQ(stats_field(harness->element, "dropped"), 2u);
-    EXPECT_EQ(stats_field(harness->element, "refused"), 1u);
+    EXPECT_EQ(stats_field(harness->element, "refused"), 2u);
     gst_harness_teardown(harness);
 }
 

@@ -14,23 +14,41 @@ struct ControlEntry {
     uint32_t maximum;
     uint32_t fallback; // the driver's default, shown until the camera is open
     bool boolean;
+    // The library's calls: a 32-bit word or an 8-bit switch; neither for
+    // the denoise strengths, which the ISP takes as a pair (below).
+    const char *set_name;
+    const char *get_name;
+    int (*set)(unsigned long, uint32_t);
+    int (*get)(unsigned long, uint32_t *);
+    int (*set_byte)(unsigned long, uint8_t);
+    int (*get_byte)(unsigned long, uint8_t *);
 };
 
+#define WORD_CALLS(name)                                                                                           \
+    "isp_camera_set_" #name, "isp_camera_get_" #name, isp_camera_set_##name, isp_camera_get_##name, nullptr, nullptr
+#define BYTE_CALLS(name)                                                                                           \
+    "isp_camera_set_" #name, "isp_camera_get_" #name, nullptr, nullptr, isp_camera_set_##name, isp_camera_get_##name
+#define PAIR_CALLS "isp_camera_set_denoise", "isp_camera_get_denoise", nullptr, nullptr, nullptr, nullptr
+
 const ControlEntry kControls[kControlCount] = {
-    {"brightness", "Brightness", "Picture brightness", 0, 255, 128, false},
-    {"contrast", "Contrast", "Picture contrast", 0, 255, 128, false},
-    {"saturation", "Saturation", "Colour saturation", 0, 255, 128, false},
-    {"hue", "Hue", "Hue shift", 0, 255, 128, false},
-    {"gamma", "Gamma", "Gamma word handed to the ISP firmware as it is", 0, G_MAXUINT32, 100, false},
-    {"sharpness", "Sharpness", "Edge enhancement", 0, 10, 5, false},
-    {"denoise-luma", "Luma denoise", "Luma noise reduction strength", 0, 10, 5, false},
-    {"denoise-chroma", "Chroma denoise", "Chroma noise reduction strength", 0, 10, 5, false},
-    {"awb", "Auto white balance", "Automatic white balance on or off", 0, 1, 1, true},
+    {"brightness", "Brightness", "Picture brightness", 0, 255, 128, false, WORD_CALLS(brightness)},
+    {"contrast", "Contrast", "Picture contrast", 0, 255, 128, false, WORD_CALLS(contrast)},
+    {"saturation", "Saturation", "Colour saturation", 0, 255, 128, false, WORD_CALLS(saturation)},
+    {"hue", "Hue", "Hue shift", 0, 255, 128, false, WORD_CALLS(hue)},
+    {"gamma", "Gamma", "Gamma word handed to the ISP firmware as it is", 0, G_MAXUINT32, 100, false, WORD_CALLS(gamma)},
+    {"sharpness", "Sharpness", "Edge enhancement", 0, 10, 5, false, WORD_CALLS(sharpness)},
+    {"denoise-luma", "Luma denoise", "Luma noise reduction strength", 0, 10, 5, false, PAIR_CALLS},
+    {"denoise-chroma", "Chroma denoise", "Chroma noise reduction strength", 0, 10, 5, false, PAIR_CALLS},
+    {"awb", "Auto white balance", "Automatic white balance on or off", 0, 1, 1, true, BYTE_CALLS(awb)},
     {"aec", "Auto exposure mode",
      "The ISP's exposure mode: 0 auto, 1 manual, 2 shutter priority, 3 aperture priority, 4..255 firmware "
      "modes (reads back 1 for any mode other than 0)",
-     0, 255, 0, false},
+     0, 255, 0, false, BYTE_CALLS(aec)},
 };
+
+#undef WORD_CALLS
+#undef BYTE_CALLS
+#undef PAIR_CALLS
 
 } // namespace
 
@@ -76,92 +94,48 @@ void control_to_value(int control, uint32_t number, GValue *value)
 
 int send_control(unsigned long handle, int control, uint32_t value, const char **call)
 {
-    switch (control) {
-    case kBrightness:
-        *call = "isp_camera_set_brightness";
-        return isp_camera_set_brightness(handle, value);
-    case kContrast:
-        *call = "isp_camera_set_contrast";
-        return isp_camera_set_contrast(handle, value);
-    case kSaturation:
-        *call = "isp_camera_set_saturation";
-        return isp_camera_set_saturation(handle, value);
-    case kHue:
-        *call = "isp_camera_set_hue";
-        return isp_camera_set_hue(handle, value);
-    case kGamma:
-        *call = "isp_camera_set_gamma";
-        return isp_camera_set_gamma(handle, value);
-    case kSharpness:
-        *call = "isp_camera_set_sharpness";
-        return isp_camera_set_sharpness(handle, value);
-    case kDenoiseLuma:
-    case kDenoiseChroma: {
-        // The ISP takes both strengths in one call: keep the other one.
-        uint32_t luma = 0, chroma = 0;
-        *call = "isp_camera_get_denoise";
-        int result = isp_camera_get_denoise(handle, &luma, &chroma);
-        if (result != 0)
-            return result;
-        (control == kDenoiseLuma ? luma : chroma) = value;
-        *call = "isp_camera_set_denoise";
-        return isp_camera_set_denoise(handle, luma, chroma);
-    }
-    case kAwb:
-        *call = "isp_camera_set_awb";
-        return isp_camera_set_awb(handle, uint8_t(value));
-    case kAec:
-        *call = "isp_camera_set_aec";
-        return isp_camera_set_aec(handle, uint8_t(value));
-    default:
+    if (control < 0 || control >= kControlCount) {
         *call = "controls";
         return ISP_ERR_INVALID;
     }
+    const ControlEntry &entry = kControls[control];
+    *call = entry.set_name;
+    if (entry.set)
+        return entry.set(handle, value);
+    if (entry.set_byte)
+        return entry.set_byte(handle, uint8_t(value));
+    // The ISP takes both denoise strengths in one call: keep the other one.
+    uint32_t luma = 0, chroma = 0;
+    *call = entry.get_name;
+    int result = isp_camera_get_denoise(handle, &luma, &chroma);
+    if (result != 0)
+        return result;
+    (control == kDenoiseLuma ? luma : chroma) = value;
+    *call = entry.set_name;
+    return isp_camera_set_denoise(handle, luma, chroma);
 }
 
 int read_control(unsigned long handle, int control, uint32_t *value, const char **call)
 {
-    switch (control) {
-    case kBrightness:
-        *call = "isp_camera_get_brightness";
-        return isp_camera_get_brightness(handle, value);
-    case kContrast:
-        *call = "isp_camera_get_contrast";
-        return isp_camera_get_contrast(handle, value);
-    case kSaturation:
-        *call = "isp_camera_get_saturation";
-        return isp_camera_get_saturation(handle, value);
-    case kHue:
-        *call = "isp_camera_get_hue";
-        return isp_camera_get_hue(handle, value);
-    case kGamma:
-        *call = "isp_camera_get_gamma";
-        return isp_camera_get_gamma(handle, value);
-    case kSharpness:
-        *call = "isp_camera_get_sharpness";
-        return isp_camera_get_sharpness(handle, value);
-    case kDenoiseLuma:
-    case kDenoiseChroma: {
-        uint32_t luma = 0, chroma = 0;
-        *call = "isp_camera_get_denoise";
-        int result = isp_camera_get_denoise(handle, &luma, &chroma);
-        if (result == 0)
-            *value = control == kDenoiseLuma ? luma : chroma;
-        return result;
-    }
-    case kAwb:
-    case kAec: {
-        uint8_t byte = 0;
-        *call = control == kAwb ? "isp_camera_get_awb" : "isp_camera_get_aec";
-        int result = control == kAwb ? isp_camera_get_awb(handle, &byte) : isp_camera_get_aec(handle, &byte);
-        if (result == 0)
-            *value = byte;
-        return result;
-    }
-    default:
+    if (control < 0 || control >= kControlCount) {
         *call = "controls";
         return ISP_ERR_INVALID;
     }
+    const ControlEntry &entry = kControls[control];
+    *call = entry.get_name;
+    if (entry.get)
+        return entry.get(handle, value);
+    int result;
+    if (entry.get_byte) {
+        uint8_t byte = 0;
+        if ((result = entry.get_byte(handle, &byte)) == 0)
+            *value = byte;
+        return result;
+    }
+    uint32_t luma = 0, chroma = 0;
+    if ((result = isp_camera_get_denoise(handle, &luma, &chroma)) == 0)
+        *value = control == kDenoiseLuma ? luma : chroma;
+    return result;
 }
 
 } // namespace gstzelisp

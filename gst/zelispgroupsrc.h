@@ -8,10 +8,12 @@
 
 #include <gst/gst.h>
 
+#include "zelispbasesrc.h"
+
 G_BEGIN_DECLS
 
 #define GST_TYPE_ZELISP_GROUP_SRC (gst_zelisp_group_src_get_type())
-G_DECLARE_FINAL_TYPE(GstZelispGroupSrc, gst_zelisp_group_src, GST, ZELISP_GROUP_SRC, GstElement)
+G_DECLARE_FINAL_TYPE(GstZelispGroupSrc, gst_zelisp_group_src, GST, ZELISP_GROUP_SRC, GstZelispBaseSrc)
 
 G_END_DECLS
 

@@ -8,10 +8,12 @@
 
 #include <gst/gst.h>
 
+#include "zelispbasesrc.h"
+
 G_BEGIN_DECLS
 
 #define GST_TYPE_ZELISP_SRC (gst_zelisp_src_get_type())
-G_DECLARE_FINAL_TYPE(GstZelispSrc, gst_zelisp_src, GST, ZELISP_SRC, GstElement)
+G_DECLARE_FINAL_TYPE(GstZelispSrc, gst_zelisp_src, GST, ZELISP_SRC, GstZelispBaseSrc)
 
 G_END_DECLS
 

@@ -7,7 +7,10 @@ buffer queued.
 
 import json
 import os
+import shutil
 import subprocess
+
+import callgrind_costs
 
 TITLE = "Simulated driver under load"
 
@@ -23,6 +26,33 @@ LOADS = [
 ]
 
 
+# (cameras, width, height, fps) of the instruction counts: few cameras and a
+# short run, since callgrind runs the program some fifty times slower.
+INSTRUCTION_LOADS = [(2, 1920, 1080, 30), (1, 3840, 2160, 30)]
+
+
+def instructions_per_frame(program):
+    """The frame loop's own work per frame (filling one buffer of every
+    view: the processed background when it changed, the frame number, the
+    moving block), counted by callgrind over the whole run."""
+    counts = []
+    for cameras, width, height, fps in INSTRUCTION_LOADS:
+        out = os.path.join(os.getcwd(), f"callgrind.sim-frame.{width}x{height}.out")
+        completed = subprocess.run(["valgrind", "--tool=callgrind", f"--callgrind-out-file={out}",
+                                    "--toggle-collect=zsim::detail::fill_buffer*", program, str(cameras), str(width),
+                                    str(height), str(fps), "2", "default"],
+                                   stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, check=False)
+        if completed.returncode != 0:
+            raise SystemExit(f"callgrind of {program} failed: {completed.stdout[-2000:]}")
+        result = json.loads(completed.stdout.strip().splitlines()[-1])
+        frames = result["produced"] - result["dropped"]
+        total = sum(callgrind_costs.read(out).self_cost.values())
+        os.remove(out)
+        counts.append({"width": width, "height": height, "frames": frames,
+                       "instructions_per_frame": round(total / max(frames, 1))})
+    return counts
+
+
 def measure(context, quick):
     program = os.path.join(context["bin_dir"], "zelisp_bench_sim_load")
     seconds = 2 if quick else 10
@@ -36,7 +66,10 @@ def measure(context, quick):
         result = json.loads(completed.stdout.strip().splitlines()[-1])
         result["load_average"] = round((load_before + os.getloadavg()[0]) / 2, 2)
         runs.append(result)
-    return {"runs": runs, "cpus": os.cpu_count(), "seconds": seconds}
+    figures = {"runs": runs, "cpus": os.cpu_count(), "seconds": seconds}
+    if shutil.which("valgrind"):
+        figures["instructions"] = instructions_per_frame(program)
+    return figures
 
 
 CONTROLS = {
@@ -65,4 +98,15 @@ def report(figures):
         lines.append(f"| {run['cameras']} | {run['width']}x{run['height']} | {run['fps']} | "
                      f"{CONTROLS.get(run['controls'], run['controls'])} | {run['produced']} | {run['dropped']} | "
                      f"{run['dropped_first_second']} | {run.get('reader_stall_ms', 0):.0f} ms | {run['cpu_percent']:.1f} % | {run['load_average']:.1f} |")
+    if figures.get("instructions"):
+        lines.append("")
+        lines.append("Instructions the frame loop spends per frame at default settings (callgrind, all of "
+                     "`fill_buffer`: the three views' frame number and moving block; the background is painted "
+                     "when the buffers are allocated):")
+        lines.append("")
+        lines.append("| View 0 | Frames counted | Instructions per frame |")
+        lines.append("|---|---|---|")
+        for count in figures["instructions"]:
+            lines.append(f"| {count['width']}x{count['height']} | {count['frames']} | "
+                         f"{count['instructions_per_frame']:,} |")
     return lines

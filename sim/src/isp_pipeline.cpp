@@ -32,6 +32,10 @@
 #include "real_libc.h"
 #include "video_requests.h"
 
+#ifndef MADV_POPULATE_WRITE
+#define MADV_POPULATE_WRITE 23 // Linux 5.14; older headers lack the name
+#endif
+
 namespace zsim::detail {
 namespace {
 
@@ -356,6 +360,12 @@ void prepare_node_buffers(CoreLock &held, int node)
         if (images[target.plane])
             paint_image(target.mapping, target.length, *images[target.plane]);
         real::munmap(target.mapping, target.length);
+        // The driver's own view of the plane gets its page tables now, so
+        // that the frame loop, which writes through it with the lock held,
+        // takes no page faults. Should the buffers be freed meanwhile, the
+        // range is no longer mapped and the call fails harmlessly; kernels
+        // before 5.14 do not know the advice and fault the pages later.
+        (void)madvise(target.data, target.length, MADV_POPULATE_WRITE);
     }
     held.lock();
     if (cam.isp.generation != generation)

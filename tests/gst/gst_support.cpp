@@ -78,10 +78,21 @@ GstHarness *source_harness(const std::string &description)
     return harness;
 }
 
-std::string error_text(GstHarness *harness)
+GstHarness *playing_harness(const std::string &description, int node, uint32_t first_sequence, int count)
 {
-    GstBus *bus = gst_element_get_bus(harness->element);
-    GstMessage *message = gst_bus_pop_filtered(bus, GST_MESSAGE_ERROR);
+    zsim::set_frame_mode(node, zsim::FrameMode::Scripted);
+    push_frames(node, first_sequence, count);
+    GstHarness *harness = source_harness(description);
+    gst_harness_play(harness);
+    return harness;
+}
+
+std::string error_text(GstHarness *harness) { return error_text(harness->element); }
+
+std::string error_text(GstElement *element, GstClockTime wait)
+{
+    GstBus *bus = gst_element_get_bus(element);
+    GstMessage *message = gst_bus_timed_pop_filtered(bus, wait, GST_MESSAGE_ERROR);
     gst_object_unref(bus);
     if (!message)
         return "";

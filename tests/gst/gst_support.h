@@ -31,7 +31,12 @@ protected:
 // A harness around a new element from a pipeline description such as
 // "zelispsrc camera=1 view=2", with a bus to read its messages.
 GstHarness *source_harness(const std::string &description);
-// The next error message on the element's bus, "" when none.
+// A harness around `description` in PLAYING, camera node `node` scripted
+// with `count` frames from `first_sequence` (see push_frames).
+GstHarness *playing_harness(const std::string &description, int node, uint32_t first_sequence, int count);
+// The next error message on the element's bus, waiting up to `wait`; ""
+// when none.
+std::string error_text(GstElement *element, GstClockTime wait = 0);
 std::string error_text(GstHarness *harness);
 
 // Pushes scripted frames with painted sequence numbers, 40 ms apart (past

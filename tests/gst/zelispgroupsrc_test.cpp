@@ -25,20 +25,7 @@ protected:
         return sample;
     }
     GstElement *group() { return gst_bin_get_by_name(GST_BIN(pipeline_), "g"); }
-    std::string bus_error()
-    {
-        GstBus *bus = gst_element_get_bus(pipeline_);
-        GstMessage *message = gst_bus_timed_pop_filtered(bus, 60 * GST_SECOND, GST_MESSAGE_ERROR);
-        gst_object_unref(bus);
-        if (!message)
-            return "";
-        GError *error = nullptr;
-        gst_message_parse_error(message, &error, nullptr);
-        std::string text = error->message;
-        g_error_free(error);
-        gst_message_unref(message);
-        return text;
-    }
+    std::string bus_error() { return error_text(pipeline_, 60 * GST_SECOND); }
     void TearDown() override
     {
         if (pipeline_) {

@@ -54,10 +54,7 @@ TEST_F(ZelispSrcTest, RepeatedNullToPlayingToNullDeliversPaintedFramesAndClosesE
 
 TEST_F(ZelispSrcTest, ABufferHeldPastNullKeepsItsMappingUntilReleased)
 {
-    zsim::set_frame_mode(0, zsim::FrameMode::Scripted);
-    push_frames(0, 1, 1);
-    GstHarness *harness = source_harness("zelispsrc camera=0");
-    gst_harness_play(harness);
+    GstHarness *harness = playing_harness("zelispsrc camera=0", 0, 1, 1);
     GstBuffer *buffer = gst_harness_pull(harness);
     ASSERT_NE(buffer, nullptr);
     ASSERT_EQ(gst_element_set_state(harness->element, GST_STATE_NULL), GST_STATE_CHANGE_SUCCESS);
@@ -85,10 +82,7 @@ TEST_F(ZelispSrcTest, CapsFollowEveryViewFormatTheDriverReports)
         zsim::CameraConfig config;
         config.views[0] = {c.fourcc, 640, 360};
         zsim::set_camera(2, config);
-        zsim::set_frame_mode(2, zsim::FrameMode::Scripted);
-        push_frames(2, 5, 1);
-        GstHarness *harness = source_harness("zelispsrc camera=2");
-        gst_harness_play(harness);
+        GstHarness *harness = playing_harness("zelispsrc camera=2", 2, 5, 1);
         GstBuffer *buffer = gst_harness_pull(harness);
         ASSERT_NE(buffer, nullptr) << c.format;
         EXPECT_EQ(harness_caps(harness), std::string("video/x-raw, format=(string)") + c.format +
@@ -107,10 +101,7 @@ TEST_F(ZelispSrcTest, CapsFollowEveryViewFormatTheDriverReports)
 
 TEST_F(ZelispSrcTest, BuffersWrapTheLibraryMappingAndTheExportedDescriptor)
 {
-    zsim::set_frame_mode(0, zsim::FrameMode::Scripted);
-    push_frames(0, 1, 1);
-    GstHarness *harness = source_harness("zelispsrc camera=0");
-    gst_harness_play(harness);
+    GstHarness *harness = playing_harness("zelispsrc camera=0", 0, 1, 1);
     GstBuffer *buffer = gst_harness_pull(harness);
     ASSERT_NE(buffer, nullptr);
     GstMapInfo map;
@@ -141,10 +132,7 @@ TEST_F(ZelispSrcTest, BuffersWrapTheLibraryMappingAndTheExportedDescriptor)
 
 TEST_F(ZelispSrcTest, DownstreamHoldingBuffersGetsCopiesAndLosesNoFrame)
 {
-    zsim::set_frame_mode(0, zsim::FrameMode::Scripted);
-    push_frames(0, 1, 8);
-    GstHarness *harness = source_harness("zelispsrc camera=0 buffers=4");
-    gst_harness_play(harness);
+    GstHarness *harness = playing_harness("zelispsrc camera=0 buffers=4", 0, 1, 8);
     std::vector<GstBuffer *> held;
     for (uint32_t sequence = 1; sequence <= 8; ++sequence) {
         GstBuffer *buffer = gst_harness_pull(harness);
@@ -204,10 +192,7 @@ TEST_F(ZelispSrcTest, SequenceGapsAreDiscontAndRefusedFramesAreCountedNotPushed)
 
 TEST_F(ZelispSrcTest, DecimationSkipsAreNotCountedAsDrops)
 {
-    zsim::set_frame_mode(0, zsim::FrameMode::Scripted);
-    push_frames(0, 1, 9);
-    GstHarness *harness = source_harness("zelispsrc camera=0 drop=30/20");
-    gst_harness_play(harness);
+    GstHarness *harness = playing_harness("zelispsrc camera=0 drop=30/20", 0, 1, 9);
     std::vector<guint64> offsets;
     for (int i = 0; i < 3; ++i) {
         GstBuffer *buffer = gst_harness_pull(harness);
@@ -269,10 +254,7 @@ TEST_F(ZelispSrcTest, RequestPadsCarryTheOtherViewsOfTheSameFrames)
 
 TEST_F(ZelispSrcTest, ControlsGoToTheDriverWhilePlayingAndReadBackFromIt)
 {
-    zsim::set_frame_mode(0, zsim::FrameMode::Scripted);
-    push_frames(0, 1, 1);
-    GstHarness *harness = source_harness("zelispsrc camera=0 brightness=10 denoise-chroma=9 awb=false");
-    gst_harness_play(harness);
+    GstHarness *harness = playing_harness("zelispsrc camera=0 brightness=10 denoise-chroma=9 awb=false", 0, 1, 1);
     GstBuffer *buffer = gst_harness_pull(harness);
     ASSERT_NE(buffer, nullptr);
     gst_buffer_unref(buffer);

@@ -1,54 +1,15 @@
 // capture_options.cpp - parsing the compound capture options.
 #include "capture_options.h"
 
-#include <cerrno>
-#include <cstdlib>
 #include <set>
-#include <sstream>
 
 #include "formats.h"
+#include "numbers.h"
+#include "resize_syntax.h"
+#include "trigger_syntax.h"
 
 namespace zcam {
-namespace {
-
-std::vector<std::string> split(const std::string &text, char separator)
-{
-    std::vector<std::string> parts;
-    std::string part;
-    std::istringstream stream(text);
-    while (std::getline(stream, part, separator))
-        parts.push_back(part);
-    if (!text.empty() && text.back() == separator)
-        parts.emplace_back();
-    return parts;
-}
-
-bool parse_unsigned(const std::string &text, unsigned long long limit, unsigned long long *value)
-{
-    if (text.empty() || text[0] == '-' || text[0] == '+')
-        return false;
-    errno = 0;
-    char *end = nullptr;
-    *value = strtoull(text.c_str(), &end, 0);
-    return errno == 0 && *end == '\0' && *value <= limit;
-}
-
-// "a,b,c,d" (count numbers, each a 16-bit pixel position or size).
-bool parse_numbers(const std::string &text, size_t count, uint16_t *out)
-{
-    std::vector<std::string> parts = split(text, ',');
-    if (parts.size() != count)
-        return false;
-    for (size_t i = 0; i < count; ++i) {
-        unsigned long long value;
-        if (!parse_unsigned(parts[i], UINT16_MAX, &value))
-            return false;
-        out[i] = uint16_t(value);
-    }
-    return true;
-}
-
-} // namespace
+using capture_syntax::parse_unsigned;
 
 uint32_t CaptureOptions::combination() const
 {
@@ -60,32 +21,7 @@ uint32_t CaptureOptions::combination() const
 
 bool parse_resize(const std::string &text, zelvideo::_resize_param_t *param, std::string *error)
 {
-    std::vector<std::string> steps = split(text, ':');
-    *param = {};
-    uint16_t before[4], scale[2] = {0, 0}, after[4];
-    if (steps.empty() || steps.size() > 3 || !parse_numbers(steps[0], 4, before)) {
-        *error = "--resize takes X,Y,W,H[:SW,SH[:X,Y,W,H]], got '" + text + "'";
-        return false;
-    }
-    if (steps.size() >= 2 && !parse_numbers(steps[1], 2, scale)) {
-        *error = "--resize: the scaled size is SW,SH, got '" + steps[1] + "'";
-        return false;
-    }
-    if (steps.size() == 3) {
-        if (!parse_numbers(steps[2], 4, after)) {
-            *error = "--resize: the second crop is X,Y,W,H, got '" + steps[2] + "'";
-            return false;
-        }
-    } else {
-        bool scaled = scale[0] != 0 || scale[1] != 0;
-        after[0] = after[1] = 0;
-        after[2] = scaled ? scale[0] : before[2];
-        after[3] = scaled ? scale[1] : before[3];
-    }
-    param->cropBefore = {before[0], before[1], before[2], before[3]};
-    param->scale = {scale[0], scale[1]};
-    param->cropAfter = {after[0], after[1], after[2], after[3]};
-    return true;
+    return capture_syntax::parse_resize(text, "--resize", param, error);
 }
 
 bool parse_view_format(const std::string &text, ViewFormatRequest *request, std::string *error)
@@ -148,35 +84,31 @@ std::string describe_resize(const zelvideo::_resize_param_t &p)
 
 bool parse_drop(const std::string &text, DropRatio *ratio, std::string *error)
 {
-    std::vector<std::string> parts = split(text, '/');
-    unsigned long long total, drop;
-    if (parts.size() != 2 || !parse_unsigned(parts[0], 120, &total) || !parse_unsigned(parts[1], 120, &drop) ||
-        total < 1 || drop >= total) {
-        *error = "--drop takes T/D, D frames dropped out of every T (1 <= T <= 120, D < T), got '" + text + "'";
-        return false;
-    }
-    ratio->total = int(total);
-    ratio->drop = int(drop);
-    return true;
+    if (capture_syntax::parse_drop(text, ratio))
+        return true;
+    *error = "--drop takes T/D, D frames dropped out of every T (1 <= T <= 120, D < T), got '" + text + "'";
+    return false;
 }
 
 bool parse_trigger(const std::vector<std::string> &words, TriggerSetting *trigger, std::string *error)
 {
     *trigger = {};
-    if (words.empty() || (words[0] != "internal" && words[0] != "external") || words.size() > 4) {
+    capture_syntax::TriggerSetting parsed;
+    std::string bad;
+    switch (capture_syntax::parse_trigger_words(words, false, &parsed, &bad)) {
+    case capture_syntax::TriggerRefusal::None:
+        break;
+    case capture_syntax::TriggerRefusal::Shape:
         *error = "--trigger takes internal|external and up to three parameters";
         return false;
+    case capture_syntax::TriggerRefusal::Parameter:
+        *error = "--trigger: '" + bad + "' is not a parameter value";
+        return false;
     }
-    trigger->external = words[0] == "external";
+    trigger->external = parsed.mode == capture_syntax::TriggerSetting::External;
     uint32_t *params[3] = {&trigger->param1, &trigger->param2, &trigger->param3};
-    for (size_t i = 1; i < words.size(); ++i) {
-        unsigned long long value;
-        if (!parse_unsigned(words[i], UINT32_MAX, &value)) {
-            *error = "--trigger: '" + words[i] + "' is not a parameter value";
-            return false;
-        }
-        *params[i - 1] = uint32_t(value);
-    }
+    for (int i = 0; i < 3; ++i)
+        *params[i] = parsed.param[i];
     // Checked here for cameras and groups alike: the group's trigger calls
     // answer 0 whatever the driver says, so a bad value would only show as
     // cameras that are not in step.
@@ -190,30 +122,6 @@ bool parse_trigger(const std::vector<std::string> &words, TriggerSetting *trigge
         }
     }
     return true;
-}
-
-DecimationRule::DecimationRule(const DropRatio &ratio)
-{
-    if (ratio.drop == 0)
-        return;
-    int keep = ratio.total - ratio.drop;
-    if (keep >= ratio.drop) {
-        interval_ = uint32_t(ratio.total / ratio.drop);
-    } else {
-        keep_one_ = true;
-        interval_ = uint32_t(ratio.total / keep);
-    }
-}
-
-uint64_t DecimationRule::skipped_between(uint32_t first, uint32_t last) const
-{
-    if (!active() || first > last)
-        return 0;
-    // Multiples of the interval in [first, last].
-    uint64_t multiples = uint64_t(last) / interval_ - (first == 0 ? 0 : (uint64_t(first) - 1) / interval_) +
-                         (first == 0 ? 1 : 0);
-    uint64_t span = uint64_t(last) - first + 1;
-    return keep_one_ ? span - multiples : multiples;
 }
 
 } // namespace zcam

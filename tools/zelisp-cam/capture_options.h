@@ -10,15 +10,15 @@
 #include <string>
 #include <vector>
 
+#include "decimation.h"
 #include "zelisp.h"
 
 namespace zcam {
 
 // --drop T/D: drop D frames out of every T (isp_set_frame_drop_num).
-struct DropRatio {
-    int total = 0;
-    int drop = 0;
-};
+using capture_syntax::DropRatio;
+// Which sequence numbers the library's decimation hands back for a ratio.
+using capture_syntax::DecimationRule;
 
 // --trigger internal|external [P1 [P2 [P3]]]: the MIPI trigger mode.
 struct TriggerSetting {
@@ -76,21 +76,6 @@ bool parse_drop(const std::string &text, DropRatio *ratio, std::string *error);
 // platform driver accepts: P1 0..2, P2 0..7 and, external, P3 0..2.
 bool parse_trigger(const std::vector<std::string> &words, TriggerSetting *trigger, std::string *error);
 
-// Which sequence numbers the library's decimation hands back for this ratio:
-// the same rule isp_get_expected_frame applies, so that frames it skipped on
-// purpose are not counted as lost.
-class DecimationRule {
-public:
-    DecimationRule() = default;
-    explicit DecimationRule(const DropRatio &ratio);
-    bool active() const { return interval_ != 0; }
-    // How many sequence numbers in [first, last] the rule skips.
-    uint64_t skipped_between(uint32_t first, uint32_t last) const;
-
-private:
-    bool keep_one_ = false; // keep one in `interval_`; otherwise drop one in `interval_`
-    uint32_t interval_ = 0;
-};
 
 } // namespace zcam
 

@@ -344,9 +344,9 @@ def write_report(path, figures, started, finished):
     add(f"| Heap allocations a frame by the library | {f['library_own_allocs']:g} | 0 | {verdict(allocation_free)} |")
     add(f"| Image bytes read, written or copied by the library a frame | {pages * 4096 if pages else 0} | 0 | "
         f"{verdict(pages == 0 and f['guard_check_pages'] == 1)} |")
-    dropped_all = cam.get("dropped_from_start", cam["dropped"])
-    produced_all = cam.get("produced_from_start", cam["produced"])
-    add(f"| 12 cameras, 120 fps, 1080p, one thread: driver drops from the first frame, warm-up included | "
+    dropped_all = cam["dropped_from_start"]
+    produced_all = cam["produced_from_start"]
+    add(f"| 12 cameras, 120 fps, 1080p, one thread: driver drops from the first frame | "
         f"{dropped_all:.0f} of {produced_all:.0f} frames produced | 0 | {verdict(dropped_all == 0)} |")
     add(f"| 12 cameras: frames dequeued / produced | {cam['dequeued']:.0f} / {cam['produced']:.0f} | | |")
     add(f"| 12 cameras, {cam['seconds']:.0f} s measured: frames accepted / refused by the 12 ms rule | "
@@ -462,12 +462,15 @@ def write_report(path, figures, started, finished):
     add("8 cameras, so the thread reads two sets of six: each round it blocks up to 2 ms in")
     add("`isp_camera_wait_for_data` on one set and polls the other with a zero timeout, taking turns, and")
     add("takes one frame from each ready camera (`isp_get_frame_buf` with timeout 0, then")
-    add("`isp_put_frame_buf`). After a 1 s warm-up (the simulated sensor paints each buffer's background the")
-    add("first time it fills it, holding its lock), produced, dequeued and dropped are the driver's counters")
-    add("(`zsim::counters`) over the measured window; CPU is `getrusage`.")
+    add("`isp_put_frame_buf`). Produced, dequeued and dropped are the driver's counters (`zsim::counters`):")
+    add("drops are counted from the first frame after `VIDIOC_STREAMON`, and again over the measured window")
+    add("that follows a 1 s settling period, so that the rates below describe the steady state; CPU is")
+    add("`getrusage`.")
     add("")
     add("| Figure | Value |")
     add("|---|---|")
+    add(f"| frames produced / dropped by the driver from the first frame | "
+        f"{cam['produced_from_start']:.0f} / {cam['dropped_from_start']:.0f} |")
     add(f"| measured time | {cam['seconds']:.2f} s |")
     add(f"| frames produced by the driver | {cam['produced']:.0f} |")
     add(f"| frames dequeued | {cam['dequeued']:.0f} |")

@@ -7,8 +7,8 @@ frame counts is the cost of one frame, free of start-up and tear-down:
 
 - `zelisp-cam capture --views 0`: the library's get/put loop;
 - `gst-launch-1.0 zelispsrc ! fakesink`: the plugin, one view;
-- `gst-launch-1.0 v4l2src device=/dev/video0 ! fakesink`: GStreamer's own V4L2
-  source on the same node, when the simulated node serves it.
+- `gst-launch-1.0 v4l2src device=/dev/video0 ! (caps) ! fakesink`: GStreamer's own V4L2
+  source on the same node, held by caps to the same format, size and rate.
 
 A fourth run reads zelispsrc's "stats" after a capture into fakesink, for
 the copies a frame while downstream keeps up.
@@ -28,6 +28,8 @@ SHORT, LONG = 30, 300
 # and its clients would pay for two simulated frames a frame they get, while
 # v4l2src, which bypasses the library, pays for one. The default sizes.
 CONFIG = "[camera 0]\nfps = 60\n"
+# View 0 as the simulated camera streams it by default.
+V4L2SRC_CAPS = "video/x-raw,format=NV12,width=1920,height=1080,framerate=60/1"
 GOAL_LIBRARY = 1.3
 GOAL_V4L2SRC = 1.0
 
@@ -49,8 +51,13 @@ pipeline.set_state(Gst.State.NULL)
 def _commands(context, client, frames):
     if client == "library":
         return [context["cam_tool"], "capture", "--camera", "0", "--views", "0", "--frames", str(frames)]
-    source = "zelispsrc camera=0" if client == "zelispsrc" else "v4l2src device=/dev/video0"
-    return ["gst-launch-1.0", "-q", *source.split(), f"num-buffers={frames}", "!", "fakesink"]
+    if client == "zelispsrc":
+        source = ["zelispsrc", "camera=0", f"num-buffers={frames}"]
+    else:
+        # Without caps v4l2src picks its own favourite format and the sensor's
+        # full size; the caps hold it to what zelispsrc streams.
+        source = ["v4l2src", "device=/dev/video0", f"num-buffers={frames}", "!", V4L2SRC_CAPS]
+    return ["gst-launch-1.0", "-q", *source, "!", "fakesink"]
 
 
 def _run(context, command, env):
@@ -134,7 +141,7 @@ def report(figures):
     names = {
         "library": "`zelisp-cam capture --views 0` (the library's get/put loop)",
         "zelispsrc": "`gst-launch-1.0 zelispsrc ! fakesink`",
-        "v4l2src": "`gst-launch-1.0 v4l2src device=/dev/video0 ! fakesink`",
+        "v4l2src": f"`gst-launch-1.0 v4l2src device=/dev/video0 ! {V4L2SRC_CAPS} ! fakesink`",
     }
     lines += ["| Client | CPU µs a frame | Runs (µs) |", "|---|---:|---|"]
     for client, name in names.items():

@@ -49,7 +49,7 @@ void ConfigureCamera(int camera, uint32_t fps)
     zsim::set_camera(camera, config);
 }
 
-unsigned long StartCamera(int camera, uint32_t combination, int buffers)
+unsigned long SetUpCamera(int camera, uint32_t combination, int buffers)
 {
     unsigned long handle = isp_open_video(uint32_t(camera), 1);
     if (handle == 0)
@@ -57,9 +57,20 @@ unsigned long StartCamera(int camera, uint32_t combination, int buffers)
     int result = isp_init_video(handle, combination, buffers);
     if (result != 0)
         Fail("isp_init_video", result);
-    result = isp_start_capture(handle);
+    return handle;
+}
+
+void StartCapture(unsigned long handle)
+{
+    int result = isp_start_capture(handle);
     if (result != 0)
         Fail("isp_start_capture", result);
+}
+
+unsigned long StartCamera(int camera, uint32_t combination, int buffers)
+{
+    unsigned long handle = SetUpCamera(camera, combination, buffers);
+    StartCapture(handle);
     return handle;
 }
 

@@ -24,8 +24,11 @@ void ResetSimulator();
 // Camera `camera` as a 1080p/720p/360p NV12 sensor at `fps`.
 void ConfigureCamera(int camera, uint32_t fps);
 
-// Opens camera `camera` in mode 1, sets it up with `combination` and
-// `buffers`, and starts streaming. Fails the program on any error.
+// Opens camera `camera` in mode 1 and sets it up with `combination` and
+// `buffers`; StartCapture starts its stream; StartCamera does both. Each
+// fails the program on any error.
+unsigned long SetUpCamera(int camera, uint32_t combination, int buffers);
+void StartCapture(unsigned long handle);
 unsigned long StartCamera(int camera, uint32_t combination, int buffers);
 void StopCamera(unsigned long handle);
 

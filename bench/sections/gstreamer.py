@@ -129,6 +129,8 @@ def _ratio(figures, client, base):
 
 def report(figures):
     lines = [
+        f"## {TITLE}",
+        "",
         "CPU time a frame (user + system of the whole process, difference of a "
         f"{figures.get('long')}-frame and a {figures.get('short')}-frame capture, median of the runs) of three "
         "clients streaming view 0 of the same simulated camera (`" + figures.get("config", "").replace("\n", "; ")

@@ -106,5 +106,15 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_RECOMMENDS "g++ | c++-compiler, cmake, pkgc
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "fonts-dejavu-core")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS "zelisp-sim")
 set(CPACK_DEBIAN_SIM_PACKAGE_SUGGESTS "zelisp-tools")
+# The extension is built for one interpreter version and against numpy 1.x's
+# C interface, whose binary version (9) numpy's package provides.
+if(ZELISP_PYTHON_VERSION)
+  string(REPLACE "." ";" python_version_parts ${ZELISP_PYTHON_VERSION})
+  list(GET python_version_parts 0 python_major)
+  list(GET python_version_parts 1 python_minor)
+  math(EXPR python_next_minor "${python_minor} + 1")
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS
+      "python3 (>= ${ZELISP_PYTHON_VERSION}), python3 (<< ${python_major}.${python_next_minor}), python3-numpy, python3-numpy-abi9")
+endif()
 
 include(CPack)

@@ -65,4 +65,19 @@ cmake -S "$usr/share/doc/zelisp/examples" -B "$work/examples" -DCMAKE_PREFIX_PAT
 cmake --build "$work/examples" >/dev/null
 env -i "$usr/bin/zelisp-sim-run" -- "$work/examples/open_camera" | grep -q "camera 0: native descriptor" ||
   fail "example against the unpacked tree"
-echo "four packages, their dependencies and contents as expected; the unpacked tree works"
+# The plugin and the Python package, when built: each where the system's
+# GStreamer and Python look, as the packages install them.
+plugins_dir=$(pkg-config --variable=pluginsdir gstreamer-1.0 2>/dev/null || true)
+if ls "$work"/debs/gstreamer1.0-zelisp_*.deb >/dev/null 2>&1 && [ -n "$plugins_dir" ]; then
+  listing=$(dpkg-deb -c "$(ls "$work"/debs/gstreamer1.0-zelisp_*.deb)")
+  [[ $listing == *" .$plugins_dir/libgstzelisp.so"* ]] || fail "gstreamer1.0-zelisp does not put the plugin in $plugins_dir"
+fi
+if ls "$work"/debs/python3-zelisp_*.deb >/dev/null 2>&1; then
+  listing=$(dpkg-deb -c "$(ls "$work"/debs/python3-zelisp_*.deb)")
+  [[ $listing == *" ./usr/lib/python3/dist-packages/zelisp/__init__.py"* ]] ||
+    fail "python3-zelisp does not put the package in /usr/lib/python3/dist-packages"
+  for needed in "python3 (>= " python3-numpy-abi9 "libzelisp1 (= $version-1)"; do
+    [[ $(field python3-zelisp Depends) == *"$needed"* ]] || fail "python3-zelisp: $(field python3-zelisp Depends)"
+  done
+fi
+echo "packages, their dependencies and contents as expected; the unpacked tree works"

@@ -350,8 +350,8 @@ PyTypeObject *make_type(const char *name, Py_ssize_t size, PyType_Slot *slots)
 {
     // Not instantiable from Python: frames come from a camera. Not immutable:
     // the package adds View.to_bgr in Python.
-    PyType_Spec spec{name, int(size), 0, Py_TPFLAGS_DEFAULT | Py_TPFLAGS_DISALLOW_INSTANTIATION, slots};
-    PyObject *type = PyType_FromSpec(&spec);
+    PyType_Spec type_description{name, int(size), 0, Py_TPFLAGS_DEFAULT | Py_TPFLAGS_DISALLOW_INSTANTIATION, slots};
+    PyObject *type = PyType_FromSpec(&type_description);
     if (type == nullptr)
         throw py::error_already_set();
     return reinterpret_cast<PyTypeObject *>(type);

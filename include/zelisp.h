@@ -58,6 +58,13 @@ enum IspResult {
     ISP_ERR_NO_VALID_CAMERA = -17,  /* a group has no valid camera */
 };
 
+/* What a line of the library tells, and where the console prints it. */
+enum IspMessageKind {
+    ISP_MESSAGE_PROGRESS = 0,     /* standard output: what the library did or found */
+    ISP_MESSAGE_FAILURE = 1,      /* standard output: what failed or was refused */
+    ISP_MESSAGE_SYSTEM_ERROR = 2, /* standard error, as perror prints it: label, ": ", the errno text */
+};
+
 #ifdef __cplusplus
 namespace zelvideo {
 #else
@@ -69,6 +76,7 @@ typedef struct _resize_scale_t _resize_scale_t;
 typedef struct _resize_param_t _resize_param_t;
 typedef struct _mec_param_t _mec_param_t;
 typedef struct _camera_info_t _camera_info_t;
+typedef struct _isp_message_t _isp_message_t;
 #endif
 
 /* One view of one capture buffer (72 bytes). */
@@ -126,6 +134,20 @@ struct _mec_param_t {
     uint32_t param[6];
 };
 
+/*
+ * One line the library would print (32 bytes), as handed to a message
+ * handler. Every string is the library's and lives only for the call.
+ */
+struct _isp_message_t {
+    int32_t kind;         /* enum IspMessageKind */
+    int32_t error_number; /* errno of an ISP_MESSAGE_SYSTEM_ERROR line, 0 for the others */
+    const char *text;     /* the line as the console shows it, without its line end */
+    const char *label;    /* the perror label of an ISP_MESSAGE_SYSTEM_ERROR line (it may hold a
+                             line end of its own), NULL for the others */
+    const char *dev_path; /* the camera's node ("/dev/video3") when the line is about one camera,
+                             NULL for platform and group lines */
+};
+
 /* One record of the platform's valid-camera table (40 bytes), as the driver wrote it. */
 struct _camera_info_t {
     uint8_t driver_data[32];
@@ -164,6 +186,12 @@ static_assert(offsetof(_resize_param_t, reserved) == 21, "_resize_param_t layout
 
 static_assert(sizeof(_mec_param_t) == 24, "_mec_param_t is 24 bytes");
 
+static_assert(sizeof(_isp_message_t) == 32, "_isp_message_t is 32 bytes");
+static_assert(offsetof(_isp_message_t, error_number) == 4, "_isp_message_t layout");
+static_assert(offsetof(_isp_message_t, text) == 8, "_isp_message_t layout");
+static_assert(offsetof(_isp_message_t, label) == 16, "_isp_message_t layout");
+static_assert(offsetof(_isp_message_t, dev_path) == 24, "_isp_message_t layout");
+
 static_assert(sizeof(_camera_info_t) == 40, "_camera_info_t is 40 bytes");
 static_assert(offsetof(_camera_info_t, camera_index) == 32, "_camera_info_t layout");
 static_assert(offsetof(_camera_info_t, driver_data_tail) == 36, "_camera_info_t layout");
@@ -187,6 +215,23 @@ ZELISP_API int isp_group_put_frame(unsigned long group, _isp_buf_t *frames, int 
 
 extern "C" {
 #endif
+
+/*
+ * ---- Where the library's lines go ----
+ * By default the library prints its progress and failure lines on standard
+ * output and its perror lines on standard error. A message handler receives
+ * every such line instead, nothing being printed: on the thread whose
+ * library call made it, before that call returns. Setting a handler is
+ * thread-safe and process-wide; NULL restores the console. Once
+ * isp_set_message_handler has returned, the handler it replaced is not
+ * running and will not be called again, so its user data may be freed.
+ * The handler must not call back into the library, and whoever calls
+ * isp_set_message_handler must not hold a lock that a running handler waits
+ * for (an interpreter lock, say): a handler call in progress is waited for.
+ * errno is the same after the handler as before it.
+ */
+typedef void (*isp_message_handler_t)(const ZELISP_RECORD(_isp_message_t) *message, void *user);
+ZELISP_API void isp_set_message_handler(isp_message_handler_t handler, void *user);
 
 /* ---- Library and camera handles ---- */
 ZELISP_API const char *isp_get_sdk_version(void);

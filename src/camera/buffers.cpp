@@ -32,6 +32,14 @@ zelvideo::_isp_view_buf_t &PlaneEntry(IspVideo &video, int buffer, int plane)
     return video.buffers[buffer].views[PlaneView(video, plane)];
 }
 
+// The planes of one buffer: one per enabled view. Stream setup counts them
+// from the three-bit view mask, so the cap never cuts anything; it keeps
+// every index into a plane array visibly inside it.
+int PlanesPerBuffer(const IspVideo &video)
+{
+    return std::min(video.plane_count, int32_t(kMaxViews));
+}
+
 uint32_t &MappedLength(IspVideo &video, int buffer, int plane)
 {
     return video.mapped_length[buffer][PlaneView(video, plane)];
@@ -52,7 +60,8 @@ void UnmapPlanes(IspVideo &video, int whole_buffers, int planes_of_next)
 int MapBuffer(IspVideo &video, int buffer)
 {
     v4l2_plane planes[kMaxViews];
-    v4l2_buffer query = PlaneBufferRecord(uint32_t(buffer), planes, video.plane_count);
+    const int plane_count = PlanesPerBuffer(video);
+    v4l2_buffer query = PlaneBufferRecord(uint32_t(buffer), planes, plane_count);
     const int result = ReportedRequest(video.fd, video.dev_path, VIDIOC_QUERYBUF, &query, "query buf",
                                        "query buffer %d failed", buffer);
     if (result != ISP_OK) {
@@ -61,7 +70,7 @@ int MapBuffer(IspVideo &video, int buffer)
     }
 
     video.buffers[buffer].index = uint32_t(buffer);
-    for (int plane = 0; plane < video.plane_count; ++plane) {
+    for (int plane = 0; plane < plane_count; ++plane) {
         zelvideo::_isp_view_buf_t &entry = PlaneEntry(video, buffer, plane);
         entry.index = uint32_t(buffer);
         entry.length = planes[plane].length;
@@ -85,7 +94,7 @@ void ExportPlane(IspVideo &video, int buffer, int plane)
     v4l2_exportbuffer request = ExportRequest(uint32_t(buffer), uint32_t(plane));
     zelvideo::_isp_view_buf_t &entry = PlaneEntry(video, buffer, plane);
     int &exported = video.exported_fd[buffer][ViewOfPlane(video.view_mask, plane)];
-    if (video.Request(VIDIOC_EXPBUF, &request) < 0 || request.fd < 0) {
+    if (DriverRequest(video.fd, VIDIOC_EXPBUF, &request, Retry::WhileInterrupted) < 0 || request.fd < 0) {
         printf("export buf failed, index %d plane %d\n", buffer, plane);
         fflush(stdout);
         entry.fd = -1;

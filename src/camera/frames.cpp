@@ -12,6 +12,7 @@
 #include <cerrno>
 
 #include "driver/device_message.h"
+#include "driver/driver_request.h"
 #include "isp_video.h"
 #include "v4l2_records.h"
 
@@ -80,7 +81,7 @@ __attribute__((noinline, cold)) int IspVideo::RefuseFrame(v4l2_buffer &frame, ui
             .Number(last_sequence)
             .Print(dev_path);
     }
-    Request(VIDIOC_QBUF, &frame);
+    DriverRequest(fd, VIDIOC_QBUF, &frame, Retry::WhileInterrupted);
     return ISP_ERR_REQUEST;
 }
 
@@ -97,7 +98,7 @@ int IspVideo::GetFrame(zelvideo::_isp_buf_t *out, int32_t timeout_ms)
 
     v4l2_plane (&planes)[kMaxViews] = dequeue_planes;
     v4l2_buffer frame = BufferRecord(0, planes, plane_count);
-    if (Request(VIDIOC_DQBUF, &frame) < 0) {
+    if (DriverRequest(fd, VIDIOC_DQBUF, &frame, Retry::WhileInterrupted) < 0) {
         if (errno == EAGAIN)
             return ISP_ERR_NOT_READY;
         DeviceMessage(" get frame failed");

@@ -14,7 +14,6 @@
 
 #include <cstdint>
 
-#include "driver/driver_request.h"
 #include "zelisp.h"
 
 namespace zelisp {
@@ -85,18 +84,6 @@ struct IspVideo {
     int Close();
     // The open node's descriptor, or -1 when the camera holds none.
     int GetVideoFd() const { return fd; }
-    // Every request to the video node is repeated while a signal interrupts
-    // it: nothing the camera asks of its node is a failure when interrupted.
-    // The repeat is out of line and finds the node again through the
-    // object, so that the frame loop keeps nothing aside for it.
-    int Request(unsigned long request, void *record) const
-    {
-        const int result = ioctl(fd, request, record);
-        if (__builtin_expect(result == -1, 0))
-            return RepeatIfInterrupted(request, record);
-        return result;
-    }
-    int RepeatIfInterrupted(unsigned long request, void *record) const;
 
     // Stream setup and buffers.
     int Init(uint32_t combination, int32_t buffer_num);

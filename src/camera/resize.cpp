@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "driver/driver_request.h"
 #include "driver/isp_requests.h"
 #include "isp_video.h"
 
@@ -81,7 +82,7 @@ int IspVideo::ApplyResize(zelvideo::_resize_param_t record, int32_t bound_width,
         printf("invalid corp_before height param: %d\n", bottom);
         return ISP_ERR_MISSING;
     }
-    if (Request(VIDIOC_ISP_SET_RESIZE, &regs) < 0) {
+    if (DriverRequest(fd, VIDIOC_ISP_SET_RESIZE, &regs, Retry::WhileInterrupted) < 0) {
         perror("Resize resolution");
         return ISP_ERR_REQUEST;
     }

@@ -2,22 +2,11 @@
  * streaming.cpp - switching the camera's stream on and off, and handing a
  * buffer to the driver.
  */
-#include <cerrno>
-
 #include "driver/driver_request.h"
 #include "isp_video.h"
 #include "v4l2_records.h"
 
 namespace zelisp {
-
-// A request to the node failed: repeated while a signal interrupts it, as
-// every request of the camera is.
-__attribute__((cold)) int IspVideo::RepeatIfInterrupted(unsigned long request, void *record) const
-{
-    if (errno != EINTR)
-        return -1;
-    return RepeatInterruptedRequest(fd, request, record);
-}
 
 int IspVideo::StartCapture()
 {
@@ -33,7 +22,7 @@ int IspVideo::StartCapture()
         }
     }
     int type = kCaptureType;
-    if (Request(VIDIOC_STREAMON, &type) < 0) {
+    if (DriverRequest(fd, VIDIOC_STREAMON, &type, Retry::WhileInterrupted) < 0) {
         DeviceMessage(" stream on failed");
         return ISP_ERR_REQUEST;
     }
@@ -47,7 +36,7 @@ int IspVideo::StopCapture()
         return ISP_ERR_STATE;
 
     int type = kCaptureType;
-    if (Request(VIDIOC_STREAMOFF, &type) < 0) {
+    if (DriverRequest(fd, VIDIOC_STREAMOFF, &type, Retry::WhileInterrupted) < 0) {
         DeviceMessage("stream off failed");
         return ISP_ERR_REQUEST;
     }

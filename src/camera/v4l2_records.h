@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "driver/driver_request.h"
 #include "isp_video.h"
 
 namespace zelisp {
@@ -60,7 +61,7 @@ __attribute__((always_inline)) inline int IspVideo::QueueBuffer(uint32_t index)
 {
     v4l2_plane planes[kMaxViews];
     v4l2_buffer record = PlaneBufferRecord(index, planes, plane_count);
-    return Request(VIDIOC_QBUF, &record);
+    return DriverRequest(fd, VIDIOC_QBUF, &record, Retry::WhileInterrupted);
 }
 
 v4l2_exportbuffer ExportRequest(uint32_t index, uint32_t plane);

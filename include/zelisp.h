@@ -58,6 +58,18 @@ enum IspResult {
     ISP_ERR_NO_VALID_CAMERA = -17,  /* a group has no valid camera */
 };
 
+/*
+ * The ISP's limits, as its drivers take them and the library checks them:
+ * an application, the simulated driver and the tools all read them here.
+ */
+enum IspLimit {
+    ISP_VIEW_COUNT = 3,          /* views 0, 1 and 2 */
+    ISP_VIEW_SIZE_MAX = 65535,   /* the camera driver reports view sizes in 16-bit words */
+    ISP_TRIGGER_PARAM1_MAX = 2,  /* trigger_param1 of both trigger modes */
+    ISP_TRIGGER_PARAM2_MAX = 7,  /* trigger_param2 of both trigger modes */
+    ISP_EXTERNAL_PARAM3_MAX = 2, /* external_param3; internal_param3 takes any value */
+};
+
 /* What a line of the library tells, and where the console prints it. */
 enum IspMessageKind {
     ISP_MESSAGE_PROGRESS = 0,     /* standard output: what the library did or found */

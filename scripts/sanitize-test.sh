@@ -9,7 +9,7 @@ cd "$(dirname "$0")/.."
 build_dir=${ZELISP_BUILD_DIR:-build-asan}
 jobs=${ZELISP_JOBS:-$(nproc)}
 
-cmake -S . -B "$build_dir" -DZELISP_SANITIZE=address,undefined \
+cmake -S . -B "$build_dir" -DZELISP_WERROR=ON -DZELISP_SANITIZE=address,undefined \
   -DCMAKE_CXX_FLAGS="-fno-sanitize-recover=all" -DCMAKE_C_FLAGS="-fno-sanitize-recover=all" >/dev/null
 cmake --build "$build_dir" -j"$jobs"
 

@@ -28,6 +28,7 @@
 #include "control_table.h"
 #include "scene_source.h"
 #include "sim_internal.h"
+#include "zelisp.h"
 
 namespace zsim {
 
@@ -37,7 +38,6 @@ constexpr int kCameras = 12;
 constexpr uint32_t kMaxFps = 240;
 constexpr uint32_t kMaxBuffers = 32;
 constexpr uint32_t kMaxNoise = 64;
-constexpr uint32_t kMaxDimension = 65535; // the driver reports view sizes in 16-bit words
 constexpr size_t kMaxLineLength = 200;     // libinih's line buffer holds 199 characters
 constexpr off_t kMaxFileSize = 1 << 20;    // a board description is a few hundred bytes
 
@@ -114,8 +114,8 @@ bool parse_uint(const std::string &text, uint32_t max, uint32_t *value)
 bool parse_size(const std::string &text, uint32_t *width, uint32_t *height)
 {
     const size_t x = text.find('x');
-    return x != std::string::npos && parse_uint(text.substr(0, x), kMaxDimension, width) &&
-           parse_uint(text.substr(x + 1), kMaxDimension, height) && *width > 0 && *height > 0;
+    return x != std::string::npos && parse_uint(text.substr(0, x), ISP_VIEW_SIZE_MAX, width) &&
+           parse_uint(text.substr(x + 1), ISP_VIEW_SIZE_MAX, height) && *width > 0 && *height > 0;
 }
 
 bool parse_fourcc(const std::string &text, uint32_t *fourcc)

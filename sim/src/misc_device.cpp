@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "driver/isp_requests.h"
+#include "zelisp.h"
 #include "sim_internal.h"
 
 namespace zsim::detail {
@@ -24,11 +25,6 @@ constexpr size_t kTableSize = 488;
 constexpr size_t kCountOffset = 480;
 constexpr size_t kI2cRecordSize = 8;
 constexpr size_t kTriggerRecordSize = 20;
-
-// Trigger parameter ranges the ISP firmware accepts.
-constexpr uint32_t kMaxTriggerParam1 = 2;
-constexpr uint32_t kMaxTriggerParam2 = 7;
-constexpr uint32_t kMaxExternalParam3 = 2;
 
 // Two words of state, kept in atomics: the hardware thread reads the trigger
 // mode at every frame and must not wait on anything.
@@ -111,9 +107,9 @@ int set_trigger_mode(const uint8_t *record, LogNote *note)
     note->detail = "trigger_mode=" + std::to_string(mode) + " trigger_param1=" + std::to_string(param1) +
                    " internal_param3=" + std::to_string(internal_param3) + " trigger_param2=" +
                    std::to_string(param2) + " external_param3=" + std::to_string(external_param3);
-    if (mode > 1 || param1 > kMaxTriggerParam1 || param2 > kMaxTriggerParam2)
+    if (mode > 1 || param1 > ISP_TRIGGER_PARAM1_MAX || param2 > ISP_TRIGGER_PARAM2_MAX)
         return EINVAL;
-    if (mode == 1 && external_param3 > kMaxExternalParam3)
+    if (mode == 1 && external_param3 > ISP_EXTERNAL_PARAM3_MAX)
         return EINVAL;
     g_trigger.store(int(mode == 0 ? TriggerMode::Internal : TriggerMode::External));
     return 0;

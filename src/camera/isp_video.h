@@ -20,7 +20,7 @@ namespace zelisp {
 
 constexpr int kMaxCameras = 12;      // camera numbers 0..11
 constexpr int kModeTwoNodeOffset = 12; // mode 2 opens /dev/video<camera + 12>
-constexpr int kMaxViews = 3;
+constexpr int kMaxViews = ISP_VIEW_COUNT;
 constexpr int kMaxBuffers = 8;
 constexpr int kMinBuffers = 3;
 constexpr int kPathSize = 32;

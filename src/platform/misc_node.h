@@ -29,12 +29,10 @@ int GetValidCameraInfo(zelvideo::_camera_info_t *info, uint32_t camera_num, uint
 // Owners of a sensor's I2C bus.
 constexpr uint32_t kBusIsp = 0;
 constexpr uint32_t kBusArm = 1;
-// Trigger modes and the parameter ranges the ISP firmware accepts.
+// Trigger modes; the ranges of their parameters are the public ISP_TRIGGER_*
+// and ISP_EXTERNAL_PARAM3_MAX limits.
 constexpr uint32_t kInternalMode = 0;
 constexpr uint32_t kExternalMode = 1;
-constexpr uint32_t kMaxTriggerParam1 = 2;
-constexpr uint32_t kMaxTriggerParam2 = 7;
-constexpr uint32_t kMaxExternalParam3 = 2;
 
 // Gives a camera slot's sensor bus to the ISP (0) or the ARM side (1).
 // 0, -9 (node or request failed).

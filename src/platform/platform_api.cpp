@@ -40,7 +40,7 @@ ZELISP_API int isp_set_i2c_ctrl(uint32_t camera_index, uint32_t i2c_bus_ctrler)
 ZELISP_API int isp_set_internal_trigger(unsigned long handle, uint32_t trigger_param1, uint32_t trigger_param2,
                                         uint32_t internal_param3)
 {
-    if (handle == 0 || trigger_param1 > kMaxTriggerParam1 || trigger_param2 > kMaxTriggerParam2)
+    if (handle == 0 || trigger_param1 > ISP_TRIGGER_PARAM1_MAX || trigger_param2 > ISP_TRIGGER_PARAM2_MAX)
         return ISP_ERR_INVALID;
     return SetTrigger(InternalTriggerRecord(trigger_param1, trigger_param2, internal_param3),
                       Retry::WhileInterrupted);
@@ -49,8 +49,8 @@ ZELISP_API int isp_set_internal_trigger(unsigned long handle, uint32_t trigger_p
 ZELISP_API int isp_set_external_trigger(unsigned long handle, uint32_t trigger_param1, uint32_t trigger_param2,
                                         uint32_t external_param3)
 {
-    if (handle == 0 || trigger_param1 > kMaxTriggerParam1 || trigger_param2 > kMaxTriggerParam2 ||
-        external_param3 > kMaxExternalParam3)
+    if (handle == 0 || trigger_param1 > ISP_TRIGGER_PARAM1_MAX || trigger_param2 > ISP_TRIGGER_PARAM2_MAX ||
+        external_param3 > ISP_EXTERNAL_PARAM3_MAX)
         return ISP_ERR_INVALID;
     return SetTrigger(ExternalTriggerRecord(trigger_param1, trigger_param2, external_param3), Retry::Once);
 }

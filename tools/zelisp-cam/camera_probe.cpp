@@ -47,7 +47,7 @@ std::string measured_rate(unsigned long handle)
     uint32_t supported = node_request(handle, VIDIOC_ENUMINPUT, &input) == 0 ? input.index : 1;
     uint32_t smallest = 0;
     uint64_t smallest_pixels = UINT64_MAX;
-    for (uint32_t view = 0; view < 3; ++view) {
+    for (uint32_t view = 0; view < ISP_VIEW_COUNT; ++view) {
         zelvideo::_view_format_t format = {};
         if ((supported & (1u << view)) && isp_get_view_format(handle, view, &format) == ISP_OK &&
             uint64_t(format.width) * format.height < smallest_pixels) {

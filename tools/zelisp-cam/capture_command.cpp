@@ -160,7 +160,7 @@ void add_capture_command(CLI::App &app, int *status)
     CLI::Option *views = capture->add_option("--views", options.views, "Views to enable, comma separated (mode 1 only)")
                              ->type_name("V[,V...]")
                              ->delimiter(',')
-                             ->check(whole_number(0, 2))
+                             ->check(whole_number(0, ISP_VIEW_COUNT - 1))
                              ->capture_default_str();
     capture->add_option("--view-format", arguments->view_formats,
                         "Ask the driver for these view formats before setting the stream up, e.g. "

@@ -31,7 +31,7 @@ bool parse_view_format(const std::string &text, ViewFormatRequest *request, std:
     if (equals == std::string::npos || colon == std::string::npos || times == std::string::npos || colon < equals)
         return false;
     unsigned long long view, width, height;
-    if (!parse_unsigned(text.substr(0, equals), 2, &view)) {
+    if (!parse_unsigned(text.substr(0, equals), ISP_VIEW_COUNT - 1, &view)) {
         *error = "--view-format: the view is 0, 1 or 2, got '" + text.substr(0, equals) + "'";
         return false;
     }
@@ -41,9 +41,10 @@ bool parse_view_format(const std::string &text, ViewFormatRequest *request, std:
         *error = "--view-format: '" + name + "' is not a format the tool can write; use NV12, NV21, YUYV, RGB3 or GREY";
         return false;
     }
-    if (!parse_unsigned(text.substr(colon + 1, times - colon - 1), UINT16_MAX, &width) ||
-        !parse_unsigned(text.substr(times + 1), UINT16_MAX, &height) || width == 0 || height == 0) {
-        *error = "--view-format: the size is WIDTHxHEIGHT, each 1 to 65535, got '" + text.substr(colon + 1) + "'";
+    if (!parse_unsigned(text.substr(colon + 1, times - colon - 1), ISP_VIEW_SIZE_MAX, &width) ||
+        !parse_unsigned(text.substr(times + 1), ISP_VIEW_SIZE_MAX, &height) || width == 0 || height == 0) {
+        *error = "--view-format: the size is WIDTHxHEIGHT, each 1 to " + std::to_string(ISP_VIEW_SIZE_MAX) +
+                 ", got '" + text.substr(colon + 1) + "'";
         return false;
     }
     request->view = int(view);
@@ -113,7 +114,8 @@ bool parse_trigger(const std::vector<std::string> &words, TriggerSetting *trigge
     // answer 0 whatever the driver says, so a bad value would only show as
     // cameras that are not in step.
     const char *names[3] = {"P1", "P2", "P3"};
-    const uint32_t limits[3] = {2, 7, trigger->external ? 2u : UINT32_MAX};
+    const uint32_t limits[3] = {ISP_TRIGGER_PARAM1_MAX, ISP_TRIGGER_PARAM2_MAX,
+                                trigger->external ? uint32_t(ISP_EXTERNAL_PARAM3_MAX) : UINT32_MAX};
     for (int i = 0; i < 3; ++i) {
         if (*params[i] > limits[i]) {
             *error = std::string("--trigger ") + words[0] + ": " + names[i] + " is 0 to " + std::to_string(limits[i]) +

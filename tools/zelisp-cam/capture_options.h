@@ -63,7 +63,7 @@ struct CaptureOptions {
 // keeps the whole scaled (or cropped) image.
 bool parse_resize(const std::string &text, zelvideo::_resize_param_t *param, std::string *error);
 // VIEW=FOURCC:WxH, one view each (0..2), a format the tool can convert and
-// sizes of 1..65535 (the driver reports them in 16-bit words).
+// sizes of 1..ISP_VIEW_SIZE_MAX.
 bool parse_view_format(const std::string &text, ViewFormatRequest *request, std::string *error);
 // The whole --view-format list: each view at most once.
 bool parse_view_formats(const std::vector<std::string> &texts, std::vector<ViewFormatRequest> *requests,
@@ -73,7 +73,7 @@ std::string describe_resize(const zelvideo::_resize_param_t &param);
 // T/D with 1 <= T <= 120 and 0 <= D < T.
 bool parse_drop(const std::string &text, DropRatio *ratio, std::string *error);
 // internal|external followed by up to three numbers, in the ranges the
-// platform driver accepts: P1 0..2, P2 0..7 and, external, P3 0..2.
+// platform driver accepts (ISP_TRIGGER_PARAM1_MAX and the like).
 bool parse_trigger(const std::vector<std::string> &words, TriggerSetting *trigger, std::string *error);
 
 

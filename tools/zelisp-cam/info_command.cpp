@@ -52,7 +52,7 @@ bool supported_combination(unsigned long handle, uint32_t *combination)
 std::string views_of(uint32_t combination)
 {
     std::string views;
-    for (int view = 0; view < 3; ++view) {
+    for (int view = 0; view < ISP_VIEW_COUNT; ++view) {
         if (combination & (1u << view))
             views += (views.empty() ? "" : ", ") + std::to_string(view);
     }
@@ -88,7 +88,7 @@ int run_info(const InfoOptions &options)
     printf("frame rate: %s\n", frame_rate_text(camera.get()).c_str());
 
     printf("views:\n");
-    for (uint32_t view = 0; view < 3; ++view) {
+    for (uint32_t view = 0; view < ISP_VIEW_COUNT; ++view) {
         zelvideo::_view_format_t format = {};
         result = isp_get_view_format(camera.get(), view, &format);
         if (result == ISP_OK) {

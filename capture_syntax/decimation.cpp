@@ -19,6 +19,14 @@ bool parse_drop(const std::string &text, DropRatio *ratio)
     return true;
 }
 
+bool one_frame_in_n(const DropRatio &ratio)
+{
+    if (ratio.drop == 0)
+        return true;
+    int keep = ratio.total - ratio.drop;
+    return keep >= ratio.drop ? ratio.total % ratio.drop == 0 : ratio.total % keep == 0;
+}
+
 DecimationRule::DecimationRule(const DropRatio &ratio)
 {
     if (ratio.drop == 0)

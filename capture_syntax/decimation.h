@@ -19,6 +19,12 @@ struct DropRatio {
 // T/D with 1 <= T <= 120 and 0 <= D < T; false (ratio untouched) otherwise.
 bool parse_drop(const std::string &text, DropRatio *ratio);
 
+// Whether the library can decimate by the ratio: it knows two rules only,
+// drop one frame in N (at most half dropped: T a multiple of D) and keep
+// one in N (more dropped: T a multiple of T - D), and refuses other ratios
+// (30/7) with -15. Decimation off (D = 0) is always possible.
+bool one_frame_in_n(const DropRatio &ratio);
+
 // Which sequence numbers the library's decimation hands back for a ratio:
 // the same rule isp_get_expected_frame applies.
 class DecimationRule {

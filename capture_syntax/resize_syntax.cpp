@@ -36,4 +36,18 @@ bool parse_resize(const std::string &text, const std::string &option, zelvideo::
     return true;
 }
 
+const char *odd_step(const zelvideo::_resize_param_t &param)
+{
+    auto odd_crop = [](const zelvideo::_resize_crop_t &crop) {
+        return ((crop.x | crop.y | crop.width | crop.height) & 1) != 0;
+    };
+    if (odd_crop(param.cropBefore))
+        return "the first crop";
+    if (((param.scale.width | param.scale.height) & 1) != 0)
+        return "the scaled size";
+    if (odd_crop(param.cropAfter))
+        return "the second crop";
+    return nullptr;
+}
+
 } // namespace capture_syntax

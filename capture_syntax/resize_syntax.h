@@ -18,6 +18,12 @@ namespace capture_syntax {
 bool parse_resize(const std::string &text, const std::string &option, zelvideo::_resize_param_t *param,
                   std::string *error);
 
+// The ISP works on pixel pairs, and the library refuses (-15) a record with
+// an odd position or size. Names the first step holding one ("the first
+// crop", "the scaled size", "the second crop", in the order the library
+// checks them), or nullptr when every value is even.
+const char *odd_step(const zelvideo::_resize_param_t &param);
+
 } // namespace capture_syntax
 
 #endif

@@ -6,7 +6,7 @@
 //   [camera 2]           fps, view0..view2 ("NV12 1920x1080"), sensor,
 //                        supported_combination, max_buffers, mode
 //   [node /dev/video5]   kind, open_errno, close_errno
-//   [platform]           valid_camera_count
+//   [platform]           valid_camera_count, trigger_errno
 //
 // The whole file is checked before anything is applied, so a file with an
 // error changes nothing; the error names the file and the line.
@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -27,6 +28,7 @@
 
 #include "control_table.h"
 #include "scene_source.h"
+#include "driver/isp_requests.h"
 #include "sim_internal.h"
 #include "zelisp.h"
 
@@ -68,6 +70,7 @@ struct Plan {
     std::vector<NodePlan> nodes;
     bool has_valid_count = false;
     int valid_count = -1;
+    int trigger_errno = 0; // every trigger-mode request fails with it
 };
 
 enum class Section { None, Cameras, Camera, Node, Platform };
@@ -414,6 +417,11 @@ bool node_key(Parser *parser, const std::string &key, const std::string &value)
 
 bool platform_key(Parser *parser, const std::string &key, const std::string &value)
 {
+    if (key == "trigger_errno") {
+        if (!parse_errno(value, &parser->plan.trigger_errno))
+            return parser->fail("bad value '" + value + "' for trigger_errno: an errno name such as EBUSY, or a number");
+        return true;
+    }
     uint32_t count;
     if (key != "valid_camera_count")
         return parser->fail("unknown key '" + key + "' in [platform]");
@@ -498,6 +506,11 @@ void apply(const Plan &plan)
     }
     if (plan.has_valid_count)
         set_valid_camera_count(plan.valid_count);
+    // A board whose trigger line the firmware will not switch: the platform
+    // driver refuses every trigger-mode request for the whole run.
+    if (plan.trigger_errno != 0)
+        fail_request(uint32_t(zelisp::IOC_SET_MIPI_TRIGGER_MODE), 1, plan.trigger_errno, zelisp::kMiscNodePath,
+                     INT_MAX);
     // Node settings last: adding a camera makes its nodes character devices.
     for (const NodePlan &node : plan.nodes) {
         if (node.has_kind)

@@ -2,6 +2,8 @@
 // they read, and what they refuse with which words.
 #include <gtest/gtest.h>
 
+#include <utility>
+
 #include "decimation.h"
 #include "numbers.h"
 #include "resize_syntax.h"
@@ -46,6 +48,19 @@ TEST(CaptureSyntax, ResizeFillsTheSecondCropFromWhatCameBefore)
     EXPECT_EQ(crops(param), "0,0,1920,1080:1280,720:0,0,1280,720");
     ASSERT_TRUE(parse_resize("0,0,1920,1080:1280,720:10,20,300,200", "--resize", &param, &error));
     EXPECT_EQ(crops(param), "0,0,1920,1080:1280,720:10,20,300,200");
+    EXPECT_EQ(odd_step(param), nullptr);
+
+    // The first odd step in the order the library looks, the others aside.
+    const std::pair<const char *, const char *> odd[] = {
+        {"1,1,3,3", "the first crop"},
+        {"0,0,640,481:321,200:1,0,2,2", "the first crop"},
+        {"0,0,640,480:320,201:1,0,2,2", "the scaled size"},
+        {"0,0,640,480:320,200:0,3,2,2", "the second crop"},
+    };
+    for (const auto &[text, step] : odd) {
+        ASSERT_TRUE(parse_resize(text, "--resize", &param, &error)) << text;
+        EXPECT_STREQ(odd_step(param), step) << text;
+    }
 }
 
 TEST(CaptureSyntax, ResizeRefusalsNameTheOptionAndThePartAndKeepTheRecord)
@@ -72,6 +87,13 @@ TEST(CaptureSyntax, DropRatiosAndTheFramesDecimationSkips)
     for (const char *bad : {"30", "0/0", "30/30", "121/1", "30/-1", "a/b", "30/1/1"})
         EXPECT_FALSE(parse_drop(bad, &ratio)) << bad;
     EXPECT_EQ(ratio.total, 30);
+
+    // The library's two rules: one frame in N dropped, or one in N kept.
+    for (DropRatio ratio : {DropRatio{30, 0}, DropRatio{30, 10}, DropRatio{30, 15}, DropRatio{30, 20},
+                            DropRatio{120, 119}, DropRatio{2, 1}})
+        EXPECT_TRUE(one_frame_in_n(ratio)) << ratio.total << "/" << ratio.drop;
+    for (DropRatio ratio : {DropRatio{30, 7}, DropRatio{25, 10}, DropRatio{5, 2}, DropRatio{30, 23}})
+        EXPECT_FALSE(one_frame_in_n(ratio)) << ratio.total << "/" << ratio.drop;
 
     EXPECT_FALSE(DecimationRule(DropRatio{30, 0}).active());
     // Dropping one of every two: every even sequence number goes.

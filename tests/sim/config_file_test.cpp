@@ -78,7 +78,8 @@ TEST_F(ConfigFileTest, GoodFileDescribesCamerasNodesAndPlatform)
           "[node /dev/video17]\n"
           "kind = missing\n"
           "[platform]\n"
-          "valid_camera_count = 12\n");
+          "valid_camera_count = 12\n"
+          "trigger_errno = EBUSY\n");
     std::string error;
     ASSERT_TRUE(zsim::load_config(path_, &error)) << error;
 
@@ -100,6 +101,15 @@ TEST_F(ConfigFileTest, GoodFileDescribesCamerasNodesAndPlatform)
     EXPECT_EQ(OpenErrno("/dev/video0"), EACCES);
     EXPECT_EQ(OpenErrno("/dev/video2"), 0);
     EXPECT_EQ(ValidCount(), 12u);
+    // Every trigger-mode request is refused, in either mode, the second as the first.
+    const int fd = open("/dev/isp_misc", O_RDWR);
+    zelisp::MipiTriggerRecord trigger{};
+    EXPECT_EQ(ioctl(fd, zelisp::IOC_SET_MIPI_TRIGGER_MODE, &trigger), -1);
+    EXPECT_EQ(errno, EBUSY);
+    trigger.trigger_mode = 1;
+    EXPECT_EQ(ioctl(fd, zelisp::IOC_SET_MIPI_TRIGGER_MODE, &trigger), -1);
+    EXPECT_EQ(errno, EBUSY);
+    close(fd);
 }
 
 TEST_F(ConfigFileTest, ErrorsNameTheLineAndChangeNothing)
@@ -116,6 +126,7 @@ TEST_F(ConfigFileTest, ErrorsNameTheLineAndChangeNothing)
         {"[node /dev/isp_misc]\nopen_errno = EWHAT\n", ":2: bad value 'EWHAT' for open_errno"},
         {"[node /dev/video3]\nkind = pipe\n", ":2: bad value 'pipe' for kind"},
         {"[platform]\nvalid_camera_count = many\n", ":2: bad value 'many' for valid_camera_count"},
+        {"[platform]\ntrigger_errno = EWHATEVER\n", ":2: bad value 'EWHATEVER' for trigger_errno"},
         {"[camera 0]\nfps = 30\ncolour = red\n", ":3: unknown key 'colour' in [camera 0]"},
         {"[cameras]\npresent = 1\nthis line has no value\n", ":3: syntax error"},
         {"[lights]\non = 1\n", ":1: unknown section [lights]"},

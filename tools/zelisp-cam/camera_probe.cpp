@@ -28,6 +28,19 @@ int node_request(unsigned long handle, unsigned long request, void *record)
     return err;
 }
 
+} // namespace
+
+bool supported_combination(unsigned long handle, uint32_t *combination)
+{
+    struct v4l2_input input = {};
+    if (node_request(handle, VIDIOC_ENUMINPUT, &input) != 0)
+        return false;
+    *combination = input.index;
+    return true;
+}
+
+namespace {
+
 std::string fps_text(double fps)
 {
     char text[32];
@@ -43,8 +56,8 @@ std::string fps_text(double fps)
 // numbers (a frame lost in between does not bend it). No wall clock.
 std::string measured_rate(unsigned long handle)
 {
-    struct v4l2_input input = {};
-    uint32_t supported = node_request(handle, VIDIOC_ENUMINPUT, &input) == 0 ? input.index : 1;
+    uint32_t supported = 1;
+    supported_combination(handle, &supported);
     uint32_t smallest = 0;
     uint64_t smallest_pixels = UINT64_MAX;
     for (uint32_t view = 0; view < ISP_VIEW_COUNT; ++view) {

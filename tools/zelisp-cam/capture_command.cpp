@@ -26,6 +26,7 @@ struct CaptureArguments {
     CaptureOptions options;
     std::vector<std::string> view_formats;
     bool views_given = false;
+    bool format_given = false;
     std::string resize;
     std::string drop;
     std::vector<std::string> trigger;
@@ -81,6 +82,8 @@ int check(CaptureArguments &arguments)
     }
     if (options.every > 0 && !options.writes_files())
         return report_usage("--every needs --out");
+    if (arguments.format_given && !options.writes_files())
+        return report_usage("--format needs --out: without a folder no file is written");
     return kExitOk;
 }
 
@@ -178,7 +181,7 @@ void add_capture_command(CLI::App &app, int *status)
                               ->check(whole_number(1, 2147483647))
                               ->capture_default_str();
     capture->add_option("--seconds", options.seconds, "Capture for this long instead of counting frames")
-        ->check(positive_seconds())
+        ->check(capture_seconds())
         ->excludes(frames);
     capture->add_option("--timeout", options.timeout_ms, "Longest wait for a frame, in milliseconds")
         ->check(whole_number(1, 600000))
@@ -199,16 +202,18 @@ void add_capture_command(CLI::App &app, int *status)
                         "Folder for the files: each view of every camera's last frame, a contact sheet (png) "
                         "and summary.json")
         ->type_name("DIR");
-    capture->add_option("--format", options.format, "File format: png (previews) or raw (the plane's bytes)")
-        ->check(one_of({"png", "raw"}, "a file format"))
-        ->capture_default_str();
+    CLI::Option *format =
+        capture->add_option("--format", options.format, "File format: png (previews) or raw (the plane's bytes)")
+            ->check(one_of({"png", "raw"}, "a file format"))
+            ->capture_default_str();
     capture->add_option("--every", options.every, "Also write every Nth frame of each camera (needs --out)")
         ->check(whole_number(1, 2147483647))
         ->type_name("N");
     capture->add_flag("--json", options.json,
                       "Print the summary as JSON on standard output (the library's lines go to standard error)");
-    capture->callback([arguments, views, status] {
+    capture->callback([arguments, views, format, status] {
         arguments->views_given = views->count() > 0;
+        arguments->format_given = format->count() > 0;
         *status = run_capture(*arguments);
     });
 }

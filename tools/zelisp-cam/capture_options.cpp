@@ -21,7 +21,14 @@ uint32_t CaptureOptions::combination() const
 
 bool parse_resize(const std::string &text, zelvideo::_resize_param_t *param, std::string *error)
 {
-    return capture_syntax::parse_resize(text, "--resize", param, error);
+    if (!capture_syntax::parse_resize(text, "--resize", param, error))
+        return false;
+    if (const char *step = capture_syntax::odd_step(*param)) {
+        *error = "--resize " + text + ": " + step + " has an odd number; the ISP crops and scales in pixel pairs, "
+                 "so every position and size is even";
+        return false;
+    }
+    return true;
 }
 
 bool parse_view_format(const std::string &text, ViewFormatRequest *request, std::string *error)
@@ -85,10 +92,17 @@ std::string describe_resize(const zelvideo::_resize_param_t &p)
 
 bool parse_drop(const std::string &text, DropRatio *ratio, std::string *error)
 {
-    if (capture_syntax::parse_drop(text, ratio))
-        return true;
-    *error = "--drop takes T/D, D frames dropped out of every T (1 <= T <= 120, D < T), got '" + text + "'";
-    return false;
+    if (!capture_syntax::parse_drop(text, ratio)) {
+        *error = "--drop takes T/D, D frames dropped out of every T (1 <= T <= 120, D < T), got '" + text + "'";
+        return false;
+    }
+    if (!capture_syntax::one_frame_in_n(*ratio)) {
+        *error = "--drop " + text + ": the library drops one frame in N or keeps one in N, so T must be a multiple "
+                 "of D, or of T - D when more than half are dropped (30/10 drops every third frame, 30/20 keeps "
+                 "every third)";
+        return false;
+    }
+    return true;
 }
 
 bool parse_trigger(const std::vector<std::string> &words, TriggerSetting *trigger, std::string *error)

@@ -60,7 +60,7 @@ struct CaptureOptions {
 
 // X,Y,W,H[:SW,SH[:X,Y,W,H]]: the first crop, the scaled size, the second
 // crop. Without a scaled size nothing is scaled; without a second crop it
-// keeps the whole scaled (or cropped) image.
+// keeps the whole scaled (or cropped) image. Every number even.
 bool parse_resize(const std::string &text, zelvideo::_resize_param_t *param, std::string *error);
 // VIEW=FOURCC:WxH, one view each (0..2), a format the tool can convert and
 // sizes of 1..ISP_VIEW_SIZE_MAX.
@@ -70,7 +70,7 @@ bool parse_view_formats(const std::vector<std::string> &texts, std::vector<ViewF
                         std::string *error);
 // "X,Y WxH" style description of a resize: what was asked for, for reports.
 std::string describe_resize(const zelvideo::_resize_param_t &param);
-// T/D with 1 <= T <= 120 and 0 <= D < T.
+// T/D with 1 <= T <= 120 and 0 <= D < T, one frame in N dropped or kept.
 bool parse_drop(const std::string &text, DropRatio *ratio, std::string *error);
 // internal|external followed by up to three numbers, in the ranges the
 // platform driver accepts (ISP_TRIGGER_PARAM1_MAX and the like).

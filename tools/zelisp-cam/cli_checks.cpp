@@ -79,16 +79,18 @@ CLI::Validator camera_number()
         "0..11");
 }
 
-CLI::Validator positive_seconds()
+CLI::Validator capture_seconds()
 {
+    // A millisecond is the shortest time the frame loop can tell apart; a
+    // shorter run would end before its first frame and say nothing.
     return CLI::Validator(
         [](std::string &text) -> std::string {
             errno = 0;
             char *end = nullptr;
             double value = text.empty() ? 0 : strtod(text.c_str(), &end);
-            if (text.empty() || errno != 0 || *end != '\0' || !std::isfinite(value) || value <= 0 ||
+            if (text.empty() || errno != 0 || *end != '\0' || !std::isfinite(value) || value < 0.001 ||
                 value > 31536000)
-                return "a number of seconds above 0 (at most a year) is needed, got '" + text + "'";
+                return "a number of seconds from 0.001 to 31536000 (a year) is needed, got '" + text + "'";
             return "";
         },
         "SECONDS");

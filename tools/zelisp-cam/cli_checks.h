@@ -18,8 +18,9 @@ namespace zcam {
 CLI::Validator whole_number(long long min, long long max);
 // A camera number, 0..11.
 CLI::Validator camera_number();
-// A finite number of seconds above 0 (nan, inf and 0 are refused).
-CLI::Validator positive_seconds();
+// A length of capture: 0.001 to 31536000 seconds (nan, inf, 0 and anything
+// shorter than a millisecond are refused).
+CLI::Validator capture_seconds();
 // One of the listed words.
 CLI::Validator one_of(const std::vector<std::string> &words, const std::string &what);
 

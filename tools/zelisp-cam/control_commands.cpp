@@ -30,19 +30,18 @@ std::string control_help()
     return help;
 }
 
-// The values as the driver receives them: manual exposure sends the low 16
-// bits of each parameter.
+// The values as the driver receives them: the manual exposure words and
+// white-balance gains go out as their low 16 bits, a cut the library makes
+// without a word, so the tool names every value it changed.
 std::string sent_text(const Control &control, const std::vector<uint32_t> &values)
 {
-    std::string text;
+    std::string text, cut;
     for (uint32_t value : values) {
-        uint32_t sent = std::string(control.name) == "mec" ? (value & 0xffffu) : value;
+        uint32_t sent = control.low_16_bits ? (value & 0xffffu) : value;
         text += (text.empty() ? "" : " ") + std::to_string(sent);
+        if (sent != value)
+            cut += (cut.empty() ? "" : ", ") + std::to_string(value) + " as " + std::to_string(sent);
     }
-    std::string cut;
-    for (uint32_t value : values)
-        if (std::string(control.name) == "mec" && value > 0xffffu)
-            cut += (cut.empty() ? "" : ", ") + std::to_string(value) + " as " + std::to_string(value & 0xffffu);
     if (!cut.empty())
         text += "; only the low 16 bits of each are sent: " + cut;
     return text;
@@ -87,7 +86,7 @@ int run_set(const ControlOptions &options)
 
     std::vector<uint32_t> values(options.values.size());
     for (size_t i = 0; i < values.size(); ++i) {
-        if (!parse_control_value(options.values[i], &values[i]))
+        if (!parse_control_value(options.values[i], &values[i]) || values[i] > control->max)
             return report_usage("'" + options.values[i] + "' is not a value for " + control->name + ": " +
                                 control->values);
     }
@@ -98,12 +97,8 @@ int run_set(const ControlOptions &options)
         return status;
 
     CallResult written = call_library([&] { return control->write(camera.get(), values.data()); });
-    if (written.result != ISP_OK) {
-        std::string what = std::string("setting ") + control->name;
-        if (written.result == ISP_ERR_INVALID)
-            what += " (" + std::string(control->values) + ")";
-        return report_failure(camera_context(options.camera), what, written);
-    }
+    if (written.result != ISP_OK)
+        return report_failure(camera_context(options.camera), std::string("setting ") + control->name, written);
     // Read the value back: the driver may keep something else than what
     // was sent, and this is what the camera now uses.
     if (control->read == nullptr) {

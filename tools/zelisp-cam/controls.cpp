@@ -35,12 +35,9 @@ template <SetU32 Set> int write_number(unsigned long handle, const uint32_t *val
     return Set(handle, values[0]);
 }
 
-// The value is sent as one byte, so anything above 255 is refused here
-// instead of being cut short without a word.
+// The value goes out as one byte; the table's limits keep it within one.
 template <SetSwitch Set> int write_switch(unsigned long handle, const uint32_t *values)
 {
-    if (values[0] > 255)
-        return ISP_ERR_INVALID;
     return Set(handle, uint8_t(values[0]));
 }
 
@@ -94,21 +91,32 @@ int read_abnormal(unsigned long handle, std::string *value)
 
 const std::vector<Control> &controls()
 {
+    // The limits are the library's own checks, except awb: the library
+    // sends any byte, but the control is a switch and its driver refuses
+    // anything but 0 and 1.
     static const std::vector<Control> table = {
-        {"brightness", "0..255", 1, V4L2_CID_BRIGHTNESS, read_value<uint32_t, isp_camera_get_brightness>, write_number<isp_camera_set_brightness>},
-        {"contrast", "0..255", 1, V4L2_CID_CONTRAST, read_value<uint32_t, isp_camera_get_contrast>, write_number<isp_camera_set_contrast>},
-        {"saturation", "0..255", 1, V4L2_CID_SATURATION, read_value<uint32_t, isp_camera_get_saturation>, write_number<isp_camera_set_saturation>},
-        {"hue", "0..255", 1, V4L2_CID_HUE, read_value<uint32_t, isp_camera_get_hue>, write_number<isp_camera_set_hue>},
-        {"sharpness", "0..10", 1, V4L2_CID_SHARPNESS, read_value<uint32_t, isp_camera_get_sharpness>, write_number<isp_camera_set_sharpness>},
-        {"gamma", "any 32-bit value", 1, V4L2_CID_GAMMA, read_value<uint32_t, isp_camera_get_gamma>, write_number<isp_camera_set_gamma>},
-        {"denoise", "LUMA CHROMA, 0..10 each", 2, kLumaDenoiseId, read_denoise, write_denoise},
-        {"awb", "0|1 or off|on (automatic white balance)", 1, V4L2_CID_AUTO_WHITE_BALANCE, read_value<uint8_t, isp_camera_get_awb>,
-         write_switch<isp_camera_set_awb>},
-        {"mwb", "GAIN1 GAIN2 GAIN3, set only (manual white balance gains)", 3, 0, nullptr, write_mwb},
-        {"aec", "0..255, the driver's exposure mode (V4L2: 0 auto, 1 manual); read back as 0 or 1", 1,
+        {"brightness", "0..255", 1, 255, false, V4L2_CID_BRIGHTNESS, read_value<uint32_t, isp_camera_get_brightness>,
+         write_number<isp_camera_set_brightness>},
+        {"contrast", "0..255", 1, 255, false, V4L2_CID_CONTRAST, read_value<uint32_t, isp_camera_get_contrast>,
+         write_number<isp_camera_set_contrast>},
+        {"saturation", "0..255", 1, 255, false, V4L2_CID_SATURATION, read_value<uint32_t, isp_camera_get_saturation>,
+         write_number<isp_camera_set_saturation>},
+        {"hue", "0..255", 1, 255, false, V4L2_CID_HUE, read_value<uint32_t, isp_camera_get_hue>,
+         write_number<isp_camera_set_hue>},
+        {"sharpness", "0..10", 1, 10, false, V4L2_CID_SHARPNESS, read_value<uint32_t, isp_camera_get_sharpness>,
+         write_number<isp_camera_set_sharpness>},
+        {"gamma", "any 32-bit value", 1, UINT32_MAX, false, V4L2_CID_GAMMA, read_value<uint32_t, isp_camera_get_gamma>,
+         write_number<isp_camera_set_gamma>},
+        {"denoise", "LUMA CHROMA, 0..10 each", 2, 10, false, kLumaDenoiseId, read_denoise, write_denoise},
+        {"awb", "0|1 or off|on (automatic white balance)", 1, 1, false, V4L2_CID_AUTO_WHITE_BALANCE,
+         read_value<uint8_t, isp_camera_get_awb>, write_switch<isp_camera_set_awb>},
+        {"mwb", "GAIN1 GAIN2 GAIN3, set only (manual white balance gains, low 16 bits each)", 3, UINT32_MAX, true, 0,
+         nullptr, write_mwb},
+        {"aec", "0..255, the driver's exposure mode (V4L2: 0 auto, 1 manual); read back as 0 or 1", 1, 255, false,
          V4L2_CID_EXPOSURE_AUTO, read_value<uint8_t, isp_camera_get_aec>, write_switch<isp_camera_set_aec>},
-        {"mec", "P1 P2 P3 P4 P5 P6, set only (manual exposure, low 16 bits each)", 6, 0, nullptr, write_mec},
-        {"abnormal", "read only (14 bytes of abnormal information, in hex)", 0, 0, read_abnormal, nullptr},
+        {"mec", "P1 P2 P3 P4 P5 P6, set only (manual exposure, low 16 bits each)", 6, UINT32_MAX, true, 0, nullptr,
+         write_mec},
+        {"abnormal", "read only (14 bytes of abnormal information, in hex)", 0, 0, false, 0, read_abnormal, nullptr},
     };
     return table;
 }

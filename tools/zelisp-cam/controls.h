@@ -16,6 +16,8 @@ struct Control {
     const char *name;
     const char *values; // what "set" takes, for help and error texts
     int set_count;      // number of values "set" takes; 0: the control cannot be set
+    uint32_t max;       // the largest value the library takes (checked before a camera is opened)
+    bool low_16_bits;   // the library sends the low 16 bits of each value, without a word
     uint32_t id;        // the driver's control id, for its range; 0: none of its own
     // Reads the control and formats its value; null when it cannot be read.
     int (*read)(unsigned long handle, std::string *value);

@@ -1,8 +1,5 @@
 // info_command.cpp - "zelisp-cam info -c N": the views of one camera, the
 // view combination its ISP supports, and every control with its value.
-#include <linux/videodev2.h>
-#include <sys/ioctl.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -28,26 +25,6 @@ struct InfoOptions {
     int mode = 1;
     std::vector<std::string> view_format_texts;
 };
-
-// The ISP driver answers VIDIOC_ENUMINPUT with the view combination it
-// supports in `index` (bit k: view k). The library only prints it while
-// setting the stream up, so the tool asks the node itself through the
-// camera's native descriptor.
-bool supported_combination(unsigned long handle, uint32_t *combination)
-{
-    int64_t fd = -1;
-    if (isp_camera_get_native_fd(handle, &fd) != ISP_OK)
-        return false;
-    struct v4l2_input input = {};
-    int err;
-    do {
-        err = ioctl(int(fd), VIDIOC_ENUMINPUT, &input);
-    } while (err == -1 && errno == EINTR);
-    if (err != 0)
-        return false;
-    *combination = input.index;
-    return true;
-}
 
 std::string views_of(uint32_t combination)
 {

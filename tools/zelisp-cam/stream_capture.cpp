@@ -43,7 +43,7 @@ int set_up(CaptureRun &run, Stream &stream, int camera)
                 .result != ISP_OK)
         return report_failure(context,
                               "isp_set_frame_drop_num " + std::to_string(options.drop->total) + "/" +
-                                  std::to_string(options.drop->drop) + " (the ratio must be one frame in N)",
+                                  std::to_string(options.drop->drop),
                               call);
     if ((call = call_library([&] { return isp_init_video(handle, options.combination(), options.buffers); }))
             .result != ISP_OK)

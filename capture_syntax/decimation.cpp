@@ -40,6 +40,14 @@ DecimationRule::DecimationRule(const DropRatio &ratio)
     }
 }
 
+bool DecimationRule::skips(uint32_t sequence) const
+{
+    if (!active())
+        return false;
+    bool multiple = sequence % interval_ == 0;
+    return keep_one_ ? !multiple : multiple;
+}
+
 uint64_t DecimationRule::skipped_between(uint32_t first, uint32_t last) const
 {
     if (!active() || first > last)

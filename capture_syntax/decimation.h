@@ -32,6 +32,8 @@ public:
     DecimationRule() = default;
     explicit DecimationRule(const DropRatio &ratio);
     bool active() const { return interval_ != 0; }
+    // Whether the rule skips the frame of this sequence number.
+    bool skips(uint32_t sequence) const;
     // How many sequence numbers in [first, last] the rule skips.
     uint64_t skipped_between(uint32_t first, uint32_t last) const;
 

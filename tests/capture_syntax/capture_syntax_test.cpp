@@ -100,6 +100,11 @@ TEST(CaptureSyntax, DropRatiosAndTheFramesDecimationSkips)
     EXPECT_EQ(DecimationRule(DropRatio{30, 15}).skipped_between(1, 10), 5u);
     // Keeping one of every three: two of every three go.
     EXPECT_EQ(DecimationRule(DropRatio{30, 20}).skipped_between(1, 9), 6u);
+    EXPECT_TRUE(DecimationRule(DropRatio{30, 15}).skips(4));
+    EXPECT_FALSE(DecimationRule(DropRatio{30, 15}).skips(5));
+    EXPECT_FALSE(DecimationRule(DropRatio{30, 20}).skips(6));
+    EXPECT_TRUE(DecimationRule(DropRatio{30, 20}).skips(7));
+    EXPECT_FALSE(DecimationRule(DropRatio{30, 0}).skips(7));
     EXPECT_EQ(DecimationRule(DropRatio{30, 20}).skipped_between(5, 4), 0u);
 }
 

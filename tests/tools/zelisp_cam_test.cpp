@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 
 #include <nlohmann/json.hpp>
 
@@ -24,6 +25,18 @@ using nlohmann::json;
 std::string failure_line(const std::string &context, int result)
 {
     return "zelisp-cam: " + context + ": " + isp_get_result_text(result) + " (" + std::to_string(result) + ")\n";
+}
+
+// The tool's own lines on standard error ("zelisp-cam: ..."), without the
+// library's, which come before them prefixed with their camera.
+std::string own_lines(const std::string &err)
+{
+    std::string own, line;
+    std::istringstream lines(err);
+    while (std::getline(lines, line))
+        if (line.rfind("zelisp-cam: ", 0) == 0 || line.rfind("Run with --help", 0) == 0)
+            own += line + "\n";
+    return own;
 }
 
 // The contact sheet's label strip under the tiles, and its grey where no
@@ -150,22 +163,32 @@ TEST(ZelispCam, SetReadsTheValueBackAndFailuresBecomeSentencesAndStatuses)
     EXPECT_EQ(run.status, 0) << run.err;
     EXPECT_EQ(run.out, "gamma: 100\n");
 
-    // The library refuses the value: its sentence, and the code as the status.
-    run = run_tool("set -c 0 sharpness 11");
-    EXPECT_EQ(run.status, 15);
-    EXPECT_EQ(run.err, failure_line("camera 0: setting sharpness (0..10)", ISP_ERR_INVALID));
+    // White-balance gains go out as 16 bits too: the cut is said.
+    run = run_tool("set -c 0 mwb 65536 0 70000");
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(run.out, "mwb: 0 0 4464; only the low 16 bits of each are sent: 65536 as 0, 70000 as 4464 "
+                       "(sent; the driver cannot be asked back)\n");
 
     // No node: the camera cannot be opened.
     run = run_tool("get -c 7 brightness");
     EXPECT_EQ(run.status, 7);
-    EXPECT_EQ(run.err, "zelisp-cam: camera 7: isp_open_video: " + std::string(isp_get_result_text(ISP_ERR_NO_NODE)) +
+    EXPECT_EQ(run.err, "camera 7: video device /dev/video7 not exist\n"
+                       "zelisp-cam: camera 7: isp_open_video: " + std::string(isp_get_result_text(ISP_ERR_NO_NODE)) +
                            " (-7); /dev/video7 does not exist\n");
     // A node that will not open: the system's reason, which the library's line leaves out.
     run = run_tool("get -c 0 brightness", "[node /dev/video0]\nopen_errno = EBUSY\n");
     EXPECT_EQ(run.status, 9);
-    EXPECT_EQ(run.out, "video device /dev/video0 open failed\n");
-    EXPECT_EQ(run.err, "zelisp-cam: camera 0: isp_open_video: " + std::string(isp_get_result_text(ISP_ERR_OPEN)) +
+    EXPECT_EQ(run.out, "");
+    EXPECT_EQ(run.err, "camera 0: video device /dev/video0 open failed\n"
+                       "zelisp-cam: camera 0: isp_open_video: " + std::string(isp_get_result_text(ISP_ERR_OPEN)) +
                            " (-9); /dev/video0: Device or resource busy\n");
+    // A close that fails: the library answers 0, the tool says what happened.
+    run = run_tool("get -c 2 hue", "[node /dev/video2]\nclose_errno = EIO\n");
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.out, "hue: 128\n");
+    EXPECT_EQ(run.err, "camera 2: video device /dev/video2 close failed\n"
+                       "zelisp-cam: warning: camera 2: closing /dev/video2 failed (the library's line above); the "
+                       "library answers 0 all the same, as it documents, and the handle is gone\n");
 
     // Command-line mistakes are the tool's own, status 64, nothing opened.
     EXPECT_EQ(run_tool("set -c 0 brightness 1 2").status, 64);
@@ -174,6 +197,8 @@ TEST(ZelispCam, SetReadsTheValueBackAndFailuresBecomeSentencesAndStatuses)
     EXPECT_EQ(run_tool("set -c 0 abnormal 1").status, 64);
     EXPECT_EQ(run_tool("get -c 0 exposure").status, 64);
     EXPECT_EQ(run_tool("get -c 12 brightness").status, 64);
+    EXPECT_EQ(run_tool("set -c 0 sharpness 11").status, 64); // the library's range
+    EXPECT_EQ(run_tool("set -c 0 awb 2").status, 64);        // a switch
 }
 
 TEST(ZelispCam, RawCaptureWritesEachViewsImageWithItsFrameNumber)
@@ -237,7 +262,7 @@ TEST(ZelispCam, ContactSheetLabelsEachTileAndIsWrittenWithoutAFont)
     std::string out = test_folder();
     ToolRun run = run_tool(command + out);
     ASSERT_EQ(run.status, 0) << run.err;
-    EXPECT_EQ(run.err, "");
+    EXPECT_EQ(own_lines(run.err), "");
     std::optional<LumaImage> sheet = read_png_luma(out + "/contact-sheet.png");
     ASSERT_TRUE(sheet);
     ASSERT_EQ(sheet->width, 2u * 640u);
@@ -270,7 +295,7 @@ TEST(ZelispCam, ContactSheetLabelsEachTileAndIsWrittenWithoutAFont)
     ToolRun not_font_run = run_tool(command + not_a_font);
     unsetenv("ZELISP_CAM_FONT");
     ASSERT_EQ(run.status, 0) << run.err;
-    EXPECT_EQ(run.err, "zelisp-cam: warning: no font at /nonexistent/mono.ttf: the contact sheet has no labels "
+    EXPECT_EQ(own_lines(run.err), "zelisp-cam: warning: no font at /nonexistent/mono.ttf: the contact sheet has no labels "
                        "(install fonts-dejavu-core, or set ZELISP_CAM_FONT to a TrueType font)\n");
     sheet = read_png_luma(unlabelled + "/contact-sheet.png");
     ASSERT_TRUE(sheet);
@@ -279,7 +304,8 @@ TEST(ZelispCam, ContactSheetLabelsEachTileAndIsWrittenWithoutAFont)
     EXPECT_TRUE(frame_number(crop(*sheet, 0, 0, 640, 360)));
 
     EXPECT_EQ(not_font_run.status, 0);
-    EXPECT_EQ(not_font_run.err.rfind("zelisp-cam: warning: " + out + "/summary.json is not a font FreeType reads: ", 0),
+    EXPECT_EQ(own_lines(not_font_run.err)
+                  .rfind("zelisp-cam: warning: " + out + "/summary.json is not a font FreeType reads: ", 0),
               0u)
         << not_font_run.err;
     EXPECT_TRUE(fs::exists(not_a_font + "/contact-sheet.png"));
@@ -346,8 +372,9 @@ TEST(ZelispCam, CaptureRefusalsAreReportedBeforeAnythingRuns)
     // A camera that is not there: the library's reason, as sentence and status.
     run = run_tool("capture -c 6 --frames 1");
     EXPECT_EQ(run.status, 7);
-    EXPECT_EQ(run.err, "zelisp-cam: camera 6: isp_open_video: " + std::string(isp_get_result_text(ISP_ERR_NO_NODE)) +
-                           " (-7); /dev/video6 does not exist\n");
+    EXPECT_EQ(own_lines(run.err), "zelisp-cam: camera 6: isp_open_video: " +
+                                      std::string(isp_get_result_text(ISP_ERR_NO_NODE)) +
+                                      " (-7); /dev/video6 does not exist\n");
     // The first crop must fit in view 1 (1280x720): set-up fails in the library.
     run = run_tool("capture -c 0 --frames 1 --resize 0,0,1920,1080");
     EXPECT_EQ(run.status, 11);
@@ -357,9 +384,10 @@ TEST(ZelispCam, CaptureRefusalsAreReportedBeforeAnythingRuns)
     // A group with a camera that is not there names it.
     run = run_tool("capture -c 0,5 --group --frames 1");
     EXPECT_EQ(run.status, 9);
-    EXPECT_EQ(run.err, "zelisp-cam: camera 5: isp_group_open_video: " + std::string(isp_get_result_text(ISP_ERR_OPEN)) +
-                           " (-9); /dev/video5 does not exist\n" + failure_line("the group: isp_group_open_video",
-                                                                                 ISP_ERR_OPEN));
+    EXPECT_EQ(run.err, "camera 5: video device /dev/video5 not exist\ncamera 5: OpenVideo : open 5 failed\n"
+                       "zelisp-cam: camera 5: isp_group_open_video: " +
+                           std::string(isp_get_result_text(ISP_ERR_OPEN)) + " (-9); /dev/video5 does not exist\n" +
+                           failure_line("the group: isp_group_open_video", ISP_ERR_OPEN));
 }
 
 TEST(ZelispCam, CommandLineMistakesAreSentencesAndNoCameraIsTouched)
@@ -374,7 +402,23 @@ TEST(ZelispCam, CommandLineMistakesAreSentencesAndNoCameraIsTouched)
         {"frobnicate", "'frobnicate' is not a command; the commands are list, info, get, set and capture"},
 #endif
         {"capture -c 0 --frames 0", "--frames: a whole number from 1 to 2147483647 is needed, got '0'"},
-        {"capture -c 0 --seconds nan", "--seconds: a number of seconds above 0 (at most a year) is needed, got 'nan'"},
+        {"capture -c 0 --seconds nan",
+         "--seconds: a number of seconds from 0.001 to 31536000 (a year) is needed, got 'nan'"},
+        {"capture -c 0 --seconds 1e-300",
+         "--seconds: a number of seconds from 0.001 to 31536000 (a year) is needed, got '1e-300'"},
+        {"capture -c 0 --drop 30/7",
+         "--drop 30/7: the library drops one frame in N or keeps one in N, so T must be a multiple of D, or of "
+         "T - D when more than half are dropped (30/10 drops every third frame, 30/20 keeps every third)"},
+        {"capture -c 0 --resize 1,1,3,3",
+         "--resize 1,1,3,3: the first crop has an odd number; the ISP crops and scales in pixel pairs, so every "
+         "position and size is even"},
+        {"capture -c 0 --resize 0,0,640,480:320,240:0,0,101,100",
+         "--resize 0,0,640,480:320,240:0,0,101,100: the second crop has an odd number; the ISP crops and scales in "
+         "pixel pairs, so every position and size is even"},
+        {"capture -c 0 --format raw", "--format needs --out: without a folder no file is written"},
+        {"set -c 0 awb 2", "'2' is not a value for awb: 0|1 or off|on (automatic white balance)"},
+        {"set -c 0 sharpness 11", "'11' is not a value for sharpness: 0..10"},
+        {"set -c 0 denoise 3 11", "'11' is not a value for denoise: LUMA CHROMA, 0..10 each"},
         {"capture -c abc", "--camera: cameras are numbered 0 to 11, got 'abc'"},
         {"capture -c 0 --frames 5 --seconds 1", "--frames and --seconds cannot be used together"},
         {"capture -c 0 --mode 2 --views 1", "--mode 2 carries view 0 only, so --views can only be 0"},
@@ -425,8 +469,8 @@ TEST(ZelispCam, ViewFormatSetsTheViewAndRawNamesCarryFormatSizeAndStride)
     // before streaming, naming the camera, the call and the system error.
     run = run_tool("capture -c 0 --frames 1 --view-format 1=NV12:4000x3000");
     EXPECT_EQ(run.status, 11);
-    EXPECT_EQ(run.out, "/dev/video0 set view format failed\n");
-    EXPECT_EQ(run.err, "set format: Invalid argument\n"
+    EXPECT_EQ(run.out, "");
+    EXPECT_EQ(run.err, "camera 0: /dev/video0 set view format failed\ncamera 0: set format: Invalid argument\n"
                        "zelisp-cam: camera 0: isp_set_view_format view 1 to NV12 4000x3000: " +
                            std::string(isp_get_result_text(ISP_ERR_REQUEST)) +
                            " (-11); the system error is in the library's line above\n");
@@ -466,6 +510,153 @@ TEST(ZelispCam, WhatTheRunDidNotGetAsAskedMakesTheStatusNonZero)
                   std::string::npos)
             << run.err;
     }
+}
+
+TEST(ZelispCam, StandardOutputCarriesOnlyWhatTheToolPrints)
+{
+    // A busy node: the library's line goes to standard error after its
+    // camera, not into the table.
+    ToolRun run = run_tool("list", "[node /dev/video1]\nopen_errno = EBUSY\n");
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(run.out, "4 valid cameras\n"
+                       "CAMERA  MODE 1 NODE            MODE 2 NODE            FRAME RATE\n"
+                       "0       /dev/video0            /dev/video12           30 fps\n"
+                       "1       /dev/video1            /dev/video13           -\n"
+                       "2       /dev/video2            /dev/video14           30 fps\n"
+                       "3       /dev/video3            /dev/video15           30 fps\n");
+    EXPECT_EQ(run.err, "camera 1: video device /dev/video1 open failed\n");
+
+    // JSON on standard output is the document alone; the set-up lines of
+    // both cameras are on standard error.
+    run = run_tool("capture -c 2,3 --views 2 --frames 2 --json");
+    EXPECT_EQ(run.status, 0) << run.err;
+    json summary = json::parse(run.out, nullptr, false);
+    ASSERT_FALSE(summary.is_discarded()) << run.out;
+    EXPECT_EQ(summary["cameras"][1]["frames"], 2);
+    EXPECT_EQ(run.err, "camera 2: /dev/video2 view input supported combination: 7\n"
+                       "camera 2: /dev/video2 view input combination: 4\n"
+                       "camera 3: /dev/video3 view input supported combination: 7\n"
+                       "camera 3: /dev/video3 view input combination: 4\n");
+
+    // A perror label with a line end of its own (the library's console
+    // shows ": <reason>" on a line of its own) is shown as one line.
+    run = run_tool("capture -c 0 --trigger external --views 2 --frames 1", "[node /dev/isp_misc]\nopen_errno = EACCES\n");
+    EXPECT_EQ(run.status, 20);
+    EXPECT_NE(run.err.find("\nopen isp_misc error: Permission denied\nzelisp-cam: warning: isp_set_external_trigger: "),
+              std::string::npos)
+        << run.err;
+}
+
+TEST(ZelispCam, ARefusedTriggerModeIsReportedAndTheStatusIs20)
+{
+    // Every trigger call answers 0 when the platform driver refuses the
+    // mode: the tool reads the library's line, warns, captures on and ends
+    // with status 20.
+    const std::string refusing = "[platform]\ntrigger_errno = EBUSY\n";
+    const std::string tail = "; the trigger mode is not set, so the cameras run free, not in step";
+    std::string out = test_folder();
+    ToolRun run = run_tool("capture -c 0,1 --trigger internal 2 7 9 --views 2 --frames 2 --format raw --out " + out,
+                           refusing);
+    EXPECT_EQ(run.status, 20) << run.err;
+    std::string internal = "isp_set_internal_trigger: the platform driver refused the internal trigger mode 2 7 9" + tail;
+    EXPECT_NE(run.err.find("\nioctl IOC_SET_MIPI_TRIGGER_MODE failed! \nzelisp-cam: warning: " + internal + "\n"),
+              std::string::npos)
+        << run.err;
+    EXPECT_EQ(summary_file(out)["problems"], json::array({internal}));
+    for (int camera = 0; camera < 2; ++camera) {
+        std::vector<std::string> files = files_in(out, "cam" + std::to_string(camera) + "-view2-");
+        ASSERT_EQ(files.size(), 1u);
+        expect_frames_numbered(files, false, 640, 360);
+    }
+
+    // A group sets the mode through its own platform descriptor; the
+    // external mode's refusal carries the system's reason.
+    run = run_tool("capture -c 0,1 --group --trigger external 1 2 1 --views 2 --frames 2 --json", refusing);
+    EXPECT_EQ(run.status, 20) << run.err;
+    std::string external = "isp_group_set_external_trigger: the platform driver refused the external trigger mode "
+                           "1 2 1: Device or resource busy" + tail;
+    EXPECT_NE(run.err.find("\nioctl IOC_SET_MIPI_TRIGGER_MODE failed!: Device or resource busy\n"
+                           "zelisp-cam: warning: " + external + "\n"),
+              std::string::npos)
+        << run.err;
+    json summary = json::parse(run.out);
+    EXPECT_EQ(summary["problems"], json::array({external}));
+    EXPECT_EQ(summary["group"]["frame_sets"], 2);
+
+    // Accepted: no word about it, status 0.
+    run = run_tool("capture -c 0,1 --group --trigger external 1 2 1 --views 2 --frames 2 --json");
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(own_lines(run.err), "");
+}
+
+TEST(ZelispCam, FramesTheLibraryRefusesAreCountedExplainedAndMakeTheStatus23)
+{
+    // At 120 fps frames come 8.3 ms apart and the library takes one only
+    // 12 ms after the last: about every other frame is refused.
+    const std::string fast = "[camera 0]\nfps = 120\n";
+    std::string out = test_folder();
+    ToolRun run = run_tool("capture -c 0 --views 2 --frames 10 --format raw --json --out " + out, fast);
+    EXPECT_EQ(run.status, 23) << run.err;
+    json summary = json::parse(run.out);
+    const json &camera = summary["cameras"][0];
+    uint64_t refused = camera["refused"];
+    EXPECT_GE(refused, 1u);
+    EXPECT_EQ(camera["refused_too_soon"], refused);
+    EXPECT_EQ(camera["refused_out_of_sequence"], 0);
+    EXPECT_EQ(camera["frames"], 10);
+    // Every sequence number is accounted for once: accepted, refused or
+    // lost for want of a buffer.
+    uint64_t span = uint64_t(camera["last_sequence"]) - uint64_t(camera["first_sequence"]) + 1;
+    EXPECT_EQ(span, 10u + refused + uint64_t(camera["dropped"]));
+    EXPECT_EQ(summary["problems"],
+              json::array({"camera 0: " + std::to_string(refused) + " of " + std::to_string(10 + refused) +
+                           " frames refused for coming less than 12 ms after the last accepted one: the library "
+                           "takes at most 83 frames per second, and the sensor runs at 120 fps; --drop 4/3 keeps one "
+                           "frame in 4 (30.0 fps), each one the library takes"}));
+    expect_frames_numbered(files_in(out, "cam0-view2-"), false, 640, 360);
+    // The library's line for the first refusal only, then the tool's word.
+    size_t first = run.err.find("\ncamera 0: /dev/video0ERROR: buf_ts = ");
+    ASSERT_NE(first, std::string::npos) << run.err;
+    EXPECT_EQ(run.err.find("ERROR: buf_ts", first + 30), std::string::npos) << run.err;
+    EXPECT_NE(run.err.find("zelisp-cam: warning: camera 0: the library refused a frame; further refusals are "
+                           "counted in the summary, not shown\n"),
+              std::string::npos);
+
+    // Following the advice: every fourth frame, all taken; the frames the
+    // library refuses between them are ones --drop skips anyway.
+    run = run_tool("capture -c 0 --views 2 --frames 10 --drop 4/3 --json", fast);
+    EXPECT_EQ(run.status, 0) << run.err;
+    summary = json::parse(run.out);
+    const json &decimated = summary["cameras"][0];
+    EXPECT_EQ(decimated["refused"], 0);
+    EXPECT_EQ(decimated["frames"], 10);
+    EXPECT_EQ(uint64_t(decimated["last_sequence"]) % 4, 0u);
+    span = uint64_t(decimated["last_sequence"]) - uint64_t(decimated["first_sequence"]) + 1;
+    EXPECT_EQ(span, 10u + uint64_t(decimated["decimated"]) + uint64_t(decimated["dropped"]));
+    EXPECT_EQ(summary["problems"], json::array());
+    EXPECT_EQ(run.err.find("ERROR"), std::string::npos) << run.err;
+}
+
+TEST(ZelispCam, HelpReadsAsSentences)
+{
+    ToolRun run = run_tool("capture --help");
+    EXPECT_EQ(run.status, 0);
+    EXPECT_NE(run.out.find("\n  --frames N              Frames to capture from each camera (frame sets with\n"
+                           "                          --group); 100 by default. Not with --seconds.\n"),
+              std::string::npos)
+        << run.out;
+    // None of the parser's shorthand, and no line wider than a terminal.
+    for (const char *shorthand : {"INT", "TEXT", "FLOAT", "Excludes", "REQUIRED", "=100"})
+        EXPECT_EQ(run.out.find(shorthand), std::string::npos) << shorthand;
+    std::istringstream lines(run.out);
+    for (std::string line; std::getline(lines, line);)
+        EXPECT_LE(line.size(), 84u) << line;
+    EXPECT_NE(run.out.find("23 the library refused frames"), std::string::npos);
+
+    // --help-all, which the manual is made from, has every command's options.
+    run = run_tool("--help-all");
+    for (const char *option : {"--camera N", "--view-format VIEW=FOURCC:WxH", "--drop T/D", "--json"})
+        EXPECT_NE(run.out.find(option), std::string::npos) << option;
 }
 
 } // namespace

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <utility>
 
+#include "library_lines.h"
 #include "tool_errors.h"
 #include "zelisp.h"
 
@@ -81,9 +82,20 @@ int CameraHandle::open(int camera, int mode)
 
 void CameraHandle::close()
 {
-    if (handle_ != 0)
-        isp_close_video(handle_);
-    handle_ = 0;
+    if (handle_ == 0)
+        return;
+    LineWatch watch;
+    isp_close_video(std::exchange(handle_, 0));
+    warn_if_close_failed(watch, camera_context(camera_) + ": closing " + path_);
+}
+
+void warn_if_close_failed(const LineWatch &watch, const std::string &what)
+{
+    // isp_close_video answers 0 whatever the close did, as the library
+    // documents; its line is the only sign.
+    if (watch.failed())
+        report_warning(what + " failed (the library's line above); the library answers 0 all the same, "
+                              "as it documents, and the handle is gone");
 }
 
 } // namespace zcam

@@ -29,6 +29,12 @@ OpenFailure judge_open_failure(int camera, int mode);
 // Reports it as "camera N: isp_open_video: ..."; returns the exit status.
 int report_open_failure(int camera, const OpenFailure &failure);
 
+class LineWatch;
+
+// Warns, as "<what> failed ...", when the watched close made a failure line:
+// the library's close calls answer 0 even then.
+void warn_if_close_failed(const LineWatch &watch, const std::string &what);
+
 class CameraHandle {
 public:
     CameraHandle() = default;
@@ -40,6 +46,7 @@ public:
 
     // Opens the camera: 0, or the judged failure's exit status, reported.
     int open(int camera, int mode);
+    // Closes it; a close the library reports as failed is warned about.
     void close();
 
     unsigned long get() const { return handle_; }

@@ -87,8 +87,8 @@ int check(CaptureArguments &arguments)
     return kExitOk;
 }
 
-// With --json, standard output carries the JSON document alone: the
-// library's own lines (and ours) go to standard error from here on.
+// With --json, standard output carries the JSON document alone: the tool's
+// own lines go to standard error from here on, as the library's always do.
 FILE *divert_stdout_for_json()
 {
     fflush(stdout);
@@ -133,6 +133,7 @@ int run_capture(CaptureArguments &arguments)
     status = options.group ? run_group_capture(run) : run_stream_capture(run);
     if (status != kExitOk)
         return status;
+    judge_refusals(run);
 
     error = run.files.finish();
     if (!error.empty())
@@ -154,63 +155,72 @@ void add_capture_command(CLI::App &app, int *status)
     auto arguments = std::make_shared<CaptureArguments>();
     CaptureOptions &options = arguments->options;
     CLI::App *capture = app.add_subcommand(
-        "capture", "Capture frames from one camera, several cameras (multi-camera wait) or a group (--group).");
-    capture->add_option("-c,--camera", options.cameras, "Camera numbers, comma separated (at most 8)")
+        "capture", "Capture frames from one camera, several (multi-camera wait) or a group (--group).");
+    capture->add_option("-c,--camera", options.cameras,
+                        "The cameras, 0 to 11, comma separated; at most 8. Required.")
         ->type_name("N[,N...]")
         ->required()
         ->delimiter(',')
         ->check(camera_number());
-    CLI::Option *views = capture->add_option("--views", options.views, "Views to enable, comma separated (mode 1 only)")
-                             ->type_name("V[,V...]")
-                             ->delimiter(',')
-                             ->check(whole_number(0, ISP_VIEW_COUNT - 1))
-                             ->capture_default_str();
+    CLI::Option *views =
+        capture->add_option("--views", options.views, "The views to enable, comma separated; all three by default.")
+            ->type_name("V[,V...]")
+            ->delimiter(',')
+            ->check(whole_number(0, ISP_VIEW_COUNT - 1));
     capture->add_option("--view-format", arguments->view_formats,
-                        "Ask the driver for these view formats before setting the stream up, e.g. "
-                        "1=NV12:1280x720,2=YUYV:640x360 (formats NV12, NV21, YUYV, RGB3, GREY)")
-        ->type_name("VIEW=FOURCC:WxH[,...]")
+                        "Ask the driver for these view formats before setting the stream up, comma separated, for "
+                        "example 1=NV12:1280x720,2=YUYV:640x360. Formats: NV12, NV21, YUYV, RGB3, GREY.")
+        ->type_name("VIEW=FOURCC:WxH")
         ->delimiter(',');
-    capture->add_option("--mode", options.mode, "Open mode: 1 (/dev/videoN) or 2 (/dev/video<N+12>, view 0 only)")
-        ->check(one_of({"1", "2"}, "an open mode"))
-        ->capture_default_str();
-    capture->add_option("--buffers", options.buffers, "Capture buffers per camera")
-        ->check(whole_number(3, 8))
-        ->capture_default_str();
+    capture->add_option("--mode", options.mode,
+                        "Open mode 1 (/dev/videoN, three views; the default) or 2 (/dev/video<N+12>, view 0 "
+                        "only, no resize).")
+        ->type_name("M")
+        ->check(one_of({"1", "2"}, "an open mode"));
+    capture->add_option("--buffers", options.buffers, "Capture buffers per camera, 3 to 8; 4 by default.")
+        ->type_name("N")
+        ->check(whole_number(3, 8));
     CLI::Option *frames = capture->add_option("--frames", options.frames,
-                                              "Frames to capture per camera (frame sets with --group)")
-                              ->check(whole_number(1, 2147483647))
-                              ->capture_default_str();
-    capture->add_option("--seconds", options.seconds, "Capture for this long instead of counting frames")
+                                              "Frames to capture from each camera (frame sets with --group); 100 by "
+                                              "default. Not with --seconds.")
+                              ->type_name("N")
+                              ->check(whole_number(1, 2147483647));
+    capture->add_option("--seconds", options.seconds,
+                        "Capture for this long instead, from 0.001 seconds up (fractions allowed).")
+        ->type_name("S")
         ->check(capture_seconds())
         ->excludes(frames);
-    capture->add_option("--timeout", options.timeout_ms, "Longest wait for a frame, in milliseconds")
-        ->check(whole_number(1, 600000))
-        ->capture_default_str();
+    capture->add_option("--timeout", options.timeout_ms,
+                        "The longest wait for a frame, in milliseconds, 1 to 600000; 2000 by default.")
+        ->type_name("MS")
+        ->check(whole_number(1, 600000));
     capture->add_option("--resize", arguments->resize,
-                        "Crop, scale, crop in the ISP: X,Y,W,H[:SW,SH[:X,Y,W,H]] (even numbers; the first crop "
-                        "must fit in view 1)")
+                        "Crop, scale and crop again in the ISP: X,Y,W,H[:SW,SH[:X,Y,W,H]], every number even. The "
+                        "first crop must fit in view 1, which carries the result. Mode 1 only.")
         ->type_name("CROPS");
     capture->add_option("--drop", arguments->drop,
-                        "Frame decimation: drop D frames out of every T, one frame in N (e.g. 30/10, 30/20)")
+                        "Decimate: drop D frames out of every T, a ratio that comes down to one frame in N dropped "
+                        "or kept (30/10 drops every third frame, 30/20 keeps every third). Not with --group.")
         ->type_name("T/D");
-    capture->add_flag("--group", options.group, "Drive the cameras as one group and read frame sets");
+    capture->add_flag("--group", options.group, "Drive the cameras as one group and read frame sets.");
     capture->add_option("--trigger", arguments->trigger,
-                        "MIPI trigger mode: internal|external, then up to three parameters (default 0 0 0)")
+                        "Set the MIPI trigger mode first: internal or external, then up to three parameters, 0 by "
+                        "default: P1 0 to 2, P2 0 to 7, P3 any number (internal) or 0 to 2 (external).")
         ->expected(1, 4)
         ->type_name("MODE [P1 P2 P3]");
     capture->add_option("--out", options.out_dir,
-                        "Folder for the files: each view of every camera's last frame, a contact sheet (png) "
-                        "and summary.json")
+                        "Write into this folder each view of every camera's last frame, a contact sheet (png) and "
+                        "summary.json.")
         ->type_name("DIR");
-    CLI::Option *format =
-        capture->add_option("--format", options.format, "File format: png (previews) or raw (the plane's bytes)")
-            ->check(one_of({"png", "raw"}, "a file format"))
-            ->capture_default_str();
-    capture->add_option("--every", options.every, "Also write every Nth frame of each camera (needs --out)")
-        ->check(whole_number(1, 2147483647))
-        ->type_name("N");
-    capture->add_flag("--json", options.json,
-                      "Print the summary as JSON on standard output (the library's lines go to standard error)");
+    CLI::Option *format = capture->add_option("--format", options.format,
+                                              "The files' format with --out: png (previews; the default) or raw "
+                                              "(the plane's bytes).")
+                              ->type_name("F")
+                              ->check(one_of({"png", "raw"}, "a file format"));
+    capture->add_option("--every", options.every, "With --out, also write every Nth frame of each camera.")
+        ->type_name("N")
+        ->check(whole_number(1, 2147483647));
+    capture->add_flag("--json", options.json, "Print the summary as JSON on standard output.");
     capture->callback([arguments, views, format, status] {
         arguments->views_given = views->count() > 0;
         arguments->format_given = format->count() > 0;

@@ -2,14 +2,16 @@
 // shared by every kind of capture.
 #include "capture_run.h"
 
+#include <cmath>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 
 #include "camera_handle.h"
 #include "formats.h"
-#include "view_formats.h"
-
+#include "library_lines.h"
 #include "tool_errors.h"
+#include "view_formats.h"
 
 namespace zcam {
 namespace {
@@ -128,22 +130,97 @@ int check_setup(CaptureRun &run, unsigned long handle, int camera)
     return kExitOk;
 }
 
-void set_trigger(CaptureRun &run, unsigned long handle)
+void set_trigger(CaptureRun &run, const TriggerCall &call)
 {
     if (!run.options.trigger)
         return;
     const TriggerSetting &t = *run.options.trigger;
-    CallResult set = call_library([&] {
-        return t.external ? isp_set_external_trigger(handle, t.param1, t.param2, t.param3)
-                          : isp_set_internal_trigger(handle, t.param1, t.param2, t.param3);
-    });
-    if (set.result == ISP_OK)
+    LineWatch watch;
+    int result = t.external ? call.external(call.handle, t.param1, t.param2, t.param3)
+                            : call.internal(call.handle, t.param1, t.param2, t.param3);
+    std::string sentence = std::string(call.prefix) + (t.external ? "external" : "internal") + "_trigger: ";
+    if (result != ISP_OK) {
+        sentence += isp_get_result_text(result) + std::string(" (") + std::to_string(result) + ")";
+        if (watch.system_error() != 0)
+            sentence += ", the system error is in the library's line above";
+    } else if (watch.failed()) {
+        // Every trigger call answers 0 when the platform driver refuses the
+        // mode, as the library documents: its line is the only sign.
+        sentence += std::string("the platform driver refused the ") + (t.external ? "external" : "internal") +
+                    " trigger mode " + std::to_string(t.param1) + " " + std::to_string(t.param2) + " " +
+                    std::to_string(t.param3);
+        if (watch.system_error() != 0)
+            sentence += std::string(": ") + strerror(watch.system_error());
+    } else {
         return;
-    std::string sentence = std::string(t.external ? "isp_set_external_trigger" : "isp_set_internal_trigger") + ": " +
-                           isp_get_result_text(set.result) + " (" + std::to_string(set.result) + ")";
-    if (set.system_error != 0)
-        sentence += ", the system error is in the library's line above";
+    }
     run.problem(kExitTriggerRefused, sentence + "; the trigger mode is not set, so the cameras run free, not in step");
+}
+
+bool count_refusal(CapturedCamera &camera, const LineWatch &watch)
+{
+    Refusal why;
+    uint32_t sequence = 0;
+    const LibraryLine *refusal = refusal_line(watch, &why, &sequence);
+    if (refusal == nullptr) {
+        for (const LibraryLine &line : watch.lines())
+            show_library_line(line);
+        return false;
+    }
+    bool first = camera.stats.refused() == 0;
+    if (camera.stats.refuse(why, sequence) && first) {
+        show_library_line(*refusal);
+        report_warning(camera_context(camera.camera) +
+                       ": the library refused a frame; further refusals are counted in the summary, not shown");
+    }
+    return true;
+}
+
+namespace {
+
+// The library accepts a frame only 12 ms or more after the last one.
+constexpr double kMinFrameIntervalS = 0.012;
+
+// What to do about a sensor faster than the library takes. From the first
+// frame of the stream (sequence 0) the library takes every k-th frame,
+// k the smallest step that spans 12 ms, and refuses the ones between.
+// Decimation that keeps one frame in a multiple of k keeps only frames the
+// library takes, and the ones it refuses are then frames --drop skips
+// anyway. The decimation rule that keeps one frame in N needs N of 3 or
+// more (2/1 drops the even frames instead).
+std::string drop_advice(double sensor_fps)
+{
+    int step = int(std::ceil(sensor_fps * kMinFrameIntervalS - 1e-9));
+    if (step < 2)
+        return "the frames came less than 12 ms apart at times";
+    int keep_one_in = step >= 3 ? step : 2 * step;
+    if (keep_one_in > 120)
+        return "no --drop ratio keeps the rate under it";
+    char advice[160];
+    snprintf(advice, sizeof advice,
+             "the sensor runs at %.0f fps; --drop %d/%d keeps one frame in %d (%.1f fps), each one the library takes",
+             sensor_fps, keep_one_in, keep_one_in - 1, keep_one_in, sensor_fps / keep_one_in);
+    return advice;
+}
+
+} // namespace
+
+void judge_refusals(CaptureRun &run)
+{
+    for (const CapturedCamera &camera : run.cameras) {
+        const CameraStats &s = camera.stats;
+        const std::string seen = " of " + std::to_string(s.frames() + s.refused()) + " frames";
+        if (s.refused_too_soon() > 0)
+            run.problem(kExitFramesRefused,
+                        camera_context(camera.camera) + ": " + std::to_string(s.refused_too_soon()) + seen +
+                            " refused for coming less than 12 ms after the last accepted one: the library takes at "
+                            "most 83 frames per second, and " + drop_advice(s.sensor_fps()));
+        if (s.refused_out_of_sequence() > 0)
+            run.problem(kExitFramesRefused,
+                        camera_context(camera.camera) + ": " + std::to_string(s.refused_out_of_sequence()) + seen +
+                            " refused because their sequence number did not pass the last accepted one (the "
+                            "driver counted again from lower numbers)");
+    }
 }
 
 int read_view_formats(unsigned long handle, const CaptureOptions &options, std::vector<ViewSlot> *views)

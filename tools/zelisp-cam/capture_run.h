@@ -13,6 +13,7 @@
 
 #include "capture_options.h"
 #include "frame_files.h"
+#include "library_lines.h"
 #include "frame_stats.h"
 #include "progress_line.h"
 #include "zelisp.h"
@@ -84,13 +85,43 @@ int read_view_formats(unsigned long handle, const CaptureOptions &options, std::
 // Returns 0 or a failed read's status.
 int check_setup(CaptureRun &run, unsigned long handle, int camera);
 
-// Sets the trigger mode through a camera handle, whose call answers with the
-// driver's verdict. A refusal is a problem of the run: the cameras then run
-// free, not in step.
-void set_trigger(CaptureRun &run, unsigned long handle);
+// The trigger calls of a camera or of a group, and the handle they take.
+struct TriggerCall {
+    const char *prefix; // "isp_set_" or "isp_group_set_", for the sentences
+    int (*internal)(unsigned long, uint32_t, uint32_t, uint32_t);
+    int (*external)(unsigned long, uint32_t, uint32_t, uint32_t);
+    unsigned long handle;
+};
+inline TriggerCall camera_trigger(unsigned long camera)
+{
+    return {"isp_set_", isp_set_internal_trigger, isp_set_external_trigger, camera};
+}
+inline TriggerCall group_trigger(unsigned long group)
+{
+    return {"isp_group_set_", isp_group_set_internal_trigger, isp_group_set_external_trigger, group};
+}
+
+// Sets --trigger's mode. The library tells a refusal by the platform driver
+// only in a line (the calls answer 0), so the call's lines are watched. A
+// refusal is a problem of the run: the cameras then run free, not in step.
+void set_trigger(CaptureRun &run, const TriggerCall &call);
+
+// A frame getter of `camera` answered -11; `watch` kept the call's lines.
+// A refusal (too soon, or out of sequence) is counted, and the library's
+// line is shown for the camera's first refusal only: above the library's
+// rate nearly every frame is refused, and the summary counts them all.
+// Returns false when the lines hold no refusal: the dequeue itself failed
+// (its lines are shown).
+bool count_refusal(CapturedCamera &camera, const LineWatch &watch);
+
+// After the frame loop: refused frames are a problem of the run, explained
+// with what to do about them (--drop for a sensor faster than the library's
+// 12 ms rule allows).
+void judge_refusals(CaptureRun &run);
 
 // The number of frames a camera may refuse in a row before the tool gives
-// up: a driver whose dequeue keeps failing is also reported as -11.
+// up: a driver that restarted its sequence numbers far below the last
+// accepted one would otherwise keep the loop busy with refusals.
 constexpr int kMaxRefusalsInARow = 100;
 
 } // namespace zcam

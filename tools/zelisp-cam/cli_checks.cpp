@@ -64,7 +64,7 @@ CLI::Validator whole_number(long long min, long long max)
                 return "a whole number from " + range + " is needed, got '" + text + "'";
             return "";
         },
-        range);
+        "");
 }
 
 CLI::Validator camera_number()
@@ -76,7 +76,7 @@ CLI::Validator camera_number()
                 return "cameras are numbered 0 to 11, got '" + text + "'";
             return "";
         },
-        "0..11");
+        "");
 }
 
 CLI::Validator capture_seconds()
@@ -93,7 +93,7 @@ CLI::Validator capture_seconds()
                 return "a number of seconds from 0.001 to 31536000 (a year) is needed, got '" + text + "'";
             return "";
         },
-        "SECONDS");
+        "");
 }
 
 CLI::Validator one_of(const std::vector<std::string> &words, const std::string &what)
@@ -106,7 +106,7 @@ CLI::Validator one_of(const std::vector<std::string> &words, const std::string &
                     return "";
             return "'" + text + "' is not " + what + "; use " + choices;
         },
-        join(words, "|"));
+        "");
 }
 
 std::string parse_error_sentence(const CLI::App &app, const CLI::ParseError &error, int argc, char **argv)

@@ -2,7 +2,8 @@
  * cli_checks.h - the checks of zelisp-cam's command-line values, written so
  * that a wrong value is answered with a plain sentence ("--frames: a whole
  * number from 1 to 2147483647 is needed, got '0'") instead of the parser's
- * own words, and the parser's other errors rewritten the same way.
+ * own words, and the parser's other errors rewritten the same way. The
+ * checks add nothing to the help: each option's sentence gives its range.
  */
 #ifndef ZELISP_CAM_CLI_CHECKS_H
 #define ZELISP_CAM_CLI_CHECKS_H

@@ -24,7 +24,7 @@ struct ControlOptions {
 
 std::string control_help()
 {
-    std::string help = "Control name. Values:";
+    std::string help = "The control, one of:";
     for (const Control &control : controls())
         help += std::string("\n  ") + control.name + ": " + control.values;
     return help;
@@ -121,10 +121,13 @@ CLI::App *add_control_command(CLI::App &app, const char *name, const char *descr
                               const std::shared_ptr<ControlOptions> &options)
 {
     CLI::App *command = app.add_subcommand(name, description);
-    command->add_option("-c,--camera", options->camera, "Camera number")->required()->check(camera_number());
-    command->add_option("--mode", options->mode, "Open mode: 1 (/dev/videoN) or 2 (/dev/video<N+12>)")
-        ->check(one_of({"1", "2"}, "an open mode"))
-        ->capture_default_str();
+    command->add_option("-c,--camera", options->camera, "The camera, 0 to 11. Required.")
+        ->type_name("N")
+        ->required()
+        ->check(camera_number());
+    command->add_option("--mode", options->mode, "Open mode 1 (/dev/videoN; the default) or 2 (/dev/video<N+12>).")
+        ->type_name("M")
+        ->check(one_of({"1", "2"}, "an open mode"));
     command->add_option("control", options->control, control_help())
         ->required()
         ->check(one_of(control_names(), "a control"));
@@ -148,7 +151,7 @@ void add_set_command(CLI::App &app, int *status)
         "Set one control of a camera and print \"NAME: VALUE\" as read back. Values are decimal, 0x hexadecimal, "
         "or on/off.",
         options);
-    set->add_option("values", options->values, "The control's value(s), as listed under CONTROL");
+    set->add_option("values", options->values, "The control's values, as listed above.");
     set->callback([options, status] { *status = run_set(*options); });
 }
 

@@ -1,6 +1,7 @@
 // group_capture.cpp - capturing from the cameras as one group: opened, set
 // up and started together, then read one frame set at a time (one frame per
 // member, in member order) and given back a set at a time.
+#include <algorithm>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -134,11 +135,8 @@ int set_up(GroupCapture &capture)
             return status;
     }
 
-    // The group's own trigger calls answer 0 whatever the platform driver
-    // says, so a refusal would show only as members out of step. The mode
-    // is one setting of the platform, so it is sent through the first
-    // member's handle, whose call answers with the driver's verdict.
-    set_trigger(capture.run, capture.members.front());
+    // Through the descriptor of the platform node the group keeps open.
+    set_trigger(capture.run, group_trigger(group));
     capture.frames.resize(cameras.size());
     capture.held.resize(cameras.size());
     return kExitOk;
@@ -161,33 +159,80 @@ int give_back_partial_set(GroupCapture &capture, size_t failed_position)
     return kExitOk;
 }
 
-int take_set(GroupCapture &capture)
+// Gives the held set back. The group's put goes through the members in
+// order and stops at the first one that fails, as the library documents:
+// the members after it still hold their frames, which the report names.
+int put_set(GroupCapture &capture)
+{
+    LineWatch watch;
+    int result = zelvideo::isp_group_put_frame(capture.group.get(), capture.held.data(), int(capture.held.size()));
+    if (result == ISP_OK)
+        return kExitOk;
+    const LibraryLine *line = watch.first_about_camera();
+    const std::vector<int> &cameras = capture.run.options.cameras;
+    auto member = line != nullptr ? std::find(cameras.begin(), cameras.end(), camera_of_node(line->dev_path))
+                                  : cameras.end();
+    if (member == cameras.end())
+        return report_failure("the group", "isp_group_put_frame", result);
+    std::string later;
+    for (auto after = member + 1; after != cameras.end(); ++after)
+        later += (later.empty() ? "" : ", ") + std::to_string(*after);
+    std::string reason = "camera " + std::to_string(*member) + " could not take its frame back";
+    if (!later.empty())
+        reason += "; the group stops at the first member that fails, so the frames of the members after it "
+                  "(camera " + later + ") were not given back";
+    return report_failure_because("the group", "isp_group_put_frame", result, reason);
+}
+
+// Reads one frame set into capture.frames. A set that could not be read
+// is judged here: a refused frame is counted and the loop goes on, Ctrl-C
+// ends it quietly, anything else is reported. *taken says whether a whole
+// set is there.
+int read_set(GroupCapture &capture, bool *taken)
 {
     CaptureRun &run = capture.run;
     for (zelvideo::_isp_buf_t &frame : capture.frames)
         frame.index = kNoFrame;
-    int result = zelvideo::isp_group_get_sync_frame(capture.group.get(), capture.frames.data(),
+    int result;
+    size_t failed = 0;
+    bool refused = false;
+    {
+        LineWatch watch(LineWatch::Echo::Keep);
+        result = zelvideo::isp_group_get_sync_frame(capture.group.get(), capture.frames.data(),
                                                     int(capture.frames.size()), run.options.timeout_ms);
-    if (result != ISP_OK) {
-        size_t failed = 0;
         while (failed < capture.frames.size() && capture.frames[failed].index != kNoFrame)
             ++failed;
-        int status = give_back_partial_set(capture, failed);
-        if (status != kExitOk)
-            return status;
-        if (result == ISP_ERR_NOT_READY)
-            return kExitOk; // Ctrl-C
-        if (result != ISP_ERR_REQUEST || failed == capture.frames.size())
-            return report_failure(member_context(capture, failed < capture.frames.size() ? failed : 0),
-                                  "isp_group_get_sync_frame", result);
-        run.cameras[failed].stats.refuse();
-        if (++capture.refusals_in_a_row > kMaxRefusalsInARow)
-            return report_failure(member_context(capture, failed),
-                                  "isp_group_get_sync_frame: " + std::to_string(kMaxRefusalsInARow) +
-                                      " frame sets refused in a row",
-                                  result);
-        return kExitOk;
+        bool member_refused = result == ISP_ERR_REQUEST && failed < capture.frames.size();
+        if (member_refused)
+            refused = count_refusal(run.cameras[failed], watch);
+        else
+            for (const LibraryLine &line : watch.lines())
+                show_library_line(line);
     }
+    *taken = result == ISP_OK;
+    if (result == ISP_OK)
+        return kExitOk;
+    int status = give_back_partial_set(capture, failed);
+    if (status != kExitOk || result == ISP_ERR_NOT_READY) // Ctrl-C
+        return status;
+    if (!refused)
+        return report_failure(member_context(capture, failed < capture.frames.size() ? failed : 0),
+                              "isp_group_get_sync_frame", result);
+    if (++capture.refusals_in_a_row > kMaxRefusalsInARow)
+        return report_failure(member_context(capture, failed),
+                              "isp_group_get_sync_frame: " + std::to_string(kMaxRefusalsInARow) +
+                                  " frame sets refused in a row",
+                              result);
+    return kExitOk;
+}
+
+int take_set(GroupCapture &capture)
+{
+    CaptureRun &run = capture.run;
+    bool taken = false;
+    int status = read_set(capture, &taken);
+    if (status != kExitOk || !taken)
+        return status;
 
     capture.refusals_in_a_row = 0;
     std::vector<uint64_t> timestamps;
@@ -199,11 +244,8 @@ int take_set(GroupCapture &capture)
             return report_output_failure(run.files.failed_path(), error);
     }
     run.sets->add(timestamps);
-    if (capture.holding) {
-        result = zelvideo::isp_group_put_frame(capture.group.get(), capture.held.data(), int(capture.held.size()));
-        if (result != ISP_OK)
-            return report_failure("the group", "isp_group_put_frame", result);
-    }
+    if (capture.holding && (status = put_set(capture)) != kExitOk)
+        return status;
     capture.held.swap(capture.frames);
     capture.holding = true;
     return kExitOk;
@@ -249,7 +291,9 @@ int run_group_capture(CaptureRun &run)
         if (!error.empty())
             status = report_output_failure(run.files.failed_path(), error);
     }
+    LineWatch watch;
     isp_group_close_video(group);
+    warn_if_close_failed(watch, "closing the group's cameras");
     return status;
 }
 

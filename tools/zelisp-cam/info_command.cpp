@@ -113,13 +113,18 @@ void add_info_command(CLI::App &app, int *status)
     auto options = std::make_shared<InfoOptions>();
     CLI::App *info = app.add_subcommand(
         "info", "Show one camera's view formats, its supported view combination and every control's value.");
-    info->add_option("-c,--camera", options->camera, "Camera number")->required()->check(camera_number());
-    info->add_option("--mode", options->mode, "Open mode: 1 (/dev/videoN, three views) or 2 (/dev/video<N+12>)")
-        ->check(one_of({"1", "2"}, "an open mode"))
-        ->capture_default_str();
+    info->add_option("-c,--camera", options->camera, "The camera, 0 to 11. Required.")
+        ->type_name("N")
+        ->required()
+        ->check(camera_number());
+    info->add_option("--mode", options->mode,
+                     "Open mode 1 (/dev/videoN, three views; the default) or 2 (/dev/video<N+12>, view 0).")
+        ->type_name("M")
+        ->check(one_of({"1", "2"}, "an open mode"));
     info->add_option("--view-format", options->view_format_texts,
-                     "Ask the driver for these view formats first, e.g. 1=NV12:1280x720 (comma separated)")
-        ->type_name("VIEW=FOURCC:WxH[,...]")
+                     "Ask the driver for these view formats first, comma separated, for example "
+                     "1=NV12:1280x720. Formats: NV12, NV21, YUYV, RGB3, GREY.")
+        ->type_name("VIEW=FOURCC:WxH")
         ->delimiter(',');
     info->callback([options, status] { *status = run_info(*options); });
 }

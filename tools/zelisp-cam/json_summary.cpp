@@ -36,6 +36,8 @@ nlohmann::json summary_json(const CaptureRun &run)
                            {"frames", s.frames()},
                            {"fps", rounded(s.fps(), 100)},
                            {"refused", s.refused()},
+                           {"refused_too_soon", s.refused_too_soon()},
+                           {"refused_out_of_sequence", s.refused_out_of_sequence()},
                            {"dropped", s.dropped()},
                            {"decimated", s.decimated()},
                            {"first_sequence", s.first_sequence()},

@@ -30,8 +30,8 @@ std::string node_column(int camera, int mode)
 // The sensor's rate, asked of the mode 1 node; "-" when it cannot be opened.
 std::string rate_column(int camera)
 {
-    // The library prints why an open failed; the node column says it already.
-    fflush(stdout);
+    // The library's line on why an open failed goes to standard error; the
+    // node column says it already.
     unsigned long handle = isp_open_video(uint32_t(camera), 1);
     if (handle == 0)
         return "-";

@@ -7,6 +7,7 @@
 #include <cstdio>
 
 #include "camera_handle.h"
+#include "library_lines.h"
 #include "tool_errors.h"
 
 namespace zcam {
@@ -451,13 +452,21 @@ void CameraHub::handle_frame(Camera &camera, const zelvideo::_isp_buf_t &frame)
 void CameraHub::take_frame(Camera &camera, int timeout_ms)
 {
     zelvideo::_isp_buf_t frame;
-    int result = isp_get_frame_buf(camera.handle, &frame, timeout_ms);
+    int result;
+    Refusal why = Refusal::TooSoon;
+    uint32_t sequence = 0;
+    bool refused = false;
+    {
+        LineWatch watch;
+        result = isp_get_frame_buf(camera.handle, &frame, timeout_ms);
+        refused = result == ISP_ERR_REQUEST && refusal_line(watch, &why, &sequence) != nullptr;
+    }
     if (result == ISP_ERR_NOT_READY || result == ISP_ERR_TIMEOUT)
         return;
     if (result != ISP_OK) {
         std::lock_guard<std::mutex> lock(stats_mutex_);
-        if (result == ISP_ERR_REQUEST)
-            camera.stats.refuse();
+        if (refused)
+            camera.stats.refuse(why, sequence);
         else
             camera.error = std::string("taking a frame: ") + isp_get_result_text(result);
         return;
@@ -517,7 +526,15 @@ void CameraHub::group_loop()
         run_commands();
         for (auto &frame : set_frames_)
             frame.index = kNoFrame;
-        int result = zelvideo::isp_group_get_sync_frame(group_, set_frames_.data(), int(set_frames_.size()), kWaitMs);
+        int result;
+        Refusal why = Refusal::TooSoon;
+        uint32_t sequence = 0;
+        bool refused = false;
+        {
+            LineWatch watch;
+            result = zelvideo::isp_group_get_sync_frame(group_, set_frames_.data(), int(set_frames_.size()), kWaitMs);
+            refused = result == ISP_ERR_REQUEST && refusal_line(watch, &why, &sequence) != nullptr;
+        }
         if (result == ISP_ERR_TIMEOUT)
             result = ISP_ERR_NOT_READY; // no set within the wait: look at the commands, then wait again
         if (result != ISP_OK) {
@@ -531,8 +548,8 @@ void CameraHub::group_loop()
             std::lock_guard<std::mutex> lock(stats_mutex_);
             if (failed > 0)
                 sets_.incomplete();
-            if (result == ISP_ERR_REQUEST && failed < set_frames_.size())
-                state_[failed]->stats.refuse();
+            if (refused && failed < set_frames_.size())
+                state_[failed]->stats.refuse(why, sequence);
             else if (result != ISP_ERR_NOT_READY && failed < set_frames_.size())
                 state_[failed]->error = std::string("reading a frame set: ") + isp_get_result_text(result);
             if (result != ISP_ERR_NOT_READY && result != ISP_ERR_REQUEST)

@@ -66,16 +66,24 @@ int take_frame(CaptureRun &run, Stream &stream, FrameGetter get, int timeout_ms)
     CapturedCamera &camera = run.cameras[stream.slot];
     unsigned long handle = stream.handle.get();
     zelvideo::_isp_buf_t frame;
-    int result = get(handle, &frame, timeout_ms);
-    if (result == ISP_ERR_REQUEST) {
-        // Refused for its sequence number or timing (the library printed
-        // why and queued the buffer again), or the dequeue itself failed.
-        camera.stats.refuse();
-        if (++stream.refusals_in_a_row > kMaxRefusalsInARow)
-            return report_failure(camera_context(camera.camera),
-                                  "isp_get_frame_buf: " + std::to_string(kMaxRefusalsInARow) + " frames refused in a row",
-                                  result);
-        return kExitOk;
+    int result;
+    {
+        LineWatch watch(LineWatch::Echo::Keep);
+        result = get(handle, &frame, timeout_ms);
+        if (result == ISP_ERR_REQUEST) {
+            // Refused for its timing or sequence number (the library queued
+            // the buffer again), or the dequeue itself failed.
+            if (!count_refusal(camera, watch))
+                return report_failure(camera_context(camera.camera), "taking a frame", result);
+            if (++stream.refusals_in_a_row > kMaxRefusalsInARow)
+                return report_failure(camera_context(camera.camera),
+                                      "isp_get_frame_buf: " + std::to_string(kMaxRefusalsInARow) +
+                                          " frames refused in a row",
+                                      result);
+            return kExitOk;
+        }
+        for (const LibraryLine &line : watch.lines())
+            show_library_line(line);
     }
     if (result == ISP_ERR_NOT_READY)
         return kExitOk; // nothing ready after all, or Ctrl-C
@@ -147,7 +155,7 @@ int run_stream_capture(CaptureRun &run)
     }
     // The trigger record names no camera: one request sets the mode for the
     // platform, so it is sent once, through the first camera's handle.
-    set_trigger(run, streams.front().handle.get());
+    set_trigger(run, camera_trigger(streams.front().handle.get()));
     for (Stream &stream : streams) {
         CallResult start = call_library([&] { return isp_start_capture(stream.handle.get()); });
         if (start.result != ISP_OK)

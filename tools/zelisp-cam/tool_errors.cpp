@@ -33,14 +33,9 @@ int exit_status(int result)
 
 int report_failure(const std::string &context, const std::string &call, int result, int system_error)
 {
-    // The library prints its own device lines on standard output; flush them
-    // first so that our sentence comes after the lines it explains.
     fflush(stdout);
     std::string sentence = "zelisp-cam: " + context + ": " + call + ": " + isp_get_result_text(result) + " (" +
                            std::to_string(result) + ")";
-    // errno after the call only says that a system request failed: the
-    // library may have made other calls since, so the line it printed at
-    // the failure is the one to trust.
     if (system_error != 0 && is_system_failure(result))
         sentence += "; the system error is in the library's line above";
     fprintf(stderr, "%s\n", sentence.c_str());

@@ -5,9 +5,9 @@
  * A failed library call exits with the magnitude of its result (1..17), so a
  * script can tell "no frame within the time limit" (13) from "a driver
  * request failed" (11) without reading the text. A capture that ran but did
- * not get what it asked for (a trigger mode, a view format, a resize) exits
- * with 20..22, and the two statuses of the tool's own (64, 73) are those of
- * sysexits.h.
+ * not get what it asked for (a trigger mode, a view format, a resize, every
+ * frame) exits with 20..23, and the two statuses of the tool's own (64, 73)
+ * are those of sysexits.h.
  */
 #ifndef ZELISP_CAM_TOOL_ERRORS_H
 #define ZELISP_CAM_TOOL_ERRORS_H
@@ -20,15 +20,16 @@ constexpr int kExitOk = 0;
 constexpr int kExitTriggerRefused = 20;    // the cameras ran free: not in step
 constexpr int kExitViewNotHonoured = 21;   // a view's format is not the one --view-format asked for
 constexpr int kExitResizeNotHonoured = 22; // view 1's size is not what --resize asked for
+constexpr int kExitFramesRefused = 23;     // the library refused frames: too soon after the last, or out of sequence
 constexpr int kExitUsage = 64;             // EX_USAGE: the command line is wrong
 constexpr int kExitOutput = 73;            // EX_CANTCREAT: an output file could not be written
 
 // Exit status of a library result: 0 for success, else its magnitude.
 int exit_status(int result);
 
-// The result of a library call together with errno as the call left it
-// (cleared before the call), so that a system error the library met, and
-// printed with perror, can be named in the tool's sentence.
+// The result of a library call together with the errno of the last system
+// error line the call made (0 for none), so that the tool's sentence can
+// point to it.
 struct CallResult {
     int result = 0;
     int system_error = 0;
@@ -60,14 +61,14 @@ void report_warning(const std::string &message);
 
 } // namespace zcam
 
-#include <cerrno>
+#include "library_lines.h"
 
 template <typename Call> zcam::CallResult zcam::call_library(Call &&call)
 {
-    errno = 0;
+    LineWatch watch;
     CallResult outcome;
     outcome.result = call();
-    outcome.system_error = outcome.result < 0 ? errno : 0;
+    outcome.system_error = watch.system_error();
     return outcome;
 }
 

@@ -1,11 +1,21 @@
-# Debian packages with CPack: `cpack -G DEB` in the build folder makes
+# Debian packages with CPack: `cpack -G DEB` in a build folder configured
+# for /usr (-DCMAKE_INSTALL_PREFIX=/usr, as a Debian package build is, with
+# dpkg-buildflags' flags: scripts/config-builds.sh gcc-release-hardened
+# makes such a tree) makes
 #
-#   libzelisp1      the shared library (component runtime)
-#   libzelisp-dev   header, link name, CMake package, pkg-config file,
-#                   examples and the API guides (component development)
-#   zelisp-tools    zelisp-cam and its manual (component tools)
-#   zelisp-sim      the simulated ISP driver, zelisp-sim-run, their manuals
-#                   (component sim)
+#   libzelisp1           the shared library, its symbols file and the
+#                        ldconfig trigger (component runtime)
+#   libzelisp-dev        header, link name, CMake package, pkg-config file
+#                        (multiarch folder), examples and the library's
+#                        guides (component development)
+#   zelisp-tools         zelisp-cam, its manual and guide (component tools)
+#   zelisp-sim           the simulated ISP driver, zelisp-sim-run, their
+#                        manual and guide (component sim)
+#   gstreamer1.0-zelisp  the GStreamer elements and zelisp-rtsp (gstreamer)
+#   python3-zelisp       the Python package, byte-compiled at install and
+#                        cleaned at removal as Debian's own are (python)
+#
+# docs/packaging.md tells how they are built and checked.
 #
 # Every install() rule names its component. A part that joins later gives
 # its rules a component of its own and adds one line to
@@ -20,7 +30,11 @@ set(CPACK_PACKAGE_NAME zelisp)
 set(CPACK_PACKAGE_VENDOR "libzelisp")
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGE_CONTACT ${ZELISP_DEB_MAINTAINER})
-set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
+# Paths configured into the programs (the simulator's library, the guides)
+# are the configured prefix's; a package of any other prefix would install
+# programs that look in the wrong place, and Debian packages live in /usr.
+set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/packaging_prefix_check.cmake)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
@@ -49,7 +63,11 @@ a synchronized group into PNG or raw files with a JSON summary."
   "sim|zelisp-sim|devel||simulated ISP camera driver for developing without a board|libzelisp-sim.so plays the board's kernel drivers in user space
 (/dev/video0..23, /dev/isp_misc) for an unmodified program started with
 zelisp-sim-run."
-  "gstreamer|gstreamer1.0-zelisp|video|runtime|GStreamer elements for ISP cameras through libzelisp|GStreamer source elements built on libzelisp."
+  "gstreamer|gstreamer1.0-zelisp|video|runtime|GStreamer elements for ISP cameras through libzelisp|The GStreamer source elements zelispsrc (one camera) and zelispgroupsrc
+(a synchronized group of cameras), built on libzelisp: zero-copy DMA-buf
+buffers, the views, resize, decimation and trigger settings of the
+library as properties. With zelisp-rtsp, which serves the cameras over
+RTSP."
   "python|python3-zelisp|python|runtime|Python bindings of libzelisp|The zelisp Python package: cameras and frames as Python objects, frames
 as numpy arrays."
 )
@@ -86,18 +104,38 @@ foreach(entry IN LISTS ZELISP_PACKAGE_COMPONENTS)
     set(CPACK_COMPONENT_${upper}_DEPENDS ${depends})
   endif()
   # Every Debian package carries its copyright and changelog in its own
-  # documentation folder.
+  # documentation folder; a plain cmake --install, which installs no
+  # package, leaves them out (they are installed only when the component is
+  # named, as CPack does).
   install(FILES ${PROJECT_SOURCE_DIR}/packaging/debian/copyright ${zelisp_debian_changelog}
-    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package} COMPONENT ${component})
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package} COMPONENT ${component} EXCLUDE_FROM_ALL)
 endforeach()
 
-# The runtime package tells dpkg which package provides the library
-# (shlibs) and runs ldconfig through dpkg's trigger, as Debian's own
-# library packages do.
+# The runtime package tells dpkg which package provides the library (shlibs,
+# and a symbols file naming each exported symbol) and runs ldconfig through
+# dpkg's trigger, as Debian's own library packages do. CPack would also
+# write postinst and postrm scripts that call ldconfig themselves; the
+# post-build step takes them out again.
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/debian/triggers)
+set(zelisp_symbols_file ${PROJECT_BINARY_DIR}/packaging/symbols)
+add_custom_command(OUTPUT ${zelisp_symbols_file}
+  COMMAND ${CMAKE_COMMAND} -DLIBRARY=$<TARGET_FILE:zelisp> -DSONAME=$<TARGET_SONAME_FILE_NAME:zelisp> -DNM=${CMAKE_NM}
+          -DPACKAGE=libzelisp${PROJECT_VERSION_MAJOR} -DPACKAGE_DEV=libzelisp-dev
+          -DVERSION=${PROJECT_VERSION} -DOUTPUT=${zelisp_symbols_file}
+          -P ${PROJECT_SOURCE_DIR}/cmake/debian_symbols.cmake
+  DEPENDS zelisp ${PROJECT_SOURCE_DIR}/cmake/debian_symbols.cmake
+  COMMENT "Debian symbols file of libzelisp")
+add_custom_target(zelisp-debian-symbols ALL DEPENDS ${zelisp_symbols_file})
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA
+    ${PROJECT_SOURCE_DIR}/packaging/debian/libzelisp1/triggers ${zelisp_symbols_file})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+set(CPACK_POST_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/packaging_ldconfig_scripts.cmake)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA
+    ${PROJECT_SOURCE_DIR}/packaging/debian/python3-zelisp/postinst
+    ${PROJECT_SOURCE_DIR}/packaging/debian/python3-zelisp/prerm)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+
 # The header, CMake package and examples are useless without a compiler.
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "libc6-dev")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_RECOMMENDS "g++ | c++-compiler, cmake, pkgconf")

@@ -9,6 +9,12 @@
 #   lint       clang-tidy and cppcheck on src/ (build-lint/, configure only)
 #   coverage   line coverage of src/ with gcovr (build-coverage/)
 #   cross      Arm64 build, whole suite under qemu-aarch64 (build-arm64/)
+#   configs    library, simulator, tools, examples, plugin and Python package
+#              built, not tested, in Release with g++ and Debian's hardening
+#              flags (build-gcc-release-hardened/, the package build) and in
+#              Debug with clang (build-clang-debug/), warnings as errors
+#   packages   the Debian packages made from the package build, lintian,
+#              installed on this machine, used, purged (build-package-test/)
 #
 # Usage: scripts/ci-full.sh [stage...]   (default: all, in the order above)
 # ZELISP_CI_BUILD_PREFIX changes the "build" prefix of the directories.
@@ -27,6 +33,9 @@ stage_sanitize() { ZELISP_BUILD_DIR=$prefix-asan ./scripts/sanitize-test.sh; }
 stage_valgrind() { ZELISP_BUILD_DIR=$prefix ./scripts/valgrind-test.sh; }
 stage_coverage() { ZELISP_BUILD_DIR=$prefix-coverage ./scripts/coverage.sh; }
 stage_cross() { ZELISP_BUILD_DIR=$prefix-arm64 ZELISP_HOST_BUILD_DIR=$prefix ./scripts/cross-test.sh; }
+stage_configs() { ZELISP_CI_BUILD_PREFIX=$prefix ./scripts/config-builds.sh gcc-release-hardened clang-debug; }
+# Not skipped here: a skip (77, not root) fails the stage like any failure.
+stage_packages() { ZELISP_CI_BUILD_PREFIX=$prefix ZELISP_PACKAGE_TEST=1 ./scripts/package-test.sh; }
 
 # clang-tidy with the checks of .clang-tidy, and cppcheck, over every source
 # file of the library; both fail on any finding.
@@ -56,7 +65,7 @@ stage_lint() {
 }
 
 stages=("$@")
-[ ${#stages[@]} -eq 0 ] && stages=(plain sanitize valgrind lint coverage cross)
+[ ${#stages[@]} -eq 0 ] && stages=(plain sanitize valgrind lint coverage cross configs packages)
 results=()
 failed=0
 total_start=$SECONDS

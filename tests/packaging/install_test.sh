@@ -47,10 +47,22 @@ LD_LIBRARY_PATH="$libdir" "$work/consumer-build/version" | grep -qx "zelisp:v1.3
 # themselves: no environment at all.
 out=$(cd "$work" && env -i "$prefix/bin/zelisp-sim-run" -- "$prefix/bin/zelisp-cam" info -c 0)
 [[ $out == "camera 0: /dev/video0 (mode 1)"* ]] || { echo "installed zelisp-cam: $out"; exit 1; }
-for page in zelisp-cam zelisp-sim-run; do
+for page in zelisp-cam zelisp-sim-run zelisp-rtsp; do
+  [ "$page" != zelisp-rtsp ] || [ -x "$prefix/bin/zelisp-rtsp" ] || continue
   zcat "$prefix/share/man/man1/$page.1.gz" | grep -q '^\.TH' || { echo "no manual page for $page"; exit 1; }
 done
-[ -f "$prefix/share/doc/zelisp/zelisp-cam.md" ] || { echo "guide not installed"; exit 1; }
+# The help and the manual name the guide of the prefix the tree was
+# installed into (not the configured one), and every reference of the
+# installed guides and manuals is to a file that is there.
+guide="$prefix/share/doc/zelisp/zelisp-cam.md"
+env -i "$prefix/bin/zelisp-cam" --help | grep -qF "Guide: $guide" || { echo "zelisp-cam --help names another guide"; exit 1; }
+zcat "$prefix/share/man/man1/zelisp-cam.1.gz" | sed 's/\\-/-/g' | grep -qF "$guide" ||
+  { echo "the manual of zelisp-cam names another guide"; exit 1; }
+"$consumer/../../../scripts/check-doc-links.sh" "$prefix/share/doc/zelisp" "$prefix"/share/man/man1/*.1.gz >/dev/null ||
+  { "$consumer/../../../scripts/check-doc-links.sh" "$prefix/share/doc/zelisp" "$prefix"/share/man/man1/*.1.gz; exit 1; }
+# A plain install is no Debian package: no copyright or changelog files.
+leftover=$(find "$prefix/share/doc" -name copyright -o -name 'changelog.Debian*')
+[ -z "$leftover" ] || { echo "a plain install drops Debian files: $leftover"; exit 1; }
 
 # The examples, as a project of their own against the installed tree.
 cmake -S "$consumer/../../../examples" -B "$work/examples" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null

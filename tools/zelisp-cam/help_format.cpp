@@ -12,8 +12,8 @@ namespace {
 
 constexpr size_t kTerminalWidth = 80;
 
-// Words filled into lines of at most `width` characters; the line breaks
-// the text has (a list of values) are kept.
+} // namespace
+
 std::string wrap(const std::string &text, size_t width)
 {
     std::string wrapped, paragraph, word;
@@ -36,8 +36,6 @@ std::string wrap(const std::string &text, size_t width)
     }
     return wrapped;
 }
-
-} // namespace
 
 std::string HelpFormatter::make_option_opts(const CLI::Option *option) const
 {

@@ -23,6 +23,10 @@ public:
     std::string make_description(const CLI::App *app) const override;
 };
 
+// Words filled into lines of at most `width` characters; the line breaks
+// the text has (a list of values) are kept.
+std::string wrap(const std::string &text, size_t width);
+
 // The formatter every command of the tool shares.
 std::shared_ptr<HelpFormatter> help_formatter();
 

@@ -1,0 +1,30 @@
+# CPack's post-build step (CPACK_POST_BUILD_SCRIPTS): CPack gives a package
+# with a shared library in /usr/lib postinst and postrm scripts that run
+# ldconfig. The library package activates dpkg's ldconfig trigger instead
+# (packaging/debian/libzelisp1/triggers), as Debian's library packages do,
+# so the scripts are taken out of it and the package is built again.
+foreach(deb IN LISTS CPACK_PACKAGE_FILES)
+  if(NOT deb MATCHES "/libzelisp[0-9]+_[^/]*\\.deb$")
+    continue()
+  endif()
+  set(tree ${deb}.tree)
+  file(REMOVE_RECURSE ${tree})
+  execute_process(COMMAND dpkg-deb -R ${deb} ${tree} RESULT_VARIABLE failed)
+  if(failed)
+    message(FATAL_ERROR "dpkg-deb cannot unpack ${deb}")
+  endif()
+  foreach(script postinst postrm)
+    if(EXISTS ${tree}/DEBIAN/${script})
+      file(READ ${tree}/DEBIAN/${script} text)
+      if(NOT text MATCHES "ldconfig")
+        message(FATAL_ERROR "${deb}: ${script} does more than run ldconfig; it is not CPack's")
+      endif()
+      file(REMOVE ${tree}/DEBIAN/${script})
+    endif()
+  endforeach()
+  execute_process(COMMAND dpkg-deb --root-owner-group -b ${tree} ${deb} OUTPUT_QUIET RESULT_VARIABLE failed)
+  file(REMOVE_RECURSE ${tree})
+  if(failed)
+    message(FATAL_ERROR "dpkg-deb cannot build ${deb} again")
+  endif()
+endforeach()

@@ -11,6 +11,7 @@ packages=(
   libcli11-dev libpng-dev libyuv-dev nlohmann-json3-dev   # zelisp-cam
   libfreetype-dev fonts-dejavu-core                        # zelisp-cam's contact-sheet labels
   valgrind gcovr cppcheck clang-tidy
+  clang                  # the clang build of CI's configs stage
   python3                # bench/run_benchmarks.py writes docs/performance.md
   # GStreamer plugin (gst/) and zelisp-rtsp, and the stock elements its tests and pipelines use
   libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev libgstrtspserver-1.0-dev gstreamer1.0-tools

@@ -665,5 +665,45 @@ TEST(ZelispCam, HelpReadsAsSentences)
         EXPECT_NE(run.out.find(option), std::string::npos) << option;
 }
 
+TEST(ZelispCam, TheManualCoversEveryCommandAndOption)
+{
+    ToolRun manual = run_tool("--manual");
+    ASSERT_EQ(manual.status, 0) << manual.err;
+    EXPECT_EQ(manual.out.rfind(".TH ZELISP-CAM 1 ", 0), 0u);
+    for (const char *section : {".SH NAME\n", ".SH SYNOPSIS\n", ".SH COMMANDS\n", ".SH \"EXIT STATUS\"\n",
+                                ".SH \"ENVIRONMENT\"\n", ".SH \"FILES\"\n"})
+        EXPECT_NE(manual.out.find(section), std::string::npos) << section;
+    // Every option each command's help lists, under that command's heading.
+    std::vector<std::string> commands = {"list", "info", "get", "set", "capture"};
+#ifdef ZELISP_CAM_HAS_SERVE
+    commands.push_back("serve");
+#endif
+    for (const std::string &command : commands) {
+        SCOPED_TRACE(command);
+        size_t heading = manual.out.find(".SS \"zelisp-cam " + command + "\"\n");
+        ASSERT_NE(heading, std::string::npos);
+        size_t next = manual.out.find(".SS ", heading + 1);
+        std::string part = manual.out.substr(heading, next == std::string::npos ? std::string::npos : next - heading);
+        std::istringstream help(run_tool(command + " --help").out);
+        int options = 0;
+        for (std::string line; std::getline(help, line);) {
+            // "  -c,--camera N  ..." or "  --views V[,V...]  ...": the long name.
+            size_t dashes = line.find("--");
+            if (line.rfind("  -", 0) != 0 || dashes == std::string::npos || dashes > 6 ||
+                line.compare(dashes, 6, "--help") == 0)
+                continue;
+            std::string name = line.substr(dashes + 2, line.find(' ', dashes) - dashes - 2);
+            std::string roff_name;
+            for (char c : name)
+                roff_name += c == '-' ? std::string("\\-") : std::string(1, c);
+            EXPECT_NE(part.find("\\-\\-" + roff_name), std::string::npos) << name;
+            ++options;
+        }
+        EXPECT_GT(options + (command == "list" ? 1 : 0), 0);
+    }
+    // Made for the build, not offered to users.
+    EXPECT_EQ(run_tool("--help").out.find("--manual"), std::string::npos);
+}
+
 } // namespace
 } // namespace zelisp_tool_test

@@ -111,67 +111,116 @@ GstMemory *Stream::wrap(Frame *frame, int view, gsize size, bool dmabuf)
                                   system_memory_freed);
 }
 
-void CopyPool::reset()
+// ---- Copies ----
+
+namespace {
+
+// A buffer pool whose buffers hold one memfd each, handed on as DMA-buf
+// memory: what DMA-buf caps promise, for the copies as for the camera's own
+// planes. In system memory the stock pool serves.
+struct MemfdPool {
+    GstBufferPool parent;
+    gsize size;
+    GstAllocator *allocator;
+};
+struct MemfdPoolClass {
+    GstBufferPoolClass parent_class;
+};
+
+GType memfd_pool_get_type();
+G_DEFINE_TYPE(MemfdPool, memfd_pool, GST_TYPE_BUFFER_POOL)
+
+GstFlowReturn memfd_pool_alloc_buffer(GstBufferPool *pool, GstBuffer **buffer, GstBufferPoolAcquireParams *)
 {
-    if (pool_) {
-        gst_buffer_pool_set_active(pool_, FALSE);
-        gst_object_unref(pool_);
-        pool_ = nullptr;
+    auto *self = reinterpret_cast<MemfdPool *>(pool);
+    int fd = memfd_create("zelisp-copy", MFD_CLOEXEC);
+    if (fd < 0)
+        return GST_FLOW_ERROR;
+    if (ftruncate(fd, off_t(self->size)) != 0) {
+        close(fd);
+        return GST_FLOW_ERROR;
     }
-    if (dmabuf_allocator_) {
-        gst_object_unref(dmabuf_allocator_);
-        dmabuf_allocator_ = nullptr;
+    GstMemory *memory = gst_dmabuf_allocator_alloc(self->allocator, fd, self->size);
+    if (!memory) {
+        close(fd);
+        return GST_FLOW_ERROR;
     }
+    *buffer = gst_buffer_new();
+    gst_buffer_append_memory(*buffer, memory);
+    return GST_FLOW_OK;
 }
 
-GstBuffer *CopyPool::copy(const void *data, gsize size, bool dmabuf)
+void memfd_pool_finalize(GObject *object)
 {
-    GstBuffer *buffer = nullptr;
+    gst_object_unref(reinterpret_cast<MemfdPool *>(object)->allocator);
+    G_OBJECT_CLASS(memfd_pool_parent_class)->finalize(object);
+}
+
+void memfd_pool_class_init(MemfdPoolClass *klass)
+{
+    G_OBJECT_CLASS(klass)->finalize = memfd_pool_finalize;
+    GST_BUFFER_POOL_CLASS(klass)->alloc_buffer = memfd_pool_alloc_buffer;
+}
+
+void memfd_pool_init(MemfdPool *self) { self->allocator = gst_dmabuf_allocator_new(); }
+
+} // namespace
+
+void CopyPool::reset()
+{
+    if (!pool_)
+        return;
+    gst_buffer_pool_set_active(pool_, FALSE);
+    gst_object_unref(pool_);
+    pool_ = nullptr;
+}
+
+bool CopyPool::make_pool(gsize size, bool dmabuf, int most)
+{
+    reset();
     if (dmabuf) {
-        // DMA-buf caps promise a descriptor: the copy goes into a memfd.
-        int fd = memfd_create("zelisp-copy", MFD_CLOEXEC);
-        if (fd < 0)
-            return nullptr;
-        if (ftruncate(fd, off_t(size)) != 0) {
-            close(fd);
-            return nullptr;
-        }
-        if (!dmabuf_allocator_)
-            dmabuf_allocator_ = gst_dmabuf_allocator_new();
-        GstMemory *memory = gst_dmabuf_allocator_alloc(dmabuf_allocator_, fd, size);
-        if (!memory) {
-            close(fd);
-            return nullptr;
-        }
-        buffer = gst_buffer_new();
-        gst_buffer_append_memory(buffer, memory);
+        auto *memfd_pool = static_cast<MemfdPool *>(g_object_new(memfd_pool_get_type(), nullptr));
+        memfd_pool->size = size;
+        pool_ = GST_BUFFER_POOL(gst_object_ref_sink(memfd_pool));
     } else {
-        if (!pool_ || pool_size_ != size) {
-            if (pool_) {
-                gst_buffer_pool_set_active(pool_, FALSE);
-                gst_object_unref(pool_);
-            }
-            pool_ = gst_buffer_pool_new();
-            pool_size_ = size;
-            GstStructure *config = gst_buffer_pool_get_config(pool_);
-            gst_buffer_pool_config_set_params(config, nullptr, guint(size), 2, 0);
-            if (!gst_buffer_pool_set_config(pool_, config) || !gst_buffer_pool_set_active(pool_, TRUE)) {
-                gst_object_unref(pool_);
-                pool_ = nullptr;
-                return nullptr;
-            }
-        }
-        if (gst_buffer_pool_acquire_buffer(pool_, &buffer, nullptr) != GST_FLOW_OK)
-            return nullptr;
+        pool_ = gst_buffer_pool_new();
     }
+    GstStructure *config = gst_buffer_pool_get_config(pool_);
+    gst_buffer_pool_config_set_params(config, nullptr, guint(size), 0, guint(most));
+    if (!gst_buffer_pool_set_config(pool_, config) || !gst_buffer_pool_set_active(pool_, TRUE)) {
+        gst_object_unref(pool_);
+        pool_ = nullptr;
+        return false;
+    }
+    pool_size_ = size;
+    pool_dmabuf_ = dmabuf;
+    pool_most_ = most;
+    return true;
+}
+
+CopyPool::Result CopyPool::copy(const void *data, gsize size, bool dmabuf, int most, GstBuffer **buffer)
+{
+    if (most <= 0)
+        return Result::Full;
+    if ((!pool_ || pool_size_ != size || pool_dmabuf_ != dmabuf || pool_most_ != most) &&
+        !make_pool(size, dmabuf, most))
+        return Result::Failed;
+    // Never wait for downstream to give a copy back: the camera would wait.
+    GstBufferPoolAcquireParams params{};
+    params.flags = GST_BUFFER_POOL_ACQUIRE_FLAG_DONTWAIT;
+    GstFlowReturn flow = gst_buffer_pool_acquire_buffer(pool_, buffer, &params);
+    if (flow == GST_FLOW_EOS)
+        return Result::Full;
+    if (flow != GST_FLOW_OK)
+        return Result::Failed;
     GstMapInfo map;
-    if (!gst_buffer_map(buffer, &map, GST_MAP_WRITE)) {
-        gst_buffer_unref(buffer);
-        return nullptr;
+    if (!gst_buffer_map(*buffer, &map, GST_MAP_WRITE)) {
+        gst_buffer_unref(*buffer);
+        return Result::Failed;
     }
     std::memcpy(map.data, data, size);
-    gst_buffer_unmap(buffer, &map);
-    return buffer;
+    gst_buffer_unmap(*buffer, &map);
+    return Result::Copied;
 }
 
 } // namespace gstzelisp

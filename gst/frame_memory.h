@@ -86,20 +86,30 @@ struct Stream::Frame {
 };
 
 // Copies used when downstream holds so many frames that the camera would
-// starve: one pool per view, of the view's image size.
+// starve: one pool per view, of the view's image size, holding at most
+// `most` copies. Memory stays flat however long downstream holds them.
 class CopyPool {
 public:
+    CopyPool() = default;
+    CopyPool(const CopyPool &) = delete;
+    CopyPool &operator=(const CopyPool &) = delete;
     ~CopyPool() { reset(); }
-    // Frees the pool (the stream stopped).
+    // Frees the pool (the stream stopped); copies still held downstream
+    // free themselves.
     void reset();
-    // A buffer holding a copy of `size` bytes from `data`; DMA-buf memory
-    // (a memfd) when the negotiated caps asked for it. NULL on failure.
-    GstBuffer *copy(const void *data, gsize size, bool dmabuf);
+    enum class Result { Copied, Full, Failed };
+    // A copy of `size` bytes from `data` in *buffer; DMA-buf memory (a
+    // memfd) when the negotiated caps asked for it. Full when `most` copies
+    // are held downstream already.
+    Result copy(const void *data, gsize size, bool dmabuf, int most, GstBuffer **buffer);
 
 private:
+    bool make_pool(gsize size, bool dmabuf, int most);
+
     GstBufferPool *pool_ = nullptr;
     gsize pool_size_ = 0;
-    GstAllocator *dmabuf_allocator_ = nullptr;
+    bool pool_dmabuf_ = false;
+    int pool_most_ = 0;
 };
 
 } // namespace gstzelisp

@@ -107,7 +107,15 @@ TEST_F(ZelispGroupSrcTest, PadsFollowTheCameraListAndBadTextsAreRefused)
 
 TEST_F(ZelispGroupSrcTest, AMissingMemberFailsTheStartWithTheLibraryWords)
 {
+    // Not listed by the platform: refused on the way to READY.
     launch("zelispgroupsrc name=g cameras=0,9 g.src_0 ! queue ! fakesink g.src_9 ! queue ! fakesink");
+    EXPECT_EQ(gst_element_set_state(pipeline_, GST_STATE_PLAYING), GST_STATE_CHANGE_FAILURE);
+    EXPECT_EQ(bus_error(), "camera 9 does not exist: the platform lists cameras 0,1,2,3");
+    gst_element_set_state(pipeline_, GST_STATE_NULL);
+    gst_object_unref(pipeline_);
+    // Listed, but its node cannot be opened: the library's words.
+    zsim::set_open_errno("/dev/video1", EACCES);
+    launch("zelispgroupsrc name=g cameras=0,1 g.src_0 ! queue ! fakesink g.src_1 ! queue ! fakesink");
     EXPECT_EQ(gst_element_set_state(pipeline_, GST_STATE_PLAYING), GST_STATE_CHANGE_FAILURE);
     EXPECT_EQ(bus_error(), "isp_group_open_video: a device node could not be opened, or the sensor bus could not be "
                            "taken (-9)");

@@ -41,8 +41,8 @@ TEST_F(ZelispSrcTest, RepeatedNullToPlayingToNullDeliversPaintedFramesAndClosesE
             EXPECT_EQ(gst_buffer_get_size(buffer), 1920u * 1080 * 3 / 2);
             gst_buffer_unref(buffer);
         }
-        EXPECT_EQ(harness_caps(harness),
-                  "video/x-raw, format=(string)NV12, width=(int)1920, height=(int)1080, framerate=(fraction)0/1");
+        EXPECT_EQ(harness_caps(harness), "video/x-raw, format=(string)NV12, colorimetry=(string)bt601, "
+                                         "width=(int)1920, height=(int)1080, framerate=(fraction)30/1");
         EXPECT_EQ(stats_field(harness->element, "frames"), 2u);
         ASSERT_EQ(gst_element_set_state(harness->element, GST_STATE_NULL), GST_STATE_CHANGE_SUCCESS);
         EXPECT_EQ(zsim::live_descriptors(), 0u) << "round " << round;
@@ -69,14 +69,17 @@ TEST_F(ZelispSrcTest, ABufferHeldPastNullKeepsItsMappingUntilReleased)
 
 TEST_F(ZelispSrcTest, CapsFollowEveryViewFormatTheDriverReports)
 {
+    // The driver describes its RGB as full-range SMPTE 170M, its YUV as
+    // BT.601 (limited range).
     struct Case {
         uint32_t fourcc;
         const char *format;
+        const char *colorimetry;
         size_t bytes;
     } cases[] = {
-        {zsim::kNV12, "NV12", 640 * 360 * 3 / 2}, {zsim::kNV21, "NV21", 640 * 360 * 3 / 2},
-        {zsim::kYUYV, "YUY2", 640 * 360 * 2},     {zsim::kGREY, "GRAY8", 640 * 360},
-        {zsim::kRGB24, "RGB", 640 * 360 * 3},
+        {zsim::kNV12, "NV12", "bt601", 640 * 360 * 3 / 2}, {zsim::kNV21, "NV21", "bt601", 640 * 360 * 3 / 2},
+        {zsim::kYUYV, "YUY2", "bt601", 640 * 360 * 2},     {zsim::kGREY, "GRAY8", "bt601", 640 * 360},
+        {zsim::kRGB24, "RGB", "1:1:16:4", 640 * 360 * 3},
     };
     for (const Case &c : cases) {
         zsim::CameraConfig config;
@@ -86,14 +89,15 @@ TEST_F(ZelispSrcTest, CapsFollowEveryViewFormatTheDriverReports)
         GstBuffer *buffer = gst_harness_pull(harness);
         ASSERT_NE(buffer, nullptr) << c.format;
         EXPECT_EQ(harness_caps(harness), std::string("video/x-raw, format=(string)") + c.format +
-                                             ", width=(int)640, height=(int)360, framerate=(fraction)0/1");
+                                             ", colorimetry=(string)" + c.colorimetry +
+                                             ", width=(int)640, height=(int)360, framerate=(fraction)30/1");
         EXPECT_EQ(gst_buffer_get_size(buffer), c.bytes) << c.format;
         GstVideoMeta *meta = gst_buffer_get_video_meta(buffer);
         ASSERT_NE(meta, nullptr);
         EXPECT_EQ(meta->stride[0], c.fourcc == zsim::kYUYV ? 1280 : c.fourcc == zsim::kRGB24 ? 1920 : 640);
-        if (c.fourcc == zsim::kNV12 || c.fourcc == zsim::kGREY) {
-            EXPECT_EQ(painted_number(buffer, 640, 360), 5u) << c.format;
-        }
+        GstCaps *caps = gst_pad_get_current_caps(harness->sinkpad);
+        EXPECT_EQ(painted_number(buffer, caps), 5u) << c.format;
+        gst_caps_unref(caps);
         gst_buffer_unref(buffer);
         gst_harness_teardown(harness);
     }
@@ -330,8 +334,9 @@ TEST_F(ZelispSrcTest, LibraryFailuresPostTheCallAndTheLibraryWords)
         std::function<void()> fault;
         const char *error;
     } cases[] = {
-        {"zelispsrc camera=7", [] {},
-         "isp_open_video: camera 7 could not be opened in mode 1 (see the library's line above)"},
+        {"zelispsrc camera=7", [] {}, "camera 7 does not exist: the platform lists cameras 0,1,2,3"},
+        {"zelispsrc camera=2", [] { zsim::set_open_errno("/dev/video2", EACCES); },
+         "isp_open_video: camera 2 could not be opened in mode 1 (see the library's line before)"},
         {"zelispsrc camera=0", [] { zsim::fail_request(VIDIOC_REQBUFS, 1, EIO); },
          "isp_init_video: a driver request failed, or the frame was refused (-11)"},
         {"zelispsrc camera=0 drop=30/7", [] {},

@@ -376,15 +376,23 @@ bool Source::wait_until_playing()
 {
     std::unique_lock<std::mutex> lock(live_lock_);
     live_changed_.wait(lock, [this] { return playing_ || stopping_ || eos_pending_; });
-    if (resumes_ != resumes_seen_) {
-        // Frames captured before the resume belong to the pause: the
-        // running time has moved on without them.
-        resumes_seen_ = resumes_;
-        resume_floor_us_ = resumed_at_us_;
-        resumed_ = have_sequence_;
-    }
+    note_resume();
     return !stopping_;
 }
+
+// A pause and resume may come and go while the thread waits for the
+// sensor, unseen: checked again with every set taken. Frames captured
+// before the resume belong to the pause: the running time has moved on
+// without them. With live_lock_ held.
+void Source::note_resume()
+{
+    if (resumes_ == resumes_seen_)
+        return;
+    resumes_seen_ = resumes_;
+    resume_floor_us_ = resumed_at_us_;
+    resumed_ = have_sequence_;
+}
+
 // Waits until every camera of the set has a filled buffer waiting.
 WaitResult Source::wait_for_all(int timeout, gint64 deadline)
 {
@@ -555,6 +563,10 @@ void Source::loop()
     if (flow != GST_FLOW_OK)
         return pause_streaming(flow);
     refresh_outputs();
+    {
+        std::lock_guard<std::mutex> guard(live_lock_);
+        note_resume();
+    }
     if (captured_before_resume(set)) {
         GST_LOG_OBJECT(element_, "frame %u was captured before the resume: not pushed",
                        set.frames[0].views[streaming_outputs_[0]->output.view].sequence);

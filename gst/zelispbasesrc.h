@@ -162,6 +162,7 @@ protected:
 private:
     bool start_pads();
     bool wait_until_playing();
+    void note_resume();
     void wake_streaming_thread(gboolean woken);
     GstFlowReturn take_set(FrameSet *set);
     WaitResult wait_for_all(int timeout_ms, gint64 deadline);

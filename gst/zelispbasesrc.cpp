@@ -232,6 +232,20 @@ bool Source::set_up()
         gst_poll_fd_init(&fds[i]);
         fds[i].fd = int(fd);
     }
+    // The frames' own mappings, so that the camera closes at once when the
+    // element stops, whatever downstream still holds.
+    for (unsigned long handle : handles) {
+        std::vector<int> views;
+        GST_OBJECT_LOCK(element_);
+        for (auto &output : outputs_)
+            if (std::find(views.begin(), views.end(), output->output.view) == views.end())
+                views.push_back(output->output.view);
+        GST_OBJECT_UNLOCK(element_);
+        std::shared_ptr<PlaneMaps> planes = PlaneMaps::map(handle, views);
+        if (!planes)
+            GST_INFO_OBJECT(element_, "a plane has no export that maps: frames held past the stop keep the camera open");
+        stream->use_planes(handle, std::move(planes));
+    }
     GstPoll *poll = gst_poll_new(TRUE);
     poll_fds_ = std::move(fds);
     for (auto &fd : poll_fds_)

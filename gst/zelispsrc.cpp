@@ -350,6 +350,22 @@ bool is_resized(const zelvideo::_resize_param_t &resize)
     return std::memcmp(&resize, &none, sizeof none) != 0;
 }
 
+// The size the ISP gives view 1 after a crop, scale, crop: the last step
+// that has a size. Checked against the driver once the stream is set up.
+void resized_size(const zelvideo::_resize_param_t &resize, zelvideo::_view_format_t *format)
+{
+    if (resize.cropAfter.width && resize.cropAfter.height) {
+        format->width = resize.cropAfter.width;
+        format->height = resize.cropAfter.height;
+    } else if (resize.scale.width && resize.scale.height) {
+        format->width = resize.scale.width;
+        format->height = resize.scale.height;
+    } else if (resize.cropBefore.width && resize.cropBefore.height) {
+        format->width = resize.cropBefore.width;
+        format->height = resize.cropBefore.height;
+    }
+}
+
 } // namespace
 
 struct CameraSource::Settings {
@@ -396,7 +412,9 @@ bool CameraSource::negotiate(unsigned long opened, const Settings &settings, con
             return false;
         }
         // The resize decides view 1's size; mode 2 has one fixed plane.
-        if (!(resized && output.output.view == 1) && settings.mode == 1) {
+        if (resized && output.output.view == 1) {
+            resized_size(settings.resize, &offer.current);
+        } else if (settings.mode == 1) {
             offer.formats = facts.fourccs;
             offer.sizes = facts.sizes;
         }

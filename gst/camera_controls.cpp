@@ -4,6 +4,7 @@
 #include <mutex>
 
 #include "element_support.h"
+#include "library_messages.h"
 #include "zelisp.h"
 
 namespace gstzelisp {
@@ -267,6 +268,7 @@ bool CameraTuning::set(int control, const GValue *value, std::string *refusal)
     unsigned long handle = handle_;
     GST_OBJECT_UNLOCK(owner_);
     store_value(control, value, &candidate);
+    LibraryCalls calls(owner_, false); // a refusal is the property's warning
     if (stream) {
         const char *call = "";
         int result;
@@ -296,6 +298,7 @@ void CameraTuning::get(int control, GValue *value)
         stream->ref();
     unsigned long handle = handle_;
     GST_OBJECT_UNLOCK(owner_);
+    LibraryCalls calls(owner_, false);
     if (stream) {
         // What the driver holds, not what was asked for.
         const char *call = "";

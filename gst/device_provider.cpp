@@ -17,6 +17,7 @@
 #include "caps_negotiation.h"
 #include "element_support.h"
 #include "formats.h"
+#include "library_messages.h"
 #include "node_queries.h"
 #include "zelisp.h"
 
@@ -105,8 +106,9 @@ GstDevice *camera_device(int camera)
     return GST_DEVICE(device);
 }
 
-GList *probe(GstDeviceProvider *)
+GList *probe(GstDeviceProvider *provider)
 {
+    LibraryCalls calls(GST_OBJECT(provider), false);
     std::vector<int> cameras;
     if (!platform_cameras(&cameras))
         return nullptr;

@@ -2,6 +2,8 @@
 // source elements.
 #include "element_support.h"
 
+#include "library_messages.h"
+
 #include <sys/mman.h>
 #include <sys/stat.h>
 
@@ -17,7 +19,9 @@ std::string library_error_text(const char *call, int result)
 void post_library_error(GstElement *element, const char *call, int result)
 {
     std::string text = library_error_text(call, result);
-    GST_ELEMENT_ERROR(element, RESOURCE, FAILED, ("%s", text.c_str()), (nullptr));
+    std::string lines = library_lines();
+    GST_ELEMENT_ERROR(element, RESOURCE, FAILED, ("%s", text.c_str()),
+                      ("%s", lines.empty() ? "the library printed nothing" : lines.c_str()));
 }
 
 void refuse_property(GObject *object, const char *property, const std::string &reason)

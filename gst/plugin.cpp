@@ -3,6 +3,7 @@
 #include <gst/gst.h>
 
 #include "device_provider.h"
+#include "library_messages.h"
 #include "zelispgroupsrc.h"
 #include "zelispsrc.h"
 
@@ -14,6 +15,9 @@
 
 static gboolean plugin_init(GstPlugin *plugin)
 {
+    // Before any element calls the library: none of its lines may reach
+    // standard output, which may carry the video.
+    gstzelisp::route_library_messages();
     // Above v4l2src's primary rank, which would otherwise be tried first
     // (ranks tie, then names sort) and open the ISP's nodes as plain V4L2
     // devices. Where no camera exists zelispsrc fails on its way to READY and

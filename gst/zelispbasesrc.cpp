@@ -35,6 +35,7 @@
 #include <algorithm>
 
 #include "formats.h"
+#include "library_messages.h"
 
 GST_DEBUG_CATEGORY_STATIC(zelispbasesrc_debug);
 #define GST_CAT_DEFAULT zelispbasesrc_debug
@@ -543,6 +544,9 @@ void Source::pause_streaming(GstFlowReturn flow)
 
 void Source::loop()
 {
+    // The frame loop's lines (a refused frame) are logged; what matters is
+    // counted in stats or posted as the error.
+    LibraryCalls calls(GST_OBJECT(element_), false);
     if (!wait_until_playing())
         return pause_streaming(GST_FLOW_FLUSHING);
     if (!capturing_) {
@@ -726,6 +730,7 @@ void stream_loop(gpointer element) { source_of(element).loop(); }
 GstStateChangeReturn change_state(GstElement *element, GstStateChange transition)
 {
     Source &source = source_of(element);
+    LibraryCalls calls(GST_OBJECT(element), true);
     switch (transition) {
     case GST_STATE_CHANGE_NULL_TO_READY:
         if (!source.check_present())

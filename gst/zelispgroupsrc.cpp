@@ -24,6 +24,7 @@
 #include "element_support.h"
 #include "formats.h"
 #include "group_member.h"
+#include "library_messages.h"
 #include "node_queries.h"
 #include "property_syntax.h"
 #include "zelisp.h"
@@ -252,22 +253,23 @@ bool GroupSource::check_present()
 }
 
 // A trigger the driver refuses leaves the sensors free-running: the group
-// still streams, but its sets are no longer captured together.
+// still streams, but its sets are no longer captured together. The library
+// returns 0 even then; the refusal is only its line.
 bool GroupSource::set_trigger(unsigned long group)
 {
     if (trigger.mode == TriggerSetting::None)
         return false;
     const bool internal = trigger.mode == TriggerSetting::Internal;
     const char *call = internal ? "isp_group_set_internal_trigger" : "isp_group_set_external_trigger";
+    LibraryCalls calls(GST_OBJECT(element_), false);
     int result = internal
                      ? isp_group_set_internal_trigger(group, trigger.param[0], trigger.param[1], trigger.param[2])
                      : isp_group_set_external_trigger(group, trigger.param[0], trigger.param[1], trigger.param[2]);
-    if (result == ISP_OK)
+    if (result == ISP_OK && calls.failures().empty())
         return true;
-    std::string text = library_error_text(call, result);
+    std::string why = result != ISP_OK ? library_error_text(call, result) : call + std::string(": ") + library_lines();
     GST_ELEMENT_WARNING(element_, RESOURCE, SETTINGS,
-                        ("%s: the cameras run free, their frames are not captured together", text.c_str()),
-                        (nullptr));
+                        ("%s: the cameras run free, their frames are not captured together", why.c_str()), (nullptr));
     return false;
 }
 

@@ -29,6 +29,7 @@
 #include "caps_negotiation.h"
 #include "element_support.h"
 #include "formats.h"
+#include "library_messages.h"
 #include "node_queries.h"
 #include "property_syntax.h"
 #include "zelisp.h"
@@ -533,9 +534,10 @@ Stream *CameraSource::open(std::vector<unsigned long> *handles)
     }
     unsigned long opened = isp_open_video(uint32_t(settings.camera), settings.mode);
     if (opened == 0) {
+        std::string lines = library_lines();
         GST_ELEMENT_ERROR(element_, RESOURCE, OPEN_READ_WRITE,
-                          ("isp_open_video: camera %d could not be opened in mode %d (see the library's line before)",
-                           settings.camera, settings.mode),
+                          ("isp_open_video: camera %d could not be opened in mode %d%s%s", settings.camera,
+                           settings.mode, lines.empty() ? "" : ": ", lines.c_str()),
                           (nullptr));
         return nullptr;
     }

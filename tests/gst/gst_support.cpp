@@ -1,6 +1,8 @@
 // gst_support.cpp - GStreamer set-up and readers for the plugin's tests.
 #include "gst_support.h"
 
+#include "library_messages.h"
+
 #include <gst/video/video.h>
 #include <unistd.h>
 
@@ -45,6 +47,9 @@ void GstTest::SetUp()
 {
     SimTest::SetUp();
     start_gstreamer();
+    // As the plugin does when it loads (the fixture's teardown gives the
+    // console back after every test).
+    gstzelisp::route_library_messages();
     clear_warnings();
 }
 

@@ -347,7 +347,7 @@ TEST_F(ZelispSrcTest, LibraryFailuresPostTheCallAndTheLibraryWords)
     } cases[] = {
         {"zelispsrc camera=7", [] {}, "camera 7 does not exist: the platform lists cameras 0,1,2,3"},
         {"zelispsrc camera=2", [] { zsim::set_open_errno("/dev/video2", EACCES); },
-         "isp_open_video: camera 2 could not be opened in mode 1 (see the library's line before)"},
+         "isp_open_video: camera 2 could not be opened in mode 1: video device /dev/video2 open failed"},
         {"zelispsrc camera=0", [] { zsim::fail_request(VIDIOC_REQBUFS, 1, EIO); },
          "isp_init_video: a driver request failed, or the frame was refused (-11)"},
         {"zelispsrc camera=0 drop=30/7", [] {},

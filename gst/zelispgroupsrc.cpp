@@ -90,7 +90,7 @@ public:
 
 private:
     bool set_trigger(unsigned long group);
-    bool set_up_member(int camera, PadOutput &output, unsigned long *handle);
+    bool set_up_member(int camera, PadOutput &output, unsigned long handle);
 
     unsigned long group_ = 0;
     std::vector<unsigned long> handles_; // of the members, in pad order
@@ -316,15 +316,11 @@ void GroupSource::stream_closing()
 
 // A member's pad offers the format and size its driver reports, with the
 // colorimetry and rate of its node: downstream takes that or nothing.
-bool GroupSource::set_up_member(int camera, PadOutput &output, unsigned long *handle)
+bool GroupSource::set_up_member(int camera, PadOutput &output, unsigned long handle)
 {
-    int result = isp_group_get_camera_handle(group_, camera, handle);
-    if (result != ISP_OK) {
-        post_library_error(element_, "isp_group_get_camera_handle", result);
-        return false;
-    }
     output.output.view = views.front();
-    if ((result = isp_get_view_format(*handle, uint32_t(output.output.view), &output.output.format)) != ISP_OK) {
+    int result = isp_get_view_format(handle, uint32_t(output.output.view), &output.output.format);
+    if (result != ISP_OK) {
         post_library_error(element_, "isp_get_view_format", result);
         return false;
     }
@@ -336,7 +332,7 @@ bool GroupSource::set_up_member(int camera, PadOutput &output, unsigned long *ha
         return false;
     }
     int64_t fd = -1;
-    if ((result = isp_camera_get_native_fd(*handle, &fd)) != ISP_OK) {
+    if ((result = isp_camera_get_native_fd(handle, &fd)) != ISP_OK) {
         post_library_error(element_, "isp_camera_get_native_fd", result);
         return false;
     }
@@ -400,25 +396,29 @@ Stream *GroupSource::open(std::vector<unsigned long> *handles)
         return fail("isp_group_open_video", result);
     triggered_ = set_trigger(group);
     skew_warned_ = false;
-    if ((result = isp_group_init_video(group, combination_of(views), uint32_t(buffers))) != ISP_OK)
-        return fail("isp_group_init_video", result);
     group_ = group;
     handles->assign(cameras.size(), 0);
+    for (size_t i = 0; i < cameras.size(); ++i) {
+        if ((result = isp_group_get_camera_handle(group, cameras[i], &(*handles)[i])) != ISP_OK)
+            return fail("isp_group_get_camera_handle", result);
+        // Before the buffers: the first frame set is already tuned.
+        for (const std::string &refusal :
+             gst_zelisp_group_member_tuning(tuned[i]).send_requested((*handles)[i]))
+            GST_ELEMENT_WARNING(element_, RESOURCE, SETTINGS, ("camera %d: %s", cameras[i], refusal.c_str()),
+                                (nullptr));
+    }
+    if ((result = isp_group_init_video(group, combination_of(views), uint32_t(buffers))) != ISP_OK)
+        return fail("isp_group_init_video", result);
     for (size_t i = 0; i < cameras.size(); ++i)
-        if (!set_up_member(cameras[i], *outputs[i], &(*handles)[i]))
+        if (!set_up_member(cameras[i], *outputs[i], (*handles)[i]))
             return fail(nullptr, 0);
     handles_ = *handles;
     Stream *stream = Stream::create([group] {
         isp_group_close_video(group);
         isp_destroy_video_group(group);
     });
-    for (size_t i = 0; i < tuned.size() && i < handles_.size(); ++i) {
-        CameraTuning &tuning = gst_zelisp_group_member_tuning(tuned[i]);
-        for (const std::string &refusal : tuning.send_requested(handles_[i]))
-            GST_ELEMENT_WARNING(element_, RESOURCE, SETTINGS, ("camera %d: %s", cameras[i], refusal.c_str()),
-                                (nullptr));
-        tuning.attach(stream, handles_[i]);
-    }
+    for (size_t i = 0; i < tuned.size(); ++i)
+        gst_zelisp_group_member_tuning(tuned[i]).attach(stream, handles_[i]);
     release_members();
     return stream;
 }
@@ -462,9 +462,27 @@ static guint children_count(GstChildProxy *proxy)
     return count;
 }
 
+// A path may start with the group's own name, as it does when it is
+// looked up from the pipeline ("g::cam2::brightness"): the same path then
+// also works as a property of the element in a launch line.
+static GObject *child_by_name(GstChildProxy *proxy, const gchar *name)
+{
+    if (g_strcmp0(name, GST_OBJECT_NAME(proxy)) == 0)
+        return G_OBJECT(gst_object_ref(proxy));
+    GroupSource &s = source_of(proxy);
+    GObject *child = nullptr;
+    GST_OBJECT_LOCK(proxy);
+    for (GstZelispGroupMember *member : s.members)
+        if (!child && g_strcmp0(name, GST_OBJECT_NAME(member)) == 0)
+            child = G_OBJECT(gst_object_ref(member));
+    GST_OBJECT_UNLOCK(proxy);
+    return child;
+}
+
 static void gst_zelisp_group_src_child_proxy_init(GstChildProxyInterface *iface)
 {
     iface->get_child_by_index = child_by_index;
+    iface->get_child_by_name = child_by_name;
     iface->get_children_count = children_count;
 }
 

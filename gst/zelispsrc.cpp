@@ -562,10 +562,11 @@ Stream *CameraSource::open(std::vector<unsigned long> *handles)
         return fail(nullptr, 0);
     if (ratio.drop != 0 && (result = isp_set_frame_drop_num(opened, ratio.total, ratio.drop)) != ISP_OK)
         return fail("isp_set_frame_drop_num", result);
-    if ((result = isp_init_video(opened, combination, settings.buffers)) != ISP_OK)
-        return fail("isp_init_video", result);
+    // Before the buffers: the first frame is already tuned.
     for (const std::string &refusal : tuning.send_requested(opened))
         GST_ELEMENT_WARNING(element_, RESOURCE, SETTINGS, ("%s", refusal.c_str()), (nullptr));
+    if ((result = isp_init_video(opened, combination, settings.buffers)) != ISP_OK)
+        return fail("isp_init_video", result);
     for (auto &output : outputs)
         if (!set_up_view(opened, *output, resized))
             return fail(nullptr, 0);

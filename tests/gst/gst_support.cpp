@@ -232,6 +232,17 @@ std::string descriptor_target(int fd)
     return length > 0 ? std::string(target, size_t(length)) : "";
 }
 
+bool eventually(const std::function<bool()> &done)
+{
+    const gint64 until = g_get_monotonic_time() + 60 * G_TIME_SPAN_SECOND;
+    while (!done()) {
+        if (g_get_monotonic_time() > until)
+            return false;
+        g_usleep(1000);
+    }
+    return true;
+}
+
 std::string caps_field(GstCaps *caps, const char *field)
 {
     const GValue *value = gst_structure_get_value(gst_caps_get_structure(caps, 0), field);

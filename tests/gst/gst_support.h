@@ -11,6 +11,7 @@
 #include <gst/check/gstharness.h>
 #include <gst/gst.h>
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -59,6 +60,10 @@ std::vector<int> rgb_at(GstBuffer *buffer, GstCaps *caps, int x, int y);
 std::string mapping_of(const void *address);
 // What a descriptor refers to (/proc/self/fd).
 std::string descriptor_target(int fd);
+
+// Whether `done` becomes true within a generous minute, for what the
+// streaming thread does with no sign of its own (a frame dropped).
+bool eventually(const std::function<bool()> &done);
 
 // A field of a caps' first structure, as text.
 std::string caps_field(GstCaps *caps, const char *field);

@@ -183,7 +183,10 @@ gboolean Source::query(GstPad *pad, GstObject *parent, GstQuery *query)
 }
 
 // Stream start, the caps negotiated at set-up and segment on every pad.
-bool Source::start_pads()
+// Downstream agreed to the caps already; one that changed its mind since
+// refuses the first buffer (not-negotiated), and a pad flushing on the way
+// down refuses the events: neither is for here to judge.
+void Source::start_pads()
 {
     refresh_outputs();
     guint group_id = gst_util_group_id_next();
@@ -196,19 +199,11 @@ bool Source::start_pads()
         g_free(id);
         GST_DEBUG_OBJECT(element_, "%s: %s in %s memory: %" GST_PTR_FORMAT, GST_PAD_NAME(output->pad),
                          output->label.c_str(), output->output.dmabuf ? "DMA-buf" : "system", output->caps);
-        if (!gst_pad_push_event(output->pad, gst_event_new_caps(output->caps)) && gst_pad_is_linked(output->pad) &&
-            !output->released) {
-            GST_ELEMENT_ERROR(element_, CORE, NEGOTIATION,
-                              ("%s: downstream refused the caps it agreed to at set-up: %s", GST_PAD_NAME(output->pad),
-                               gst_caps_to_string(output->caps)),
-                              (nullptr));
-            return false;
-        }
+        gst_pad_push_event(output->pad, gst_event_new_caps(output->caps));
         GstSegment segment;
         gst_segment_init(&segment, GST_FORMAT_TIME);
         gst_pad_push_event(output->pad, gst_event_new_segment(&segment));
     }
-    return true;
 }
 
 // ---- Set-up, live state and teardown ----
@@ -564,8 +559,7 @@ void Source::loop()
         capturing_ = true;
     }
     if (!started_pads_) {
-        if (!start_pads())
-            return pause_streaming(GST_FLOW_NOT_NEGOTIATED);
+        start_pads();
         started_pads_ = true;
     }
     GST_OBJECT_LOCK(element_);

@@ -160,7 +160,7 @@ protected:
     GstElement *element_;
 
 private:
-    bool start_pads();
+    void start_pads();
     bool wait_until_playing();
     void note_resume();
     void wake_streaming_thread(gboolean woken);

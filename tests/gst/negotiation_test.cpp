@@ -11,9 +11,12 @@
 namespace zelisp_gst_test {
 namespace {
 
+// A frame with no painted number.
+constexpr uint32_t kUnreadable = UINT32_MAX;
+
 struct Received {
     std::string caps;
-    std::vector<uint32_t> numbers; // painted frame numbers, 0 when unreadable
+    std::vector<uint32_t> numbers; // painted frame numbers, kUnreadable when there is none
     std::vector<std::vector<int>> green; // RGB of the green bar, RGB caps only
 };
 
@@ -57,7 +60,7 @@ protected:
             received.caps = text;
             g_free(text);
             GstBuffer *buffer = gst_sample_get_buffer(sample);
-            received.numbers.push_back(painted_number(buffer, caps).value_or(0));
+            received.numbers.push_back(painted_number(buffer, caps).value_or(kUnreadable));
             GstStructure *structure = gst_caps_get_structure(caps, 0);
             if (g_strcmp0(gst_structure_get_string(structure, "format"), "RGB") == 0) {
                 int width = 0, height = 0;
@@ -122,7 +125,7 @@ TEST_F(NegotiationTest, ColorimetryIsTheDriversSoEveryViewDecodesToTheSameColour
     received = receive(1);
     EXPECT_EQ(received.caps, "video/x-raw, format=(string)RGB, colorimetry=(string)sRGB, width=(int)640, "
                              "height=(int)360, framerate=(fraction)30/1");
-    EXPECT_NE(received.numbers[0], 0u);
+    EXPECT_NE(received.numbers[0], kUnreadable);
 
     GstElement *element = gst_element_factory_make("zelispsrc", "cam");
     g_object_set(element, "colorimetry", "bt7O9", nullptr);
@@ -243,7 +246,7 @@ TEST_F(NegotiationTest, BackInReadyTheNextStartNegotiatesAgain)
     EXPECT_EQ(second.caps, "video/x-raw, format=(string)GRAY8, colorimetry=(string)bt601, width=(int)1280, "
                            "height=(int)720, framerate=(fraction)15/1");
     ASSERT_EQ(second.numbers.size(), 2u);
-    EXPECT_NE(second.numbers[0], 0u);
+    EXPECT_NE(second.numbers[0], kUnreadable);
     EXPECT_EQ(second.numbers[1], second.numbers[0] + 2); // every other frame
 }
 
@@ -253,7 +256,7 @@ TEST_F(NegotiationTest, AResizedViewComesAtTheSizeTheResizeMakes)
     Received received = receive(1);
     EXPECT_EQ(received.caps, "video/x-raw, format=(string)NV12, colorimetry=(string)bt601, width=(int)640, "
                              "height=(int)360, framerate=(fraction)30/1");
-    EXPECT_NE(received.numbers[0], 0u);
+    EXPECT_NE(received.numbers[0], kUnreadable);
     stop();
     launch("zelispsrc view=1 resize=0,0,1280,720:640,360 ! video/x-raw,width=1280 ! fakesink");
     EXPECT_EQ(gst_element_set_state(pipeline_, GST_STATE_PLAYING), GST_STATE_CHANGE_FAILURE);

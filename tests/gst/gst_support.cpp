@@ -53,7 +53,14 @@ void GstTest::SetUp()
     clear_warnings();
 }
 
-void GstTest::TearDown() { SimTest::TearDown(); }
+void GstTest::TearDown()
+{
+    // A frame comes back on whichever thread drops it last, and a
+    // pipeline's last reference may be a GStreamer thread's for a moment
+    // after the test let go: its frames' mappings follow shortly.
+    eventually([] { return zsim::live_descriptors() == 0 && zsim::live_mappings() == 0; });
+    SimTest::TearDown();
+}
 
 std::vector<std::string> GstTest::warnings() const
 {

@@ -83,9 +83,18 @@ void Stream::unref()
     delete this;
 }
 
+int &Stream::Returns::held_of(unsigned long handle)
+{
+    for (auto &[camera, count] : held)
+        if (camera == handle)
+            return count;
+    held.emplace_back(handle, 0);
+    return held.back().second;
+}
+
 void Stream::use_planes(unsigned long handle, std::shared_ptr<PlaneMaps> planes)
 {
-    planes_[handle] = std::move(planes);
+    planes_.emplace_back(handle, std::move(planes));
 }
 
 void Stream::stop()
@@ -97,30 +106,31 @@ void Stream::stop()
 
 void Stream::put_back_released()
 {
-    std::vector<std::pair<unsigned long, zelvideo::_isp_buf_t>> frames;
     {
         std::lock_guard<std::mutex> guard(returns_->lock);
-        frames.swap(returns_->returned);
+        giving_back_.swap(returns_->returned);
     }
-    for (const auto &[handle, buf] : frames)
+    for (const auto &[handle, buf] : giving_back_)
         isp_put_frame_buf(handle, &buf);
+    giving_back_.clear();
 }
 
 int Stream::held(unsigned long handle)
 {
     std::lock_guard<std::mutex> guard(returns_->lock);
-    auto found = returns_->held.find(handle);
-    return found == returns_->held.end() ? 0 : found->second;
+    return returns_->held_of(handle);
 }
 
 Stream::Frame *Stream::hold(unsigned long handle, const zelvideo::_isp_buf_t &buf)
 {
     {
         std::lock_guard<std::mutex> guard(returns_->lock);
-        ++returns_->held[handle];
+        ++returns_->held_of(handle);
     }
-    auto found = planes_.find(handle);
-    std::shared_ptr<PlaneMaps> planes = found == planes_.end() ? nullptr : found->second;
+    std::shared_ptr<PlaneMaps> planes;
+    for (const auto &[camera, maps] : planes_)
+        if (camera == handle)
+            planes = maps;
     if (!planes)
         ref();
     return new Frame{returns_, planes, planes ? nullptr : this, handle, buf, {1}};
@@ -134,7 +144,7 @@ void Stream::frame_released(Frame *frame)
         return;
     {
         std::lock_guard<std::mutex> guard(frame->returns->lock);
-        --frame->returns->held[frame->handle];
+        --frame->returns->held_of(frame->handle);
         if (frame->returns->running)
             frame->returns->returned.emplace_back(frame->handle, frame->buf);
     }

@@ -28,7 +28,6 @@
 #include <array>
 #include <atomic>
 #include <functional>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -99,7 +98,10 @@ private:
         std::mutex lock;
         bool running = true;
         std::vector<std::pair<unsigned long, zelvideo::_isp_buf_t>> returned;
-        std::map<unsigned long, int> held;
+        // Frames out, by camera handle: a handful of cameras, searched in
+        // order.
+        std::vector<std::pair<unsigned long, int>> held;
+        int &held_of(unsigned long handle);
     };
 
     explicit Stream(std::function<void()> close) : close_(std::move(close)) {}
@@ -111,7 +113,10 @@ private:
     std::function<void()> close_;
     std::mutex library_;
     std::shared_ptr<Returns> returns_ = std::make_shared<Returns>();
-    std::map<unsigned long, std::shared_ptr<PlaneMaps>> planes_;
+    // Taken from returns_ and given back in turns, so that neither list
+    // allocates once it has grown (streaming thread).
+    std::vector<std::pair<unsigned long, zelvideo::_isp_buf_t>> giving_back_;
+    std::vector<std::pair<unsigned long, std::shared_ptr<PlaneMaps>>> planes_;
     GstAllocator *dmabuf_allocator_ = nullptr;
 };
 

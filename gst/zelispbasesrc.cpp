@@ -33,6 +33,7 @@
 #include "zelispbasesrc.h"
 
 #include <algorithm>
+#include <array>
 
 #include "formats.h"
 #include "library_messages.h"
@@ -629,7 +630,9 @@ void Source::push_set(FrameSet &set)
     }
     GstFlowReturn flow = GST_FLOW_OK;
     bool no_copy_left = false;
-    std::vector<GstBuffer *> out;
+    // A pad per view (three) or per member (eight) at most.
+    std::array<GstBuffer *, kMostFramesInSet> out{};
+    size_t made = 0;
     for (auto &output : outputs) {
         bool copy_limit = false;
         GstBuffer *buffer = output->eos ? nullptr
@@ -648,14 +651,14 @@ void Source::push_set(FrameSet &set)
                               (nullptr));
             flow = GST_FLOW_ERROR;
         }
-        out.push_back(buffer);
+        out[made++] = buffer;
     }
     for (size_t i = 0; i < set.count; ++i)
         stream_->done(frames[i]);
     if (flow != GST_FLOW_OK || no_copy_left) {
-        for (GstBuffer *buffer : out)
-            if (buffer)
-                gst_buffer_unref(buffer);
+        for (size_t i = 0; i < made; ++i)
+            if (out[i])
+                gst_buffer_unref(out[i]);
         if (flow != GST_FLOW_OK)
             return pause_streaming(flow);
         // Downstream holds every copy: this set is lost, the camera keeps

@@ -545,6 +545,16 @@ void Source::loop()
     LibraryCalls calls(GST_OBJECT(element_), false);
     if (!wait_until_playing())
         return pause_streaming(GST_FLOW_FLUSHING);
+    if (!started_pads_) {
+        start_pads();
+        started_pads_ = true;
+    }
+    GST_OBJECT_LOCK(element_);
+    int most = num_buffers;
+    GST_OBJECT_UNLOCK(element_);
+    // Also an EOS sent before the first frame: the camera need not start.
+    if (eos_pending_ || (most >= 0 && pushed_ >= guint64(most)))
+        return pause_streaming(GST_FLOW_EOS);
     if (!capturing_) {
         const char *call = "";
         int result;
@@ -559,15 +569,6 @@ void Source::loop()
         }
         capturing_ = true;
     }
-    if (!started_pads_) {
-        start_pads();
-        started_pads_ = true;
-    }
-    GST_OBJECT_LOCK(element_);
-    int most = num_buffers;
-    GST_OBJECT_UNLOCK(element_);
-    if (eos_pending_ || (most >= 0 && pushed_ >= guint64(most)))
-        return pause_streaming(GST_FLOW_EOS);
 
     FrameSet set;
     GstFlowReturn flow = take_set(&set);

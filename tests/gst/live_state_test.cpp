@@ -3,6 +3,7 @@
 // (prerolling sinks that sync to the clock, an appsink nobody pulls, a
 // released pad), and time moves on across a pause.
 #include <gst/app/gstappsink.h>
+#include <linux/videodev2.h>
 
 #include <condition_variable>
 #include <mutex>
@@ -202,6 +203,23 @@ TEST_F(LiveStateTest, NullFromPlayingAtAnyMomentWhateverDownstreamDoes)
         EXPECT_EQ(zsim::live_descriptors(), 0u) << downstream.description;
         EXPECT_EQ(zsim::live_mappings(), 0u) << downstream.description;
     }
+}
+
+TEST_F(LiveStateTest, AnEosSentBeforeTheFirstFrameEndsTheStreamWithoutStartingTheCamera)
+{
+    launch("zelispsrc name=s ! fakesink");
+    ASSERT_EQ(set_state(GST_STATE_PAUSED), GST_STATE_CHANGE_NO_PREROLL);
+    EXPECT_TRUE(gst_element_send_event(pipeline_, gst_event_new_eos()));
+    ASSERT_NE(gst_element_set_state(pipeline_, GST_STATE_PLAYING), GST_STATE_CHANGE_FAILURE);
+    GstBus *bus = gst_element_get_bus(pipeline_);
+    GstMessage *message =
+        gst_bus_timed_pop_filtered(bus, 60 * GST_SECOND, GstMessageType(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
+    ASSERT_NE(message, nullptr);
+    EXPECT_EQ(GST_MESSAGE_TYPE(message), GST_MESSAGE_EOS);
+    gst_message_unref(message);
+    gst_object_unref(bus);
+    EXPECT_TRUE(pushed().empty());
+    EXPECT_TRUE(zsim::requests(VIDIOC_STREAMON).empty());
 }
 
 TEST_F(LiveStateTest, ARequestPadReleasedWhileStreamingLeavesTheOthersStreaming)

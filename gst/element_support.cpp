@@ -3,6 +3,7 @@
 #include "element_support.h"
 
 #include "library_messages.h"
+#include "property_syntax.h"
 
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -46,14 +47,6 @@ bool platform_cameras(std::vector<int> *cameras)
     return true;
 }
 
-std::string number_list(const std::vector<int> &numbers)
-{
-    std::string text;
-    for (int number : numbers)
-        text += (text.empty() ? "" : ",") + std::to_string(number);
-    return text;
-}
-
 bool check_camera_present(GstElement *element, int camera, int mode)
 {
     std::vector<int> cameras;
@@ -63,7 +56,7 @@ bool check_camera_present(GstElement *element, int camera, int mode)
                 return true;
         GST_ELEMENT_ERROR(element, RESOURCE, NOT_FOUND,
                           ("camera %d does not exist: the platform lists camera%s %s", camera,
-                           cameras.size() == 1 ? "" : "s", cameras.empty() ? "none" : number_list(cameras).c_str()),
+                           cameras.size() == 1 ? "" : "s", cameras.empty() ? "none" : format_number_list(cameras).c_str()),
                           (nullptr));
         return false;
     }

@@ -27,8 +27,6 @@ void refuse_property(GObject *object, const char *property, const std::string &r
 // The cameras the platform lists as valid, in its order; false when its
 // table cannot be read (no ISP platform node).
 bool platform_cameras(std::vector<int> *cameras);
-// "0,1,2,3"
-std::string number_list(const std::vector<int> &numbers);
 // NULL to READY: false, after posting the error, when the platform does not
 // list `camera` (or, without a platform node, its video node is missing).
 bool check_camera_present(GstElement *element, int camera, int mode);

@@ -131,6 +131,17 @@ GstPad *Source::make_pad(GstPadTemplate *templ, const std::string &name, std::un
     return pad;
 }
 
+void Source::set_caps(PadOutput &output, GstCaps *caps)
+{
+    GST_OBJECT_LOCK(element_);
+    GstCaps *old = output.caps;
+    output.caps = caps;
+    output.output.dmabuf = caps_want_dmabuf(caps);
+    GST_OBJECT_UNLOCK(element_);
+    if (old)
+        gst_caps_unref(old);
+}
+
 void Source::forget_pad(GstPad *pad)
 {
     for (auto it = outputs_.begin(); it != outputs_.end(); ++it)

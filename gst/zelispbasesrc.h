@@ -132,6 +132,8 @@ public:
     // A pad answering caps and latency queries, not yet added to the
     // element; its output is listed (GST_OBJECT_LOCK taken).
     GstPad *make_pad(GstPadTemplate *templ, const std::string &name, std::unique_ptr<PadOutput> output);
+    // The caps negotiated for an output, with their memory (takes `caps`).
+    void set_caps(PadOutput &output, GstCaps *caps);
     // Unlists the output of `pad`, which the streaming thread stops pushing
     // to with its next frame (GST_OBJECT_LOCK held by the caller).
     void forget_pad(GstPad *pad);

@@ -245,7 +245,7 @@ bool GroupSource::check_present()
         if (std::find(listed.begin(), listed.end(), camera) == listed.end()) {
             GST_ELEMENT_ERROR(element_, RESOURCE, NOT_FOUND,
                               ("camera %d does not exist: the platform lists camera%s %s", camera,
-                               listed.size() == 1 ? "" : "s", listed.empty() ? "none" : number_list(listed).c_str()),
+                               listed.size() == 1 ? "" : "s", listed.empty() ? "none" : format_number_list(listed).c_str()),
                               (nullptr));
             return false;
         }
@@ -281,7 +281,7 @@ void GroupSource::check_skew(guint64 skew_us, GstClockTime frame_interval)
     GST_ELEMENT_WARNING(element_, STREAM, FAILED,
                         ("cameras %s: one frame set spans %" G_GUINT64_FORMAT " us under the %s trigger, more than "
                          "half a frame period (%" G_GUINT64_FORMAT " us): the trigger does not hold them together",
-                         number_list(cameras).c_str(), skew_us,
+                         format_number_list(cameras).c_str(), skew_us,
                          trigger.mode == TriggerSetting::Internal ? "internal" : "external",
                          guint64(frame_interval / GST_USECOND)),
                         (nullptr));
@@ -348,12 +348,7 @@ bool GroupSource::set_up_member(int camera, PadOutput &output, unsigned long han
         GST_ELEMENT_ERROR(element_, CORE, NEGOTIATION, ("%s", refusal.c_str()), (nullptr));
         return false;
     }
-    GST_OBJECT_LOCK(element_);
-    if (output.caps)
-        gst_caps_unref(output.caps);
-    output.caps = choice.caps;
-    output.output.dmabuf = caps_want_dmabuf(choice.caps);
-    GST_OBJECT_UNLOCK(element_);
+    set_caps(output, choice.caps);
     return true;
 }
 

@@ -449,12 +449,7 @@ bool CameraSource::negotiate(unsigned long opened, const Settings &settings, con
                 return false;
             }
         }
-        GST_OBJECT_LOCK(element_);
-        if (output.caps)
-            gst_caps_unref(output.caps);
-        output.caps = choice.caps;
-        output.output.dmabuf = caps_want_dmabuf(choice.caps);
-        GST_OBJECT_UNLOCK(element_);
+        set_caps(output, choice.caps);
     }
     return true;
 }
@@ -494,10 +489,7 @@ bool CameraSource::set_up_view(unsigned long opened, PadOutput &output, bool res
         }
         GstCaps *fixed = gst_caps_copy_nth(caps, output.output.dmabuf ? 1 : 0);
         gst_caps_unref(caps);
-        GST_OBJECT_LOCK(element_);
-        gst_caps_unref(output.caps);
-        output.caps = fixed;
-        GST_OBJECT_UNLOCK(element_);
+        set_caps(output, fixed);
     }
     output.output.format = final_format;
     if (!view_layout(output.output.format, &output.output.info)) {

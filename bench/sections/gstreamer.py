@@ -42,7 +42,11 @@ import callgrind_costs  # noqa: E402
 TITLE = "GStreamer plugin"
 
 CALLGRIND_FRAMES = (30, 150)
-CPU_FRAMES = (30, 300)
+# A frame costs tens of microseconds of CPU; a GStreamer start-up costs tens
+# of milliseconds, varying with the machine's load: the long capture runs
+# 20 s so that the frames outweigh that variation.
+CPU_FRAMES = (60, 1260)
+QUICK_CPU_FRAMES = (30, 300)
 CONFIG = "[camera 0]\nfps = 60\n"
 # View 0 as the simulated camera streams it by default.
 V4L2SRC_CAPS = "video/x-raw,format=NV12,width=1920,height=1080,framerate=60/1"
@@ -194,21 +198,21 @@ def _client_seconds(context, command, env):
     return usage.ru_utime + usage.ru_stime - simulator
 
 
-def _cpu(context, env, quick):
+def _cpu(context, env, frames, repetitions):
     figures = {}
     per_frame = {client: [] for client in CLIENTS}
     errors = {}
-    for _ in range(1 if quick else 5):
+    for _ in range(repetitions):
         for client in CLIENTS:  # interleaved: a busy spell hits all three alike
             if client in errors:
                 continue
             try:
-                short = _client_seconds(context, _command(context, client, CPU_FRAMES[0]), env)
-                long = _client_seconds(context, _command(context, client, CPU_FRAMES[1]), env)
+                short = _client_seconds(context, _command(context, client, frames[0]), env)
+                long = _client_seconds(context, _command(context, client, frames[1]), env)
             except RuntimeError as error:
                 errors[client] = str(error)
                 continue
-            per_frame[client].append((long - short) / (CPU_FRAMES[1] - CPU_FRAMES[0]) * 1e6)
+            per_frame[client].append((long - short) / (frames[1] - frames[0]) * 1e6)
     for client in CLIENTS:
         if client in errors:
             figures[client] = {"error": errors[client]}
@@ -219,7 +223,7 @@ def _cpu(context, env, quick):
 
 def _stats(context, env):
     try:
-        result = subprocess.run([context["sim_run"], "--", "/usr/bin/python3", "-c", STATS_SCRIPT % CPU_FRAMES[1]],
+        result = subprocess.run([context["sim_run"], "--", "/usr/bin/python3", "-c", STATS_SCRIPT % 300],
                                 env=env, capture_output=True, text=True, timeout=300)
         frames, copied, dropped, end = result.stdout.strip().splitlines()[-1].split()
         return {"frames": int(frames), "copied": int(copied), "dropped": int(dropped), "end": end}
@@ -238,7 +242,8 @@ def measure(context, quick):
         "GST_PLUGIN_PATH": os.path.join(context["build_dir"], "gst"),
         "GST_REGISTRY": os.path.join(work, "registry.bin"),
     })
-    figures = {"config": CONFIG.strip(), "callgrind_frames": CALLGRIND_FRAMES, "cpu_frames": CPU_FRAMES}
+    cpu_frames = QUICK_CPU_FRAMES if quick else CPU_FRAMES
+    figures = {"config": CONFIG.strip(), "callgrind_frames": CALLGRIND_FRAMES, "cpu_frames": cpu_frames}
     if not context.get("cam_tool") or not os.path.exists(os.path.join(context["build_dir"], "gst",
                                                                         "libgstzelisp.so")):
         figures["error"] = "the plugin or zelisp-cam is not built"
@@ -250,7 +255,7 @@ def measure(context, quick):
     figures["measured"] = time.strftime("%Y-%m-%d %H:%M UTC", time.gmtime())
     figures["load"] = os.getloadavg()[0]
     figures["instructions"] = _instructions(context, env, work)
-    figures["cpu"] = _cpu(context, env, quick)
+    figures["cpu"] = _cpu(context, env, cpu_frames, 1 if quick else 3)
     figures["stats"] = _stats(context, env)
     figures["raw"] = work
     return figures

@@ -260,6 +260,11 @@ void CameraTuning::detach()
 
 bool CameraTuning::set(int control, const GValue *value, std::string *refusal)
 {
+    if (kControls[control].kind == Kind::WbGains && gst_value_array_get_size(value) != 3) {
+        *refusal = "wb-gains takes three gains (red, green, blue), got " +
+                   std::to_string(gst_value_array_get_size(value));
+        return false;
+    }
     GST_OBJECT_LOCK(owner_);
     ControlValues candidate = values_;
     Stream *stream = stream_;

@@ -80,6 +80,16 @@ TEST_F(PluginTest, TheProviderListsEveryCameraWithItsCapsAndAnElementThatCapture
     for (GstDevice *device : devices)
         gst_object_unref(device);
 
+    // A camera that cannot be opened is left out.
+    zsim::set_open_errno("/dev/video2", EACCES);
+    std::vector<GstDevice *> three = probe(provider);
+    ASSERT_EQ(three.size(), 3u);
+    name = gst_device_get_display_name(three[2]);
+    EXPECT_STREQ(name, "ISP camera 3");
+    g_free(name);
+    for (GstDevice *device : three)
+        gst_object_unref(device);
+
     // No ISP platform: nothing to list.
     zsim::set_node_kind("/dev/isp_misc", zsim::NodeKind::Missing);
     EXPECT_TRUE(probe(provider).empty());

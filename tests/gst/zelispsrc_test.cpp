@@ -411,6 +411,15 @@ TEST_F(ZelispSrcTest, ManualExposureGainAndWhiteBalanceGainsReachTheDriver)
     EXPECT_STREQ(text, "< (uint)300, (uint)256, (uint)200 >");
     g_free(text);
     g_value_unset(&gains);
+    // Not three gains: refused, nothing sent.
+    zsim::clear_log();
+    gst_util_set_object_arg(G_OBJECT(harness->element), "wb-gains", "<1, 2>");
+    EXPECT_TRUE(zsim::requests(VIDIOC_S_EXT_CTRLS).empty());
+    std::vector<std::string> logged = warnings();
+    ASSERT_EQ(logged.size(), 1u);
+    EXPECT_NE(logged[0].find("refused wb-gains: wb-gains takes three gains (red, green, blue), got 2"),
+              std::string::npos)
+        << logged[0];
     gst_harness_teardown(harness);
 }
 

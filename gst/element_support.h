@@ -1,8 +1,8 @@
 /*
- * element_support.h - what both source elements share: the library's words
- * in element errors, the capture time on the pipeline clock, the wait for a
- * camera node that a state change can interrupt, and the buffers made from
- * one view of one frame.
+ * element_support.h - what the source elements share: the library's words
+ * in element errors, whether a camera exists, running time on the pipeline
+ * clock, the wait for a camera node that a state change can interrupt, and
+ * the buffers made from one view of one frame.
  */
 #ifndef GST_ZELISP_ELEMENT_SUPPORT_H
 #define GST_ZELISP_ELEMENT_SUPPORT_H

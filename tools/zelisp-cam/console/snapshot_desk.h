@@ -1,0 +1,51 @@
+/*
+ * snapshot_desk.h - full-size PNG snapshots of one view. Requests that come
+ * together share one frame: the capture thread copies the view of the next
+ * frame once for all of them, and a picture worker converts and encodes it
+ * once. While one batch is being encoded the next waits for a later frame,
+ * so at most one copy per view is ever held, however many ask.
+ */
+#ifndef ZELISP_CAM_CONSOLE_SNAPSHOT_DESK_H
+#define ZELISP_CAM_CONSOLE_SNAPSHOT_DESK_H
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "http_exchange.h"
+#include "view_tap.h"
+
+namespace zcam {
+
+class PictureWorkers;
+class Timers;
+
+class SnapshotDesk : public ViewTap, public std::enable_shared_from_this<SnapshotDesk> {
+public:
+    SnapshotDesk(int camera, int view, PictureWorkers &workers, Timers &timers);
+
+    // Answers `exchange` with the PNG of the next frame, or 503 when no
+    // frame comes within `wait` or too many requests wait already.
+    void request(const std::shared_ptr<HttpExchange> &exchange, std::chrono::milliseconds wait);
+    void take(const ViewImage &image, const FrameMark &mark) override;
+
+    static constexpr size_t kMaxWaiting = 64;
+
+private:
+    void encode(std::shared_ptr<FrameCopy> copy, std::vector<std::shared_ptr<HttpExchange>> batch);
+    void expire(const std::shared_ptr<HttpExchange> &exchange, std::chrono::milliseconds wait);
+
+    const int camera_, view_;
+    PictureWorkers &workers_;
+    Timers &timers_;
+    std::atomic<bool> wanted_{false};   // requests wait and no batch is being encoded
+    std::mutex mutex_;
+    std::vector<std::shared_ptr<HttpExchange>> waiting_;
+    bool encoding_ = false;
+};
+
+} // namespace zcam
+
+#endif

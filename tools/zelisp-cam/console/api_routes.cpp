@@ -12,7 +12,7 @@ using nlohmann::json;
 
 namespace {
 
-constexpr auto kEventPollWait = std::chrono::seconds(10);
+constexpr auto kLongestEventWait = std::chrono::seconds(10);
 
 // Values of a control from its read text ("5 5"; hex bytes for abnormal).
 json read_value(const Control &control, const std::string &text)
@@ -353,16 +353,26 @@ void ConsoleRoutes::get_stats(const Exchange &exchange, const Segments &)
     exchange->reply(json_response(200, body));
 }
 
+// ?after=ID: the events after that one, waiting up to ?wait=S seconds
+// (0..10, default 10) for one to come. The page asks with wait=0 along
+// with its figures, so that no connection of its six is held.
 void ConsoleRoutes::get_events(const Exchange &exchange, const Segments &)
 {
-    std::string after = exchange->request().arg("after");
-    if (after.empty())
-        after = "0";
-    if (after.size() > 19 || after.find_first_not_of("0123456789") != std::string::npos) {
+    const HttpRequest &request = exchange->request();
+    std::string after = request.has_arg("after") ? request.arg("after") : "0";
+    std::string wait = request.has_arg("wait") ? request.arg("wait") : "10";
+    auto number = [](const std::string &text) {
+        return !text.empty() && text.size() <= 19 && text.find_first_not_of("0123456789") == std::string::npos;
+    };
+    if (!number(after)) {
         exchange->reply(error_response(400, "after must be an event number"));
         return;
     }
-    console_.events.poll(std::stoull(after), exchange, kEventPollWait);
+    if (!number(wait) || std::stoull(wait) > uint64_t(kLongestEventWait.count())) {
+        exchange->reply(error_response(400, "wait must be 0..10 seconds"));
+        return;
+    }
+    console_.events.poll(std::stoull(after), exchange, std::chrono::seconds(std::stoull(wait)));
 }
 
 } // namespace zcam

@@ -32,7 +32,7 @@ add_library(zelisp_console_core STATIC
 target_include_directories(zelisp_console_core PUBLIC ${console_dir})
 target_link_libraries(zelisp_console_core PUBLIC PkgConfig::ZCAM_MHD Threads::Threads)
 
-set(ZCAM_WEB_FILES index.html app.js tiles.js tuning.js panels.js webrtc.js style.css)
+set(ZCAM_WEB_FILES index.html app.js common.js tiles.js tuning.js panels.js webrtc.js style.css favicon.svg)
 set(ZCAM_WEB_SOURCES)
 foreach(file IN LISTS ZCAM_WEB_FILES)
   list(APPEND ZCAM_WEB_SOURCES ${console_dir}/web/${file})

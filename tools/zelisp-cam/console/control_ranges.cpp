@@ -11,7 +11,7 @@ const std::vector<ControlRange> &control_ranges()
         {"saturation", "slider", {{"value", 0, 255}}, "level", {}, "colour saturation; 0 is grey"},
         {"hue", "slider", {{"value", 0, 255}}, "level", {}, "hue rotation"},
         {"sharpness", "slider", {{"value", 0, 10}}, "step", {}, "edge enhancement"},
-        {"gamma", "number", {{"value", 0, UINT32_MAX}}, "firmware word", {}, "gamma word, passed to the ISP firmware as it is"},
+        {"gamma", "number", {{"value", 0, UINT32_MAX}}, "", {}, "gamma word, passed to the ISP firmware as it is"},
         {"denoise", "slider", {{"luma", 0, 10}, {"chroma", 0, 10}}, "strength", {}, "denoise strength, luma and chroma"},
         {"awb", "menu", {{"value", 0, 1}}, "", {{0, "off"}, {1, "automatic"}}, "automatic white balance"},
         {"aec",

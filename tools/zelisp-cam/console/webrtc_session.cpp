@@ -45,13 +45,28 @@ std::string encoder_description(const WebRtcSettings &settings)
            ",h264_i_frame_period=30\"";
 }
 
+// The profile-level-id the offer gives payload type `pt` in its fmtp line.
+std::string offered_profile(const GstSDPMedia *media, int pt)
+{
+    std::string prefix = std::to_string(pt) + " ";
+    for (guint i = 0;; ++i) {
+        const gchar *fmtp = gst_sdp_media_get_attribute_val_n(media, "fmtp", i);
+        if (fmtp == nullptr)
+            return "";
+        std::string line = fmtp;
+        size_t at = line.find("profile-level-id=");
+        if (line.rfind(prefix, 0) == 0 && at != std::string::npos)
+            return line.substr(at + 17, 6);
+    }
+}
+
 // The payload type of the offer's H.264 that a browser decodes from a
-// constrained baseline stream with single-NAL or non-interleaved packets;
-// -1 when the offer has none.
-int choose_payload(const GstSDPMessage *offer, std::string *profile)
+// constrained baseline stream in non-interleaved packets (a baseline one
+// will do); -1 when the offer has none. GStreamer reads the profile out of
+// profile-level-id; the id itself is taken from the fmtp line.
+int choose_payload(const GstSDPMessage *offer, std::string *profile_level_id)
 {
     int fallback = -1;
-    std::string fallback_profile;
     for (guint m = 0; m < gst_sdp_message_medias_len(offer); ++m) {
         const GstSDPMedia *media = gst_sdp_message_get_media(offer, m);
         if (g_strcmp0(gst_sdp_media_get_media(media), "video") != 0)
@@ -62,27 +77,35 @@ int choose_payload(const GstSDPMessage *offer, std::string *profile)
             if (caps == nullptr)
                 continue;
             const GstStructure *s = gst_caps_get_structure(caps, 0);
-            const char *name = gst_structure_get_string(s, "encoding-name");
-            const char *mode = gst_structure_get_string(s, "packetization-mode");
-            const char *level = gst_structure_get_string(s, "profile-level-id");
-            bool h264 = g_strcmp0(name, "H264") == 0 && g_strcmp0(mode, "1") == 0 && level != nullptr;
-            std::string id = level ? level : "";
+            bool h264 = g_strcmp0(gst_structure_get_string(s, "encoding-name"), "H264") == 0 &&
+                        g_strcmp0(gst_structure_get_string(s, "packetization-mode"), "1") == 0;
+            std::string profile = h264 && gst_structure_get_string(s, "profile") ? gst_structure_get_string(s, "profile") : "";
             gst_caps_unref(caps);
-            if (!h264)
-                continue;
-            if (id.compare(0, 4, "42e0") == 0) {
-                *profile = id;
+            if (profile == "constrained-baseline") {
+                *profile_level_id = offered_profile(media, pt);
                 return pt;
             }
-            if (fallback < 0 && id.compare(0, 2, "42") == 0) {
+            if (profile == "baseline" && fallback < 0) {
                 fallback = pt;
-                fallback_profile = id;
+                *profile_level_id = offered_profile(media, pt);
             }
         }
         break; // the first video section is the one answered
     }
-    *profile = fallback_profile;
     return fallback;
+}
+
+// The RTP the browser asked for. The payloader names the profile as the
+// encoder's stream declares it (x264 marks constrained baseline as 42c0..,
+// browsers offer 42e0..: the same profile); the caps setter after it puts
+// the offer's words in, so webrtcbin finds the stream to be what it answered.
+std::string rtp_caps(int payload, const std::string &profile_level_id)
+{
+    std::string caps = "application/x-rtp,media=video,encoding-name=H264,clock-rate=90000,payload=" +
+                       std::to_string(payload) + ",packetization-mode=(string)1";
+    if (!profile_level_id.empty())
+        caps += ",profile-level-id=(string)" + profile_level_id;
+    return caps;
 }
 
 } // namespace
@@ -231,9 +254,8 @@ std::string WebRtcSession::start(const std::string &offer, Answered answered, st
         encoder_description(settings_) +
         " ! video/x-h264,profile=(string){constrained-baseline,baseline},stream-format=byte-stream ! h264parse "
         "! rtph264pay config-interval=-1 aggregate-mode=zero-latency mtu=1200 pt=" +
-        std::to_string(payload) + " ! application/x-rtp,media=video,encoding-name=H264,clock-rate=90000,payload=" +
-        std::to_string(payload) + ",packetization-mode=(string)1,profile-level-id=(string)" + profile +
-        " ! webrtcbin name=webrtc bundle-policy=max-bundle";
+        std::to_string(payload) + " ! capssetter caps=\"" + rtp_caps(payload, profile) +
+        "\" ! webrtcbin name=webrtc bundle-policy=max-bundle";
     GError *error = nullptr;
     pipeline_ = gst_parse_launch(description.c_str(), &error);
     if (pipeline_ == nullptr || error != nullptr) {
@@ -297,11 +319,15 @@ std::string WebRtcSession::start(const std::string &offer, Answered answered, st
                           GConnectFlags(0));
     gst_element_set_state(pipeline_, GST_STATE_PLAYING);
 
-    // The browser only receives: the console only sends.
+    // The browser only receives, the console only sends, in the offer's
+    // payload type and profile.
     GstWebRTCRTPTransceiver *transceiver = nullptr;
     g_signal_emit_by_name(webrtc_, "get-transceiver", 0, &transceiver);
     if (transceiver != nullptr) {
-        g_object_set(transceiver, "direction", GST_WEBRTC_RTP_TRANSCEIVER_DIRECTION_SENDONLY, nullptr);
+        GstCaps *preferences = gst_caps_from_string(rtp_caps(payload, profile).c_str());
+        g_object_set(transceiver, "direction", GST_WEBRTC_RTP_TRANSCEIVER_DIRECTION_SENDONLY, "codec-preferences",
+                     preferences, nullptr);
+        gst_caps_unref(preferences);
         gst_object_unref(transceiver);
     }
     GstWebRTCSessionDescription *remote = gst_webrtc_session_description_new(GST_WEBRTC_SDP_TYPE_OFFER, sdp);

@@ -15,6 +15,7 @@
 #include <atomic>
 #include <chrono>
 #include <deque>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -65,6 +66,8 @@ public:
     void stop();
 
     const HubOptions &options() const { return options_; }
+    // Whether the capture thread runs ahead of the console's other threads.
+    bool priority_raised() const { return priority_raised_; }
     const std::vector<int> &cameras() const { return numbers_; }
     bool has_camera(int camera) const;
     std::string trigger_text() const;
@@ -129,6 +132,7 @@ private:
     int read_views(Camera &camera);
     void close_all();
     void restart_counts(Camera &camera);
+    void run(std::promise<int> &opened); // the capture thread, from setup to close
     // The capture thread (camera_hub.cpp).
     void capture_loop();
     void stream_loop();
@@ -147,6 +151,7 @@ private:
     std::vector<zelvideo::_isp_buf_t> set_frames_;
     std::thread thread_;
     std::atomic<bool> stopping_{false};
+    std::atomic<bool> priority_raised_{false};
     int wake_fd_ = -1;
     std::chrono::steady_clock::time_point started_;
     CommandQueue commands_;

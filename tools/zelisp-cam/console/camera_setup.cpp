@@ -1,9 +1,14 @@
 // camera_setup.cpp - opening, starting, restarting and closing the
 // console's cameras, alone or as a group.
 #include <sys/eventfd.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <future>
 
 #include "hub_camera.h"
 #include "tool_errors.h"
@@ -12,7 +17,9 @@ namespace zcam {
 
 namespace {
 
-constexpr size_t kMaxGroup = 8; // a group takes at most 8 members
+constexpr size_t kMaxGroup = 8;      // a group takes at most 8 members
+constexpr int kCaptureNiceness = -10; // the capture thread's, where the system allows it
+constexpr int kExitSystem = 71;       // EX_OSERR: the system would not give the console what it needs
 
 // The trigger record names no camera: one request sets the platform's mode.
 int set_trigger(const HubOptions &options, unsigned long handle)
@@ -68,17 +75,43 @@ int CameraHub::start()
 {
     started_ = std::chrono::steady_clock::now();
     wake_fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (wake_fd_ < 0)
-        return report_failure_because("the console", "eventfd", ISP_ERR_REQUEST, "no descriptor for the capture thread");
+    if (wake_fd_ < 0) {
+        fprintf(stderr, "zelisp-cam: the capture thread cannot be woken: eventfd: %s\n", strerror(errno));
+        return kExitSystem;
+    }
+    // The capture thread opens and starts the cameras itself, so that it
+    // alone ever uses them, and so that what the driver starts for them
+    // runs at its priority.
+    auto opened = std::make_shared<std::promise<int>>();
+    std::future<int> status = opened->get_future();
+    thread_ = std::thread([this, opened] { run(*opened); });
+    int result = status.get();
+    if (result != kExitOk) {
+        thread_.join();
+        ::close(wake_fd_);
+        wake_fd_ = -1;
+    }
+    return result;
+}
+
+void CameraHub::run(std::promise<int> &opened)
+{
+    // Ahead of everything else in the console, where the system lets it
+    // (root, or CAP_SYS_NICE): on a busy board the pictures slow down
+    // before a frame is lost.
+    errno = 0;
+    priority_raised_ = setpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid)), kCaptureNiceness) == 0;
     int status = list_cameras();
     if (status == kExitOk)
         status = options_.group ? open_group() : open_single();
     if (status != kExitOk) {
         close_all();
-        return status;
+        opened.set_value(status);
+        return;
     }
-    thread_ = std::thread([this] { capture_loop(); });
-    return kExitOk;
+    opened.set_value(kExitOk);
+    capture_loop();
+    close_all();
 }
 
 // The views' formats as the driver holds them, and the node's descriptor.
@@ -176,8 +209,7 @@ void CameraHub::stop()
         (void)written;
     }
     if (thread_.joinable())
-        thread_.join();
-    close_all();
+        thread_.join(); // the thread closes the cameras on its way out
     if (wake_fd_ >= 0) {
         ::close(wake_fd_);
         wake_fd_ = -1;

@@ -200,12 +200,15 @@ int Console::run()
 
     std::string base = std::string(tls ? "https://" : "http://") + shown_host(options.host) + ":" +
                        std::to_string(options.port) + "/";
-    printf("zelisp-cam: serving %zu camera%s on %s%s\n", hub.cameras().size(), hub.cameras().size() == 1 ? "" : "s",
-           base.c_str(), options.token.empty() || options.token_generated ? "" : " (open /login?token=TOKEN first)");
     if (options.token_generated)
         printf("zelisp-cam: this run's token (the console listens beyond loopback): open %slogin?token=%s\n",
                base.c_str(), options.token.c_str());
+    printf("zelisp-cam: serving %zu camera%s on %s%s\n", hub.cameras().size(), hub.cameras().size() == 1 ? "" : "s",
+           base.c_str(), options.token.empty() || options.token_generated ? "" : " (open /login?token=TOKEN first)");
     fflush(stdout);
+    if (!hub.priority_raised())
+        events.note("warning", "the capture thread runs at the priority of the console's other threads: the "
+                               "system refused a higher one (it needs root or CAP_SYS_NICE)");
     events.note("info", "serving on " + base + "; video for WebRTC: " +
                             (webrtc->settings().encoder.empty()
                                  ? std::string("none (no H.264 encoder)")

@@ -76,12 +76,15 @@ int settle_token(ServeArguments &arguments)
         options.token = variable;
     } else if (!arguments.token.empty()) {
         options.token = arguments.token;
-        report_warning(std::string("--token shows the token to every user of this machine (ps); use --token-file "
-                                   "or $") + kTokenVariable);
     }
     if (!options.token.empty()) {
         std::string error = check_token(options.token);
-        return error.empty() ? kExitOk : report_usage(error);
+        if (!error.empty())
+            return report_usage(error);
+        if (!arguments.token.empty())
+            report_warning(std::string("--token shows the token to every user of this machine (ps); use "
+                                       "--token-file or $") + kTokenVariable);
+        return kExitOk;
     }
     if (!is_loopback_address(options.host)) {
         options.token = generate_token();

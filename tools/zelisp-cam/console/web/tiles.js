@@ -204,13 +204,32 @@ export class Tiles {
       if (viewer.closed) return;
       if (video.videoWidth === 0) throw new Error('no picture within 5 s');
       $('viewer-mode').textContent = 'WebRTC · H.264';
+      viewer.figures = setInterval(() => this.showWebRtcFigures(viewer), 1000);
     } catch (error) {
       this.fallBack(viewer, view, error.message);
     }
   }
 
+  // What the browser receives, beside the mode: frames decoded per second
+  // and the bit rate (also in the element's data for scripts).
+  async showWebRtcFigures(viewer) {
+    if (!viewer.session || viewer.closed) return;
+    const report = await viewer.session.pc.getStats();
+    report.forEach((entry) => {
+      if (entry.type !== 'inbound-rtp' || entry.kind !== 'video') return;
+      const mode = $('viewer-mode');
+      const previous = viewer.lastInbound;
+      const kbps = previous ? (entry.bytesReceived - previous.bytesReceived) * 8 / (entry.timestamp - previous.timestamp) : 0;
+      viewer.lastInbound = entry;
+      Object.assign(mode.dataset, { fps: entry.framesPerSecond ?? 0, kbps: kbps.toFixed(0),
+        framesDecoded: entry.framesDecoded, bytesReceived: entry.bytesReceived });
+      mode.textContent = `WebRTC · H.264 · ${(entry.framesPerSecond ?? 0).toFixed(0)} fps · ${(kbps / 1000).toFixed(1)} Mbit/s`;
+    });
+  }
+
   fallBack(viewer, view, why) {
     if (viewer.closed || viewer !== this.viewer) return;
+    clearInterval(viewer.figures);
     if (viewer.session) viewer.session.close();
     viewer.session = null;
     $('viewer-video').hidden = true;
@@ -224,6 +243,7 @@ export class Tiles {
     const viewer = this.viewer;
     if (!viewer) return;
     viewer.closed = true;
+    clearInterval(viewer.figures);
     if (viewer.session) viewer.session.close();
     this.viewer = null;
     $('viewer-image').removeAttribute('src'); // ends the stream

@@ -87,6 +87,81 @@ class Browser:
         return None if image is None else frame_number(image, view_width, view_height)
 
 
+# Reads the painted number of each presented video frame (the simulator's
+# 32 cells in two complementary rows), with the time it was presented, and
+# the console's capture clock (a frame number and its capture time) along.
+VIDEO_WATCH = """
+const [seconds, camera, done] = [arguments[0], arguments[1], arguments[arguments.length - 1]];
+const video = document.getElementById('viewer-video');
+const canvas = document.createElement('canvas');
+canvas.width = video.videoWidth; canvas.height = video.videoHeight;
+const g = canvas.getContext('2d', { willReadFrequently: true });
+const vw = canvas.width, vh = canvas.height;
+const cell = Math.min(Math.floor(vw / 48), Math.floor((vh - 2) / 5)) & ~1;
+function painted() {
+  const rows = g.getImageData(0, 0, vw, 3 * cell + 4).data;
+  const luma = (x, y) => { const i = (Math.floor(y) * vw + Math.floor(x)) * 4;
+    return 0.299 * rows[i] + 0.587 * rows[i + 1] + 0.114 * rows[i + 2]; };
+  const cellLuma = (x0, y0) => { let t = 0; for (const j of [1, 2, 3]) for (const i of [1, 2, 3])
+    t += luma(x0 + cell * i / 4, y0 + cell * j / 4); return t / 9; };
+  let number = 0;
+  for (let bit = 0; bit < 32; bit++) {
+    const x = cell * (bit + 1), upper = cellLuma(x, cell) >= 128, lower = cellLuma(x, 2 * cell) >= 128;
+    if (upper === lower) return null;
+    number = number * 2 + (upper ? 1 : 0);
+  }
+  return number;
+}
+const frames = [], clock = [];
+const started = performance.now();
+let stopped = false;
+async function tick() {
+  while (!stopped) {
+    const stats = await (await fetch('/api/stats', { cache: 'no-store' })).json();
+    const c = stats.cameras.find((c) => c.camera === camera);
+    clock.push([c.last_sequence, c.last_capture_unix_us / 1000]);
+    await new Promise((r) => setTimeout(r, 200));
+  }
+}
+tick();
+function onFrame(now, meta) {
+  g.drawImage(video, 0, 0);
+  frames.push([painted(), performance.timeOrigin + meta.presentationTime]);
+  if (performance.now() - started < seconds * 1000) video.requestVideoFrameCallback(onFrame);
+  else finish();
+}
+const figures = () => ({ ...document.getElementById('viewer-mode').dataset });
+const first = figures();
+function finish() {
+  stopped = true;
+  done({ frames, clock, first, last: figures(), width: vw, height: vh, ms: performance.now() - started });
+}
+video.requestVideoFrameCallback(onFrame);
+"""
+
+
+def watch_webrtc(browser, camera, seconds):
+    """What the open viewer's WebRTC video shows for `seconds`: the painted
+    numbers of the presented frames, the latency of each (presentation time
+    against the frame's capture time, from the capture clock sampled along,
+    its period from the samples), frames decoded per second and kbit/s."""
+    result = browser.driver.execute_async_script(VIDEO_WATCH, seconds, camera)
+    clock = result["clock"]
+    period = (clock[-1][1] - clock[0][1]) / max(1, clock[-1][0] - clock[0][0])
+    numbers, latencies = [], []
+    for number, shown in result["frames"]:
+        if number is None:
+            continue
+        numbers.append(number)
+        sequence, captured = min(clock, key=lambda sample: abs(sample[0] - number))
+        latencies.append(shown - (captured + (number - sequence) * period))
+    first, last, took = result["first"], result["last"], result["ms"] / 1000
+    return {"numbers": numbers, "presented": len(result["frames"]), "latencies_ms": latencies,
+            "fps_decoded": (int(last["framesDecoded"]) - int(first["framesDecoded"])) / took,
+            "kbps": (int(last["bytesReceived"]) - int(first["bytesReceived"])) * 8 / took / 1000,
+            "width": result["width"], "height": result["height"], "seconds": took}
+
+
 def wait_for(condition, what, tries=LONG_WAIT_S * 5):
     """Asks `condition` until it gives something, each try waiting on the page a little."""
     for _ in range(tries):

@@ -63,6 +63,7 @@ target_sources(zelisp-cam PRIVATE
   ${console_dir}/event_log.cpp
   ${console_dir}/webrtc_session.cpp
   ${console_dir}/webrtc_viewers.cpp
+  ${console_dir}/video_feeder.cpp
   ${ZCAM_WEB_CPP})
 target_compile_definitions(zelisp-cam PRIVATE ZELISP_CAM_SERVE=1)
 target_include_directories(zelisp-cam PRIVATE ${CMAKE_CURRENT_SOURCE_DIR} ${console_dir})

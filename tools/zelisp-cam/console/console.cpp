@@ -124,10 +124,12 @@ void Console::make_pictures()
                 auto feed = std::make_shared<PreviewFeed>(camera.camera, view.view, width, options.quality, workers,
                                                           timers);
                 feeds_[{camera.camera, view.view, full}] = feed;
+                workers.enlist(feed);
                 hub.attach(camera.camera, view.view, feed);
             }
             auto desk = std::make_shared<SnapshotDesk>(camera.camera, view.view, workers, timers);
             desks_[{camera.camera, view.view}] = desk;
+            workers.enlist(desk);
             hub.attach(camera.camera, view.view, desk);
         }
 }

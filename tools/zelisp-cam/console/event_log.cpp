@@ -43,11 +43,15 @@ const char *kind_name(int32_t kind)
 
 } // namespace
 
-EventLog::EventLog(Timers &timers) : timers_(timers) {}
+EventLog::EventLog(Timers &timers) : timers_(timers)
+{
+    sem_init(&arrived_, 0, 0);
+}
 
 EventLog::~EventLog()
 {
     stop();
+    sem_destroy(&arrived_);
 }
 
 void EventLog::start()
@@ -64,11 +68,8 @@ void EventLog::stop()
         isp_set_message_handler(nullptr, nullptr);
         handler_set_ = false;
     }
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        stopping_ = true;
-    }
-    arrived_.notify_one();
+    stopping_ = true;
+    sem_post(&arrived_);
     if (thread_.joinable())
         thread_.join();
 }
@@ -84,7 +85,7 @@ void EventLog::on_library_message(const zelvideo::_isp_message_t *message, void 
     copy_text(line.label, sizeof line.label, message->label);
     copy_text(line.node, sizeof line.node, message->dev_path);
     if (self->ring_.put(line))
-        self->arrived_.notify_one(); // a futex wake: it does not wait for the mutex
+        sem_post(&self->arrived_);
 }
 
 void EventLog::add_locked(Event event)
@@ -102,7 +103,7 @@ void EventLog::note(const std::string &kind, const std::string &text, const std:
         std::lock_guard<std::mutex> lock(mutex_);
         add_locked({0, 0, "console", kind, node, text});
     }
-    arrived_.notify_one();
+    sem_post(&arrived_);
 }
 
 // Moves the library's lines into the log, prints what is new on standard
@@ -111,9 +112,17 @@ void EventLog::note(const std::string &kind, const std::string &text, const std:
 void EventLog::run()
 {
     uint64_t printed = 0;
-    std::unique_lock<std::mutex> lock(mutex_);
-    while (!stopping_) {
-        arrived_.wait_for(lock, kDrainPeriod);
+    for (bool last = false; !last;) {
+        timespec until{};
+        clock_gettime(CLOCK_REALTIME, &until);
+        until.tv_nsec += long(std::chrono::nanoseconds(kDrainPeriod).count());
+        until.tv_sec += until.tv_nsec / 1000000000;
+        until.tv_nsec %= 1000000000;
+        sem_timedwait(&arrived_, &until);
+        while (sem_trywait(&arrived_) == 0) {
+        } // one pass takes everything that came
+        last = stopping_; // the lines of the cameras' closing come before the stop: one more pass prints them
+        std::unique_lock<std::mutex> lock(mutex_);
         LibraryLine line;
         while (ring_.get(&line))
             add_locked({0, 0, "library", kind_name(line.kind), line.node, line.text});
@@ -132,12 +141,11 @@ void EventLog::run()
             waiting.push_back(poller.exchange);
         lock.unlock();
         for (const Event &event : fresh)
-            fprintf(stderr, event.source == "library" ? "%s\n" : "zelisp-cam: %s\n", event.text.c_str());
+            fprintf(stderr, "%s%s\n", event.source == "library" ? "" : "zelisp-cam: ", event.text.c_str());
         if (lost > 0)
             fprintf(stderr, "zelisp-cam: %llu lines of the library were lost: they came faster than they could be shown\n",
                     static_cast<unsigned long long>(lost));
         answer(waiting);
-        lock.lock();
     }
 }
 

@@ -10,9 +10,11 @@
 #ifndef ZELISP_CAM_CONSOLE_EVENT_LOG_H
 #define ZELISP_CAM_CONSOLE_EVENT_LOG_H
 
+#include <semaphore.h>
+
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
+#include <atomic>
 #include <deque>
 #include <memory>
 #include <mutex>
@@ -70,7 +72,7 @@ private:
     Timers &timers_;
     LineRing ring_;
     mutable std::mutex mutex_;
-    std::condition_variable arrived_;
+    sem_t arrived_; // posted by the handler: a futex wake, it never waits
     std::deque<Event> events_;
     uint64_t next_id_ = 1;
     uint64_t lost_ = 0;
@@ -79,7 +81,7 @@ private:
         std::shared_ptr<HttpExchange> exchange;
     };
     std::vector<Poller> pollers_;
-    bool stopping_ = false;
+    std::atomic<bool> stopping_{false};
     bool handler_set_ = false;
     std::thread thread_;
 };

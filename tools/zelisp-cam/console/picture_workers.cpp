@@ -5,6 +5,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 namespace zcam {
 
 void lower_thread_priority()
@@ -15,6 +17,7 @@ void lower_thread_priority()
 
 PictureWorkers::PictureWorkers(unsigned threads)
 {
+    sem_init(&due_, 0, 0);
     for (unsigned i = 0; i < threads; ++i)
         threads_.emplace_back([this] { run(); });
 }
@@ -22,45 +25,56 @@ PictureWorkers::PictureWorkers(unsigned threads)
 PictureWorkers::~PictureWorkers()
 {
     stop();
+    sem_destroy(&due_);
 }
 
-void PictureWorkers::post(std::function<void()> job)
+void PictureWorkers::enlist(std::shared_ptr<PictureJob> job)
 {
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (stopping_)
-            return;
-        jobs_.push_back(std::move(job));
-    }
-    waiting_.notify_one();
+    std::lock_guard<std::mutex> lock(jobs_mutex_);
+    jobs_.push_back(std::move(job));
+}
+
+void PictureWorkers::wake(PictureJob &job)
+{
+    job.due_.store(true);
+    sem_post(&due_);
 }
 
 void PictureWorkers::stop()
 {
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        stopping_ = true;
-    }
-    waiting_.notify_all();
+    stopping_ = true;
+    for (size_t i = 0; i < threads_.size(); ++i)
+        sem_post(&due_);
     for (auto &thread : threads_)
         if (thread.joinable())
             thread.join();
     threads_.clear();
 }
 
+// One post, one job: a post whose job another worker took finds none.
+bool PictureWorkers::run_one_due()
+{
+    std::vector<std::shared_ptr<PictureJob>> jobs;
+    {
+        std::lock_guard<std::mutex> lock(jobs_mutex_);
+        jobs = jobs_;
+    }
+    for (const auto &job : jobs)
+        if (job->due_.exchange(false)) {
+            job->work();
+            return true;
+        }
+    return false;
+}
+
 void PictureWorkers::run()
 {
     lower_thread_priority();
-    std::unique_lock<std::mutex> lock(mutex_);
-    for (;;) {
-        waiting_.wait(lock, [this] { return stopping_ || !jobs_.empty(); });
-        if (jobs_.empty())
-            return;
-        std::function<void()> job = std::move(jobs_.front());
-        jobs_.pop_front();
-        lock.unlock();
-        job();
-        lock.lock();
+    while (!stopping_) {
+        if (sem_wait(&due_) != 0 && errno == EINTR)
+            continue;
+        if (!stopping_)
+            run_one_due();
     }
 }
 

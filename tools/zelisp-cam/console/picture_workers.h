@@ -3,13 +3,19 @@
  * (previews scaled and JPEG-encoded, snapshots as PNG). They run at a lower
  * scheduling priority than the capture thread, so that on a busy board the
  * pictures slow down and skip frames while the capture keeps every frame.
+ *
+ * The capture thread hands work over without ever taking a lock a
+ * low-priority thread could hold (which would make it wait as long as that
+ * thread waits for the processor): each job is enlisted once, and waking it
+ * is an atomic flag and a semaphore post.
  */
 #ifndef ZELISP_CAM_CONSOLE_PICTURE_WORKERS_H
 #define ZELISP_CAM_CONSOLE_PICTURE_WORKERS_H
 
-#include <condition_variable>
-#include <deque>
-#include <functional>
+#include <semaphore.h>
+
+#include <atomic>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -17,12 +23,24 @@
 namespace zcam {
 
 // The niceness of the threads that make pictures and encode video: below
-// the capture thread's (0), above nothing else in the console.
+// the capture thread's, above nothing else in the console.
 constexpr int kPictureNiceness = 10;
 
 // Lowers the calling thread's scheduling priority to kPictureNiceness
 // (Linux gives each thread its own nice value).
 void lower_thread_priority();
+
+// Work that a frame copy makes due. Its producer never makes it due again
+// before work() has finished, so it never runs on two workers at once.
+class PictureJob {
+public:
+    virtual ~PictureJob() = default;
+    virtual void work() = 0;
+
+private:
+    friend class PictureWorkers;
+    std::atomic<bool> due_{false};
+};
 
 class PictureWorkers {
 public:
@@ -31,19 +49,21 @@ public:
     PictureWorkers(const PictureWorkers &) = delete;
     PictureWorkers &operator=(const PictureWorkers &) = delete;
 
-    // Runs `job` on a worker. Every producer keeps at most one job waiting,
-    // so the queue stays as short as the number of producers.
-    void post(std::function<void()> job);
-    // Lets the waiting jobs finish and ends the threads.
+    // Makes `job` one the workers look after.
+    void enlist(std::shared_ptr<PictureJob> job);
+    // Any thread, never waits: `job` runs on a worker soon.
+    void wake(PictureJob &job);
+    // Lets the jobs due finish and ends the threads.
     void stop();
 
 private:
     void run();
+    bool run_one_due();
 
-    std::mutex mutex_;
-    std::condition_variable waiting_;
-    std::deque<std::function<void()>> jobs_;
-    bool stopping_ = false;
+    sem_t due_;
+    std::atomic<bool> stopping_{false};
+    std::mutex jobs_mutex_; // the workers and enlist() only
+    std::vector<std::shared_ptr<PictureJob>> jobs_;
     std::vector<std::thread> threads_;
 };
 

@@ -50,11 +50,10 @@ void PreviewFeed::take(const ViewImage &image, const FrameMark &mark)
     if (!state_.compare_exchange_strong(asked, kBusy))
         return;
     copy_.assign(image, mark);
-    auto self = shared_from_this();
-    workers_.post([self] { self->make_picture(); });
+    workers_.wake(*this);
 }
 
-void PreviewFeed::make_picture()
+void PreviewFeed::work()
 {
     auto started = Clock::now();
     PreviewImage image;

@@ -22,11 +22,11 @@
 
 #include "camera_hub.h"
 #include "http_exchange.h"
+#include "picture_workers.h"
 #include "view_tap.h"
 
 namespace zcam {
 
-class PictureWorkers;
 class Timers;
 
 struct Picture {
@@ -36,7 +36,7 @@ struct Picture {
     uint32_t width = 0, height = 0;
 };
 
-class PreviewFeed : public ViewTap, public std::enable_shared_from_this<PreviewFeed> {
+class PreviewFeed : public ViewTap, public PictureJob, public std::enable_shared_from_this<PreviewFeed> {
 public:
     PreviewFeed(int camera, int view, uint32_t max_width, int quality, PictureWorkers &workers, Timers &timers);
 
@@ -44,6 +44,7 @@ public:
     int view() const { return view_; }
 
     void take(const ViewImage &image, const FrameMark &mark) override;
+    void work() override; // makes the picture of the copied frame
 
     // A picture newer than `after` for `exchange`: at once when the latest
     // is newer and fresh, else the next one, or 204 after `wait`.
@@ -70,7 +71,6 @@ private:
         uint64_t after;
         std::shared_ptr<HttpExchange> exchange;
     };
-    void make_picture(); // on a picture worker
     void publish(std::shared_ptr<const Picture> picture);
     void expire(const std::shared_ptr<HttpExchange> &exchange);
     bool wanted_locked(std::chrono::steady_clock::time_point now) const;

@@ -64,30 +64,31 @@ void SnapshotDesk::expire(const std::shared_ptr<HttpExchange> &exchange, std::ch
                                         std::to_string(wait.count() / 1000) + " s"));
 }
 
+// On the capture thread: it only tries the lock (a worker may hold it), and
+// takes a later frame if it is busy.
 void SnapshotDesk::take(const ViewImage &image, const FrameMark &mark)
 {
     if (!wanted_.load())
         return;
-    std::vector<std::shared_ptr<HttpExchange>> batch;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        batch.swap(waiting_);
+        std::unique_lock<std::mutex> lock(mutex_, std::try_to_lock);
+        if (!lock.owns_lock())
+            return;
+        batch_.swap(waiting_);
         wanted_ = false;
-        encoding_ = !batch.empty();
+        encoding_ = !batch_.empty();
     }
-    if (batch.empty())
+    if (batch_.empty())
         return;
-    auto copy = std::make_shared<FrameCopy>();
-    copy->assign(image, mark);
-    auto self = shared_from_this();
-    workers_.post([self, copy, batch = std::move(batch)]() mutable { self->encode(copy, std::move(batch)); });
+    copy_.assign(image, mark);
+    workers_.wake(*this);
 }
 
-void SnapshotDesk::encode(std::shared_ptr<FrameCopy> copy, std::vector<std::shared_ptr<HttpExchange>> batch)
+void SnapshotDesk::work()
 {
     RgbImage rgb;
     std::string png;
-    std::string error = to_rgb(copy->image(), &rgb);
+    std::string error = to_rgb(copy_.image(), &rgb);
     if (error.empty())
         error = encode_png(rgb, &png);
     HttpResponse response = json_error(500, error);
@@ -95,13 +96,14 @@ void SnapshotDesk::encode(std::shared_ptr<FrameCopy> copy, std::vector<std::shar
         response.status = 200;
         response.type = "image/png";
         response.shared_body = std::make_shared<const std::string>(std::move(png));
-        response.headers.emplace_back("X-Frame-Sequence", std::to_string(copy->mark.sequence));
+        response.headers.emplace_back("X-Frame-Sequence", std::to_string(copy_.mark.sequence));
         response.headers.emplace_back("Content-Disposition", "inline; filename=\"camera" + std::to_string(camera_) +
                                                                  "-view" + std::to_string(view_) + "-" +
-                                                                 std::to_string(copy->mark.sequence) + ".png\"");
+                                                                 std::to_string(copy_.mark.sequence) + ".png\"");
     }
-    for (const auto &exchange : batch)
+    for (const auto &exchange : batch_)
         exchange->reply(response);
+    batch_.clear();
     std::lock_guard<std::mutex> lock(mutex_);
     encoding_ = false;
     wanted_ = !waiting_.empty();

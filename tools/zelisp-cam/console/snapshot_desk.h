@@ -15,14 +15,14 @@
 #include <vector>
 
 #include "http_exchange.h"
+#include "picture_workers.h"
 #include "view_tap.h"
 
 namespace zcam {
 
-class PictureWorkers;
 class Timers;
 
-class SnapshotDesk : public ViewTap, public std::enable_shared_from_this<SnapshotDesk> {
+class SnapshotDesk : public ViewTap, public PictureJob, public std::enable_shared_from_this<SnapshotDesk> {
 public:
     SnapshotDesk(int camera, int view, PictureWorkers &workers, Timers &timers);
 
@@ -30,20 +30,24 @@ public:
     // frame comes within `wait` or too many requests wait already.
     void request(const std::shared_ptr<HttpExchange> &exchange, std::chrono::milliseconds wait);
     void take(const ViewImage &image, const FrameMark &mark) override;
+    void work() override; // encodes the batch's frame and answers it
 
     static constexpr size_t kMaxWaiting = 64;
 
 private:
-    void encode(std::shared_ptr<FrameCopy> copy, std::vector<std::shared_ptr<HttpExchange>> batch);
     void expire(const std::shared_ptr<HttpExchange> &exchange, std::chrono::milliseconds wait);
 
     const int camera_, view_;
     PictureWorkers &workers_;
     Timers &timers_;
-    std::atomic<bool> wanted_{false};   // requests wait and no batch is being encoded
+    std::atomic<bool> wanted_{false}; // requests wait and no batch is being encoded
     std::mutex mutex_;
     std::vector<std::shared_ptr<HttpExchange>> waiting_;
     bool encoding_ = false;
+    // The batch being encoded: written by the capture thread, then read by
+    // a worker, never both at once (wanted_ stays false meanwhile).
+    std::vector<std::shared_ptr<HttpExchange>> batch_;
+    FrameCopy copy_;
 };
 
 } // namespace zcam

@@ -223,7 +223,8 @@ struct WebRtcSession::Callbacks {
 
 WebRtcSession::WebRtcSession(std::string id, int camera, int view, const zelvideo::_view_format_t &format,
                              const WebRtcSettings &settings)
-    : id_(std::move(id)), camera_(camera), view_(view), format_(format), settings_(settings)
+    : id_(std::move(id)), camera_(camera), view_(view), format_(format), settings_(settings),
+      feeder_(image_bytes(format))
 {
 }
 
@@ -282,14 +283,6 @@ std::string WebRtcSession::start(const std::string &offer, Answered answered, st
     g_object_set(source_, "caps", caps, nullptr);
     gst_caps_unref(caps);
 
-    // Buffers for the copies: a few, made once; when all are in the
-    // pipeline the encoder is behind and the frame is skipped.
-    pool_ = gst_buffer_pool_new();
-    GstStructure *config = gst_buffer_pool_get_config(pool_);
-    gst_buffer_pool_config_set_params(config, nullptr, guint(image_bytes(format_)), 2, 4);
-    gst_buffer_pool_set_config(pool_, config);
-    gst_buffer_pool_set_active(pool_, TRUE);
-
     GstWebRTCICE *ice = nullptr;
     g_object_get(webrtc_, "ice-agent", &ice, nullptr);
     if (ice != nullptr) {
@@ -318,6 +311,7 @@ std::string WebRtcSession::start(const std::string &offer, Answered answered, st
                           Callbacks::hold(self), [](gpointer weak, GClosure *) { Callbacks::release(weak); },
                           GConnectFlags(0));
     gst_element_set_state(pipeline_, GST_STATE_PLAYING);
+    feeder_.start(source_);
 
     // The browser only receives, the console only sends, in the offer's
     // payload type and profile.
@@ -375,9 +369,8 @@ void WebRtcSession::end()
 
 void WebRtcSession::close()
 {
-    // Waits for a push in progress; the capture thread never waits for this.
-    std::lock_guard<std::mutex> lock(feed_mutex_);
     ended_ = true;
+    feeder_.stop();
     if (pipeline_ == nullptr)
         return;
     gst_element_set_state(pipeline_, GST_STATE_NULL);
@@ -385,32 +378,21 @@ void WebRtcSession::close()
     gst_object_unref(webrtc_);
     gst_object_unref(pipeline_);
     pipeline_ = source_ = webrtc_ = nullptr;
-    gst_buffer_pool_set_active(pool_, FALSE);
-    gst_object_unref(pool_);
-    pool_ = nullptr;
 }
 
 void WebRtcSession::take(const ViewImage &image, const FrameMark &)
 {
-    std::unique_lock<std::mutex> lock(feed_mutex_, std::try_to_lock);
-    if (!lock.owns_lock() || !connected_ || ended_)
-        return; // closing
-
+    if (!connected_ || ended_)
+        return;
     if (image.format.format != format_.format || image.format.width != format_.width ||
         image.format.height != format_.height || !image.complete) {
-        lock.unlock();
         end(); // the view was set to another format: the viewer asks again
         return;
     }
-    GstBuffer *buffer = nullptr;
-    GstBufferPoolAcquireParams params = {GST_FORMAT_UNDEFINED, 0, 0, GST_BUFFER_POOL_ACQUIRE_FLAG_DONTWAIT, {}};
-    if (gst_buffer_pool_acquire_buffer(pool_, &buffer, &params) != GST_FLOW_OK) {
+    if (feeder_.offer(image.data, image.bytes))
+        ++sent_;
+    else
         ++skipped_;
-        return;
-    }
-    gst_buffer_fill(buffer, 0, image.data, image.bytes);
-    gst_app_src_push_buffer(GST_APP_SRC(source_), buffer);
-    ++sent_;
 }
 
 WebRtcSession::Figures WebRtcSession::figures() const

@@ -1,9 +1,9 @@
 /*
  * webrtc_session.h - one WebRTC viewer of one camera view, on GStreamer's
- * webrtcbin: the view's frames are copied on the capture thread into a
- * bounded, leaky appsrc (a full queue drops the oldest frame, so pushing
- * never waits), encoded to H.264 (the board's V4L2 memory-to-memory
- * encoder where there is one, else a software encoder) and sent as RTP.
+ * webrtcbin: the view's frames reach a bounded, leaky appsrc through the
+ * video feeder (video_feeder.h), so the capture thread never waits, are
+ * encoded to H.264 (the board's V4L2 memory-to-memory encoder where there
+ * is one, else a software encoder) and sent as RTP.
  *
  * The offer is answered once ICE gathering is complete, so the answer
  * carries every candidate and the viewer needs no trickle: host candidates
@@ -19,10 +19,10 @@
 #include <string>
 #include <vector>
 
+#include "video_feeder.h"
 #include "view_tap.h"
 
 typedef struct _GstElement GstElement;
-typedef struct _GstBufferPool GstBufferPool;
 
 namespace zcam {
 
@@ -60,7 +60,7 @@ public:
     // Gives up on an answer that is late: false if it was given already.
     bool give_up(const std::string &why);
 
-    // Capture thread: copies the frame into a pooled buffer and pushes it.
+    // Capture thread: hands the frame to the feeder once the viewer is connected.
     void take(const ViewImage &image, const FrameMark &mark) override;
 
     struct Figures {
@@ -83,12 +83,11 @@ private:
     GstElement *pipeline_ = nullptr;
     GstElement *webrtc_ = nullptr;
     GstElement *source_ = nullptr;
-    GstBufferPool *pool_ = nullptr;
+    VideoFeeder feeder_;
     std::atomic<bool> connected_{false};
     std::atomic<bool> ended_{false};
     std::atomic<uint64_t> sent_{0}, skipped_{0};
-    std::mutex feed_mutex_; // a push against close(); the capture thread only tries it
-    std::mutex mutex_;      // guards the callbacks below
+    std::mutex mutex_; // guards the callbacks below
     Answered answered_;
     std::function<void()> on_ended_;
 };

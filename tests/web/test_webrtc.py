@@ -69,3 +69,23 @@ def test_viewer_falls_back_to_mjpeg_without_webrtc():
         ActionChains(page).send_keys(Keys.ESCAPE).perform()  # Escape closes the viewer
         wait_for(lambda: not page.find_element(By.ID, "viewer").is_displayed(), "the viewer to close")
         wait_for(lambda: console.stats()["streams"]["active"] == 0, "the stream to end")
+
+
+def test_a_vanished_viewer_gives_its_slot_back():
+    # A browser that dies sends no DELETE: the connectivity checks that go
+    # on during the session fail, and the session ends by itself.
+    with Console(["--cameras", "0"]) as console:
+        browser = Browser()
+        try:
+            page = browser.driver
+            page.get(f"http://127.0.0.1:{console.port}/")
+            wait_for(lambda: page.find_elements(By.CSS_SELECTOR, "figure.tile") or None, "the tiles")
+            page.find_element(By.CSS_SELECTOR, "figure[data-camera='0'][data-view='2']").find_element(
+                By.XPATH, ".//button[text()='Live']").click()
+            wait_for(lambda: page.find_element(By.ID, "viewer-mode").text.startswith("WebRTC · H.264"), "the WebRTC view")
+            assert console.stats()["webrtc"]["sessions"] == 1
+            browser.kill()
+        finally:
+            browser.close()
+        wait_for(lambda: console.stats()["webrtc"]["sessions"] == 0, "the session to end", tries=LONG_WAIT_S * 15)
+        assert console.stats()["streams"]["active"] == 0

@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
+#include <thread>
 #include <sstream>
 
 #include "console_routes.h"
@@ -224,6 +225,13 @@ int Console::run()
     sigaddset(&stop_signals, SIGTERM);
     int signal = 0;
     sigwait(&stop_signals, &signal);
+    // A second Ctrl-C does not wait for a clean stop.
+    std::thread([stop_signals]() mutable {
+        int again = 0;
+        sigwait(&stop_signals, &again);
+        fprintf(stderr, "zelisp-cam: stopped at once, without closing the cameras\n");
+        _exit(128 + again);
+    }).detach();
     stop_all();
     printf("zelisp-cam: stopped; every camera closed\n");
     return kExitOk;

@@ -291,6 +291,9 @@ std::string WebRtcSession::start(const std::string &offer, Answered answered, st
         NiceAgent *agent = nullptr;
         g_object_get(ice, "agent", &agent, nullptr);
         if (agent != nullptr) {
+            // Connectivity checks go on while connected, so a viewer that
+            // vanished (a closed laptop, a tab killed) fails ICE and ends.
+            g_object_set(agent, "keepalive-conncheck", TRUE, nullptr);
             for (const std::string &address : settings_.addresses) {
                 NiceAddress nice_address;
                 if (nice_address_set_from_string(&nice_address, address.c_str()))
@@ -341,6 +344,11 @@ void WebRtcSession::answer(int status, const std::string &body)
     }
     if (answered)
         answered(status, body);
+}
+
+bool WebRtcSession::connected() const
+{
+    return connected_;
 }
 
 bool WebRtcSession::give_up(const std::string &why)

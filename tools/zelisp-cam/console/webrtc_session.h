@@ -57,6 +57,7 @@ public:
     std::string start(const std::string &offer, Answered answered, std::function<void()> ended);
     // Ends the session: the pipeline stops and no frame is taken any more.
     void close();
+    bool connected() const;
     // Gives up on an answer that is late: false if it was given already.
     bool give_up(const std::string &why);
 

@@ -13,6 +13,9 @@ namespace {
 // An offer must be answered within this (gathering host candidates takes
 // milliseconds; this is for a pipeline that never gets going).
 constexpr auto kAnswerWithin = std::chrono::seconds(15);
+// A viewer that has not connected this long after its offer never will
+// (its answer went nowhere): its slot is given back.
+constexpr auto kConnectWithin = std::chrono::seconds(30);
 
 HttpResponse error_answer(int status, const std::string &message)
 {
@@ -95,6 +98,13 @@ void WebRtcViewers::offer(int camera, int view, const std::string &sdp, const st
         auto late = weak.lock();
         if (late && late->give_up("no answer could be made within 15 s"))
             retire(id);
+    });
+    timers_.after(kConnectWithin, [this, weak, id, camera, view, peer] {
+        auto idle = weak.lock();
+        if (!idle || idle->connected())
+            return;
+        events_.note("warning", "WebRTC viewer " + peer + " on " + where(camera, view) + " never connected");
+        retire(id);
     });
 }
 

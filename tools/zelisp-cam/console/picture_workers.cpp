@@ -51,7 +51,9 @@ void PictureWorkers::stop()
     threads_.clear();
 }
 
-// One post, one job: a post whose job another worker took finds none.
+// One post, one job: a post whose job another worker took finds none. The
+// search goes round from after the job taken last, so that when the
+// workers cannot keep up every job still gets its turn.
 bool PictureWorkers::run_one_due()
 {
     std::vector<std::shared_ptr<PictureJob>> jobs;
@@ -59,11 +61,15 @@ bool PictureWorkers::run_one_due()
         std::lock_guard<std::mutex> lock(jobs_mutex_);
         jobs = jobs_;
     }
-    for (const auto &job : jobs)
-        if (job->due_.exchange(false)) {
-            job->work();
+    size_t start = next_.load();
+    for (size_t i = 0; i < jobs.size(); ++i) {
+        size_t at = (start + i) % jobs.size();
+        if (jobs[at]->due_.exchange(false)) {
+            next_ = at + 1;
+            jobs[at]->work();
             return true;
         }
+    }
     return false;
 }
 

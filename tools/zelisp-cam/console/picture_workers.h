@@ -64,6 +64,7 @@ private:
     std::atomic<bool> stopping_{false};
     std::mutex jobs_mutex_; // the workers and enlist() only
     std::vector<std::shared_ptr<PictureJob>> jobs_;
+    std::atomic<size_t> next_{0}; // where the next search for a due job starts
     std::vector<std::thread> threads_;
 };
 

@@ -47,21 +47,36 @@ void SnapshotDesk::request(const std::shared_ptr<HttpExchange> &exchange, std::c
     std::weak_ptr<SnapshotDesk> desk = shared_from_this();
     timers_.after(wait, [desk, exchange, wait] {
         if (auto self = desk.lock())
-            self->expire(exchange, wait);
+            self->expire(exchange, wait, 1);
     });
 }
 
-void SnapshotDesk::expire(const std::shared_ptr<HttpExchange> &exchange, std::chrono::milliseconds wait)
+// A request that is still waiting when its time is up: if a batch is
+// being encoded, its frame is taken as soon as that is done, so it waits on
+// (the encoders are slow on a busy board, not the camera); otherwise the
+// camera gave no frame.
+void SnapshotDesk::expire(const std::shared_ptr<HttpExchange> &exchange, std::chrono::milliseconds wait, int rounds)
 {
+    bool busy = false;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         auto it = std::find(waiting_.begin(), waiting_.end(), exchange);
         if (it == waiting_.end())
             return; // its frame came: the answer is on its way
+        busy = encoding_;
+        if (busy && rounds < kMaxWaitRounds) {
+            std::weak_ptr<SnapshotDesk> desk = shared_from_this();
+            timers_.after(wait, [desk, exchange, wait, rounds] {
+                if (auto self = desk.lock())
+                    self->expire(exchange, wait, rounds + 1);
+            });
+            return;
+        }
         waiting_.erase(it);
     }
-    exchange->reply(json_error(503, "no frame from camera " + std::to_string(camera_) + " within " +
-                                        std::to_string(wait.count() / 1000) + " s"));
+    exchange->reply(json_error(503, busy ? "the snapshot could not be made in time: the board is too busy"
+                                              : "no frame from camera " + std::to_string(camera_) + " within " +
+                                                    std::to_string(wait.count() / 1000) + " s"));
 }
 
 // On the capture thread: it only tries the lock (a worker may hold it), and

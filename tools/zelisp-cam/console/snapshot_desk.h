@@ -27,7 +27,8 @@ public:
     SnapshotDesk(int camera, int view, PictureWorkers &workers, Timers &timers);
 
     // Answers `exchange` with the PNG of the next frame, or 503 when no
-    // frame comes within `wait` or too many requests wait already.
+    // frame comes within `wait` (while the snapshots before are encoded,
+    // the wait goes on), or too many requests wait already.
     void request(const std::shared_ptr<HttpExchange> &exchange, std::chrono::milliseconds wait);
     void take(const ViewImage &image, const FrameMark &mark) override;
     void work() override; // encodes the batch's frame and answers it
@@ -35,7 +36,8 @@ public:
     static constexpr size_t kMaxWaiting = 64;
 
 private:
-    void expire(const std::shared_ptr<HttpExchange> &exchange, std::chrono::milliseconds wait);
+    void expire(const std::shared_ptr<HttpExchange> &exchange, std::chrono::milliseconds wait, int rounds);
+    static constexpr int kMaxWaitRounds = 12; // a minute in all, at 5 s a round
 
     const int camera_, view_;
     PictureWorkers &workers_;

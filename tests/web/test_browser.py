@@ -238,3 +238,37 @@ def test_group_page_draws_the_skew_chart_clear_of_its_labels():
             return plot ? [plot, trace(0, 0, 56, c.height), trace(0, c.height - 22, c.width, 22)] : null;"""), "a trace")
         assert counts[0] > 0 and counts[1:] == [0, 0]
         assert page.find_element(By.ID, "run-0").get_attribute("disabled") == "true"  # a group starts and stops as one
+
+
+def test_a_page_of_another_site_gets_nothing():
+    # DNS rebinding as a browser lives it: attacker.test resolves to the
+    # board, so the attacker's page is, to the browser, of the console's
+    # origin; and the same page also tries the board's own address.
+    with Console(["--cameras", "0"]) as console, \
+            Browser(extra_flags=["--host-resolver-rules=MAP attacker.test 127.0.0.1"]) as browser:
+        page = browser.driver
+        page.get(f"http://attacker.test:{console.port}/")
+        assert "is not a name of this console" in page.find_element(By.TAG_NAME, "body").text
+        tries = browser.driver.execute_async_script("""
+            const [port, done] = [arguments[0], arguments[arguments.length - 1]];
+            const send = (url, method, mode) => fetch(url, { method, mode, body: '{"value": 200}',
+              headers: mode === 'no-cors' ? {} : { 'Content-Type': 'application/json' } }).then((r) => r.status, () => 'failed');
+            const image = new Image();
+            const loaded = new Promise((resolve) => { image.onload = () => resolve('shown'); image.onerror = () => resolve('refused'); });
+            image.src = `http://127.0.0.1:${port}/stream/0/0.mjpg`;
+            Promise.all([
+              send('/api/cameras/0/controls/hue', 'PUT', 'same-origin'),
+              fetch('/api/stats').then((r) => r.status),
+              send(`http://127.0.0.1:${port}/api/cameras/0/controls/hue`, 'PUT', 'cors'),
+              send(`http://127.0.0.1:${port}/api/cameras/0/controls/hue`, 'POST', 'no-cors'),
+              loaded,
+            ]).then(done);""", console.port)
+        # Rebound name: misdirected. The board's own address: a PUT's
+        # preflight is refused, a form-like POST gets an answer the page
+        # cannot read (0), and the console refused it all the same.
+        assert tries == [421, 421, "failed", 0, "refused"]
+        stats = console.stats()
+        assert (stats["streams"]["served"], stats["streams"]["active"]) == (0, 0)
+        details = console.json("GET", "/api/cameras/0")[1]
+        assert next(c["value"] for c in details["controls"] if c["name"] == "hue") == [128]
+        assert not any("hue set" in e["text"] for e in console.events())

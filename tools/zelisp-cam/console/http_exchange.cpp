@@ -29,6 +29,14 @@ bool same_name(const std::string &a, const std::string &b)
            });
 }
 
+HttpResponse stopping_response()
+{
+    HttpResponse response;
+    response.status = 503;
+    response.body = R"({"error":"the console is stopping"})";
+    return response;
+}
+
 void add_headers(MHD_Response *response, const HeaderList &headers)
 {
     for (const auto &[name, value] : headers)
@@ -178,10 +186,7 @@ void HttpExchange::route_returned()
     } else if (pending_stream_) {
         queue_stream_locked();
     } else if (stopping_) {
-        HttpResponse response;
-        response.status = 503;
-        response.body = R"({"error":"the console is stopping"})";
-        queue_locked(std::move(response));
+        queue_locked(stopping_response());
     } else {
         MHD_suspend_connection(connection_);
         state_ = State::Parked;
@@ -193,10 +198,7 @@ void HttpExchange::abandon()
     std::lock_guard<std::mutex> lock(mutex_);
     stopping_ = true;
     if (state_ == State::Parked) {
-        HttpResponse response;
-        response.status = 503;
-        response.body = R"({"error":"the console is stopping"})";
-        queue_locked(std::move(response));
+        queue_locked(stopping_response());
         MHD_resume_connection(connection_);
     } else if (state_ == State::StreamParked) {
         state_ = State::StreamRunning;

@@ -60,7 +60,9 @@ void Timers::run()
         }
         auto first = waiting_.begin();
         if (Clock::now() < first->first) {
-            changed_.wait_until(lock, first->first);
+            // A copy: the entry may be cancelled while this waits.
+            Clock::time_point due = first->first;
+            changed_.wait_until(lock, due);
             continue;
         }
         Entry entry = std::move(first->second);

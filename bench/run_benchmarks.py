@@ -642,7 +642,7 @@ def measure_one_section(options, quick, saved):
         text = stream.read()
     start = text.index(f"## {module.TITLE}\n")
     end = text.find("\n## ", start)
-    part = "\n".join(module.report(section)) + "\n"
+    part = "\n".join(module.report(section)) + "\n\n"
     text = text[:start] + part + (text[end + 1:] if end >= 0 else "")
     with open(options.output, "w", encoding="utf-8") as stream:
         stream.write(text)

@@ -15,8 +15,8 @@ clients of its tests (tests/web: console.py, load.py, browser.py).
   the same view's full-size MJPEG stream over the same time.
 
 The viewers run on the same cores as the server and the simulated sensors,
-at a lower priority (nice 10), as clients on other computers would not take
-the board's processor.
+at the lowest priority (nice 19), as clients on other computers would not
+take the board's processor.
 """
 import http.client
 import os
@@ -178,8 +178,9 @@ def measure(context, quick):
     import load  # noqa: E402
 
     seconds = 5 if quick else 20
-    figures = {"tiles": tiles(web, load, seconds), "clients": clients(web, load),
-               "full_load": full_load(web, load, 10 if quick else 60)}
+    figures = {"measured": time.strftime("%Y-%m-%d %H:%M UTC", time.gmtime()), "load": os.getloadavg()[0]}
+    figures.update({"tiles": tiles(web, load, seconds), "clients": clients(web, load),
+               "full_load": full_load(web, load, 10 if quick else 60)})
     figures["webrtc"] = webrtc(web, chromium, seconds) if os.path.exists(chromium.CHROMIUM) else None
     return figures
 
@@ -191,8 +192,9 @@ def report(figures):
     t, c, f, w = figures["tiles"], figures["clients"], figures["full_load"], figures["webrtc"]
     lines += [
         "`zelisp-cam serve` on the simulated driver; the clients run on the same two cores as the server and the "
-        "simulated sensors, at nice 10 (they stand for other computers), Chromium at the normal priority "
-        "(`bench/sections/web_console.py`, with the clients of `tests/web/`).",
+        "simulated sensors, at nice 19 (they stand for other computers), Chromium at the normal priority "
+        "(`bench/sections/web_console.py`, with the clients of `tests/web/`). Measured "
+        f"{figures.get('measured', '')}, load average {figures.get('load', 0):.2f} at the start.",
         "",
         "| Figure | Value | Goal |",
         "|---|---|---|",

@@ -179,6 +179,9 @@ int Console::run()
     video.addresses = options.webrtc_addresses;
     if (video.addresses.empty() && options.host != "0.0.0.0" && options.host != "::")
         video.addresses.push_back(options.host); // where the page reached us
+    // The live view may run as the console's other threads do when the
+    // capture thread runs ahead of them; else below it, with the pictures.
+    video.niceness = hub.priority_raised() ? 0 : kPictureNiceness;
     video.min_port = options.webrtc_min_port;
     video.max_port = options.webrtc_max_port;
     webrtc = std::make_unique<WebRtcViewers>(hub, timers, events, slots, choose_encoder(video));

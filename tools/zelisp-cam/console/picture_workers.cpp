@@ -9,10 +9,9 @@
 
 namespace zcam {
 
-void lower_thread_priority()
+void set_thread_niceness(int niceness)
 {
-    // Only lowers it: an unprivileged user may always do that.
-    setpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid)), kPictureNiceness);
+    setpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid)), niceness);
 }
 
 PictureWorkers::PictureWorkers(unsigned threads)
@@ -75,7 +74,7 @@ bool PictureWorkers::run_one_due()
 
 void PictureWorkers::run()
 {
-    lower_thread_priority();
+    set_thread_niceness(kPictureNiceness);
     while (!stopping_) {
         if (sem_wait(&due_) != 0 && errno == EINTR)
             continue;

@@ -22,13 +22,13 @@
 
 namespace zcam {
 
-// The niceness of the threads that make pictures and encode video: below
-// the capture thread's, above nothing else in the console.
+// The niceness of the threads that make pictures: below the capture
+// thread's and the console's other threads.
 constexpr int kPictureNiceness = 10;
 
-// Lowers the calling thread's scheduling priority to kPictureNiceness
-// (Linux gives each thread its own nice value).
-void lower_thread_priority();
+// Sets the calling thread's niceness (Linux gives each thread its own);
+// lowering it is always allowed.
+void set_thread_niceness(int niceness);
 
 // Work that a frame copy makes due. Its producer never makes it due again
 // before work() has finished, so it never runs on two workers at once.

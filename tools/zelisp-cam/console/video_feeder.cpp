@@ -23,10 +23,10 @@ VideoFeeder::~VideoFeeder()
     sem_destroy(&ready_);
 }
 
-void VideoFeeder::start(GstElement *source)
+void VideoFeeder::start(GstElement *source, int niceness)
 {
     source_ = source;
-    thread_ = std::thread([this] { push(); });
+    thread_ = std::thread([this, niceness] { push(niceness); });
 }
 
 bool VideoFeeder::offer(const uint8_t *data, size_t bytes)
@@ -48,9 +48,9 @@ bool VideoFeeder::offer(const uint8_t *data, size_t bytes)
     return false;
 }
 
-void VideoFeeder::push()
+void VideoFeeder::push(int niceness)
 {
-    lower_thread_priority();
+    set_thread_niceness(niceness);
     while (!stopping_) {
         if (sem_wait(&ready_) != 0 && errno == EINTR)
             continue;

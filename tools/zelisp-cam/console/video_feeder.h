@@ -30,8 +30,9 @@ public:
     VideoFeeder(const VideoFeeder &) = delete;
     VideoFeeder &operator=(const VideoFeeder &) = delete;
 
-    // Starts pushing into `source` (an appsrc, kept referenced by the caller).
-    void start(GstElement *source);
+    // Starts pushing into `source` (an appsrc, kept referenced by the
+    // caller) from a thread of the given niceness.
+    void start(GstElement *source, int niceness);
     // Capture thread: copies the frame if a buffer is free; false when all
     // are still with the encoder (the frame is skipped).
     bool offer(const uint8_t *data, size_t bytes);
@@ -46,7 +47,7 @@ private:
         size_t bytes = 0;
         std::atomic<int> state{kFree};
     };
-    void push();
+    void push(int niceness);
 
     std::array<Slot, 3> slots_;
     std::atomic<int> posted_{-1}; // the slot waiting to be pushed

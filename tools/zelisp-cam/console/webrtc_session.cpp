@@ -198,15 +198,16 @@ struct WebRtcSession::Callbacks {
             session->end();
     }
 
-    // Runs on the thread that posts: a streaming thread that starts lowers
+    // Runs on the thread that posts: a streaming thread that starts sets
     // its own priority (the encoder's threads, made by it, inherit it).
     static GstBusSyncReply bus_message(GstBus *, GstMessage *message, gpointer weak)
     {
         if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_STREAM_STATUS) {
             GstStreamStatusType type;
             gst_message_parse_stream_status(message, &type, nullptr);
-            if (type == GST_STREAM_STATUS_TYPE_ENTER)
-                lower_thread_priority();
+            auto session = get(weak);
+            if (type == GST_STREAM_STATUS_TYPE_ENTER && session)
+                set_thread_niceness(session->settings_.niceness);
         } else if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR) {
             if (auto session = get(weak)) {
                 GError *error = nullptr;
@@ -314,7 +315,7 @@ std::string WebRtcSession::start(const std::string &offer, Answered answered, st
                           Callbacks::hold(self), [](gpointer weak, GClosure *) { Callbacks::release(weak); },
                           GConnectFlags(0));
     gst_element_set_state(pipeline_, GST_STATE_PLAYING);
-    feeder_.start(source_);
+    feeder_.start(source_, settings_.niceness);
 
     // The browser only receives, the console only sends, in the offer's
     // payload type and profile.

@@ -32,6 +32,9 @@ struct WebRtcSettings {
     unsigned bitrate_kbps = 4000;
     std::vector<std::string> addresses; // for the host candidates; empty: every interface
     unsigned min_port = 0, max_port = 0;
+    // Of the video threads (the encoder's among them): below the capture
+    // thread, whatever priority that one could get.
+    int niceness = 10;
 };
 
 // The H.264 encoder to use: v4l2h264enc where the board has one, else

@@ -106,8 +106,10 @@ def test_live_tiles_and_tuning_with_keyboard_and_mouse():
         mec[3].clear()
         mec[3].send_keys("103")
         set_mec.click()
-        wait_for(lambda: page.find_element(By.ID, "readback-mec").text == "100 101 102 103 104 105 (sent)", "mec sent")
+        wait_for(lambda: page.find_element(By.ID, "readback-mec").text.split() == "100 101 102 103 104 105 (sent)".split(),
+                 "mec sent")
         assert not error.is_displayed()
+        assert all(field.size["width"] >= 48 for field in mec)  # the long read-back leaves the fields their room
 
         # The event panel shows the console's events as they come.
         wait_for(lambda: any("camera 0: mec set to [100,101,102,103,104,105]" in li.text

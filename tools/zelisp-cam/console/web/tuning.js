@@ -110,7 +110,9 @@ export class Tuning {
       holder = element('div', { className: 'multi' }, ...inputs);
     }
     this.showValue(control, control.value, inputs, readback, control.readable);
-    return [element('div', { className: 'control', id: `row-${name}` }, label, holder, range, readback, pending, error)];
+    const wide = control.kind === 'number' && control.fields.length > 1;
+    return [element('div', { className: wide ? 'control wide' : 'control', id: `row-${name}` },
+      label, holder, range, readback, pending, error)];
   }
 
   inputs(control) {

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstring>
 
 #include "zelisp.h"
 
@@ -13,31 +12,30 @@ namespace zcam {
 namespace {
 
 // The watch of this thread's current command step. The handler runs on the
-// thread whose library call made the line (the web console's camera
-// threads included), so each thread sees only its own calls' lines.
+// thread whose library call made the line (the web console's capture
+// thread included), so each thread sees only its own calls' lines.
 thread_local LineWatch *current_watch = nullptr;
 
 constexpr int kModeTwoNodeOffset = 12;
 
-// A system-error line as one line: the label without the line ends and
-// blanks some labels carry, then the system's reason.
-std::string system_error_text(const zelvideo::_isp_message_t &message)
+// The text without its inner line breaks and the blanks before them.
+std::string one_line(const char *text)
 {
-    std::string label = message.label != nullptr ? message.label : "";
-    while (!label.empty() && (label.back() == '\n' || label.back() == ' '))
-        label.pop_back();
-    return label + ": " + strerror(message.error_number);
+    std::string line;
+    for (const char *c = text != nullptr ? text : ""; *c != '\0'; ++c) {
+        if (*c != '\n') {
+            line += *c;
+            continue;
+        }
+        while (!line.empty() && line.back() == ' ')
+            line.pop_back();
+    }
+    return line;
 }
 
 LibraryLine copy_line(const zelvideo::_isp_message_t &message)
 {
-    LibraryLine line;
-    line.kind = message.kind;
-    line.error_number = message.error_number;
-    line.text = message.kind == ISP_MESSAGE_SYSTEM_ERROR ? system_error_text(message)
-                                                         : std::string(message.text != nullptr ? message.text : "");
-    line.dev_path = message.dev_path != nullptr ? message.dev_path : "";
-    return line;
+    return library_line(message.kind, message.error_number, message.text, message.dev_path);
 }
 
 void on_library_line(const zelvideo::_isp_message_t *message, void *)
@@ -50,6 +48,22 @@ void on_library_line(const zelvideo::_isp_message_t *message, void *)
 }
 
 } // namespace
+
+LibraryLine library_line(int kind, int error_number, const char *text, const char *dev_path)
+{
+    LibraryLine line;
+    line.kind = kind;
+    line.error_number = error_number;
+    line.text = one_line(text);
+    line.dev_path = dev_path != nullptr ? dev_path : "";
+    return line;
+}
+
+void keep_in_watch(const zelvideo::_isp_message_t &message)
+{
+    if (current_watch != nullptr)
+        current_watch->keep(copy_line(message));
+}
 
 void route_library_lines()
 {
@@ -102,6 +116,11 @@ void LineWatch::add(LibraryLine line)
 {
     if (echo_ == Echo::Show)
         show_library_line(line);
+    keep(std::move(line));
+}
+
+void LineWatch::keep(LibraryLine line)
+{
     // A watch around a longer step sees the lines of the calls inside it too.
     for (LineWatch *outer = outer_; outer != nullptr; outer = outer->outer_)
         outer->lines_.push_back(line);

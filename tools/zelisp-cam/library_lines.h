@@ -20,6 +20,8 @@
 #include <string>
 #include <vector>
 
+#include "zelisp.h"
+
 namespace zcam {
 
 // One line of the library, copied out of the handler call.
@@ -34,10 +36,18 @@ struct LibraryLine {
 // itself. Called once, first thing in main.
 void route_library_lines();
 
+// A line of the library as the tool shows it. Several of the library's
+// perror labels end in a line break of their own, which its console shows
+// as a line holding ": <reason>": the tool shows the label, ": " and the
+// reason on one line.
+LibraryLine library_line(int kind, int error_number, const char *text, const char *dev_path);
+
+// For a handler of the tool's own (the web console's): the watch of the
+// calling thread, if it has one, keeps the line without showing it.
+void keep_in_watch(const zelvideo::_isp_message_t &message);
+
 // "camera N: <text>" on standard error ("<text>" for a line about no
-// camera). A system-error line is shown as its label, ": " and the system's
-// reason on one line: several of the library's labels end in a line break
-// of their own, which its console shows as a line holding ": <reason>".
+// camera).
 void show_library_line(const LibraryLine &line);
 
 // The camera a node belongs to: /dev/video<N> in mode 1, /dev/video<N+12>
@@ -68,6 +78,8 @@ public:
     // Called by the handler on the watching thread. Watches nest: the
     // innermost one shows the line (or not), every one keeps it.
     void add(LibraryLine line);
+    // Every watch keeps the line, none shows it.
+    void keep(LibraryLine line);
 
 private:
     Echo echo_;

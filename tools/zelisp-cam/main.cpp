@@ -29,7 +29,8 @@ const char kExitStatus[] =
     "request failed, 13: no frame within the time limit). A capture that ran but not as asked: 20 the platform "
     "refused the trigger mode, so the cameras ran free; 21 a view's format differs from --view-format; 22 the "
     "resize was not applied as asked; 23 the library refused frames, for coming too soon after the last or out "
-    "of sequence. 64: a wrong command line (no camera was opened). 73: an output file could not be written.";
+    "of sequence. 64: a wrong command line (no camera was opened). 69: serve cannot listen on its address, or use its TLS key "
+    "or certificate. 71: the system would not give serve what it needs. 73: an output file could not be written.";
 
 // What the library does by design that a user of the tool meets, and how
 // the tool shows it.
@@ -92,9 +93,6 @@ int main(int argc, char **argv)
     zcam::add_capture_command(app, &status);
 #ifdef ZELISP_CAM_SERVE
     zcam::add_serve_command(app, &status);
-    // The web console's options still describe themselves CLI11's way, with
-    // their defaults and ranges in the option's column.
-    app.get_subcommand("serve")->formatter(std::make_shared<CLI::Formatter>());
 #endif
 
     try {

@@ -22,6 +22,8 @@ constexpr int kExitViewNotHonoured = 21;   // a view's format is not the one --v
 constexpr int kExitResizeNotHonoured = 22; // view 1's size is not what --resize asked for
 constexpr int kExitFramesRefused = 23;     // the library refused frames: too soon after the last, or out of sequence
 constexpr int kExitUsage = 64;             // EX_USAGE: the command line is wrong
+constexpr int kExitUnavailable = 69;       // EX_UNAVAILABLE: serve cannot listen on its address
+constexpr int kExitSystem = 71;            // EX_OSERR: the system would not give serve what it needs
 constexpr int kExitOutput = 73;            // EX_CANTCREAT: an output file could not be written
 
 // Exit status of a library result: 0 for success, else its magnitude.

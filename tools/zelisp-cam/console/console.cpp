@@ -22,8 +22,6 @@ namespace zcam {
 
 namespace {
 
-constexpr unsigned kPictureThreads = 2;
-
 // Every connection is a descriptor: allow as many as the hard limit lets us.
 void raise_descriptor_limit()
 {

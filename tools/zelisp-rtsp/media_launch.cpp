@@ -1,0 +1,50 @@
+/*
+ * media_launch.cpp - launch lines of the camera and group mounts.
+ */
+#include "media_launch.h"
+
+namespace zrtsp {
+namespace {
+
+std::string size_caps(const StreamSize &size)
+{
+    return "video/x-raw,width=" + std::to_string(size.width) + ",height=" + std::to_string(size.height);
+}
+
+// From raw frames to RTP: the encoder converts what it must (videoconvert
+// passes the ISP's NV12 through to encoders that take it).
+std::string encode_and_pay(const EncoderChoice &encoder, int stream)
+{
+    return "videoconvert ! " + encoder.launch + " ! " + encoder.payloader + " name=pay" + std::to_string(stream) +
+           " pt=" + std::to_string(encoder.payload_type);
+}
+
+} // namespace
+
+std::string camera_launch(int camera, const StreamSize &size, const EncoderChoice &encoder)
+{
+    std::string source = "zelispsrc camera=" + std::to_string(camera) + " ! ";
+    if (size.width > 0)
+        source += size_caps(size) + " ! ";
+    return "( " + source + encode_and_pay(encoder, 0) + " )";
+}
+
+std::string group_launch(const std::vector<int> &cameras, const std::string &trigger, const StreamSize &size,
+                         const EncoderChoice &encoder)
+{
+    std::string list;
+    for (int camera : cameras)
+        list += (list.empty() ? "" : ",") + std::to_string(camera);
+    std::string line = "( zelispgroupsrc name=group cameras=" + list + " trigger=\"" + trigger + "\"";
+    // One streaming thread feeds every member pad: a queue after each lets
+    // the members' encoders run side by side.
+    for (size_t i = 0; i < cameras.size(); ++i) {
+        line += " group.src_" + std::to_string(cameras[i]) + " ! queue ! ";
+        if (size.width > 0)
+            line += "videoscale ! " + size_caps(size) + " ! ";
+        line += encode_and_pay(encoder, int(i));
+    }
+    return line + " )";
+}
+
+} // namespace zrtsp

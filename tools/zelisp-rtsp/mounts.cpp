@@ -1,0 +1,42 @@
+/*
+ * mounts.cpp - planning the mounts and handing them to gst-rtsp-server.
+ */
+#include "mounts.h"
+
+#include <algorithm>
+
+namespace zrtsp {
+
+std::vector<Mount> plan_mounts(const std::vector<int> &cameras, const MountOptions &options,
+                               const EncoderChoice &encoder)
+{
+    std::vector<Mount> mounts;
+    for (int camera : cameras) {
+        if (std::find(options.group.begin(), options.group.end(), camera) != options.group.end())
+            continue;
+        std::string name = "cam" + std::to_string(camera);
+        mounts.push_back({name, camera_launch(camera, size_of(options, name), encoder)});
+    }
+    if (!options.group.empty())
+        mounts.push_back({"group", group_launch(options.group, options.trigger, size_of(options, "group"), encoder)});
+    return mounts;
+}
+
+void add_mounts(GstRTSPServer *server, const std::vector<Mount> &mounts, GstClock *network_clock)
+{
+    GstRTSPMountPoints *points = gst_rtsp_server_get_mount_points(server);
+    for (const Mount &mount : mounts) {
+        GstRTSPMediaFactory *media = gst_rtsp_media_factory_new();
+        gst_rtsp_media_factory_set_launch(media, mount.launch.c_str());
+        // One capture per camera, whatever the number of clients.
+        gst_rtsp_media_factory_set_shared(media, TRUE);
+        if (network_clock) {
+            gst_rtsp_media_factory_set_clock(media, network_clock);
+            gst_rtsp_media_factory_set_publish_clock_mode(media, GST_RTSP_PUBLISH_CLOCK_MODE_CLOCK_AND_OFFSET);
+        }
+        gst_rtsp_mount_points_add_factory(points, ("/" + mount.name).c_str(), media);
+    }
+    g_object_unref(points);
+}
+
+} // namespace zrtsp

@@ -7,6 +7,7 @@
 //                        supported_combination, max_buffers, mode
 //   [node /dev/video5]   kind, open_errno, close_errno
 //   [platform]           valid_camera_count
+//   [board]              clock_offset_ms, clock_drift_ppm
 //
 // The whole file is checked before anything is applied, so a file with an
 // error changes nothing; the error names the file and the line.
@@ -40,6 +41,8 @@ constexpr uint32_t kMaxNoise = 64;
 constexpr uint32_t kMaxDimension = 65535; // the driver reports view sizes in 16-bit words
 constexpr size_t kMaxLineLength = 200;     // libinih's line buffer holds 199 characters
 constexpr off_t kMaxFileSize = 1 << 20;    // a board description is a few hundred bytes
+constexpr int64_t kMaxClockOffsetNs = 86400000000000; // a day
+constexpr int64_t kMaxClockDriftPpb = 1000000;        // 1000 ppm
 
 struct CameraPlan {
     bool configured = false;
@@ -68,9 +71,11 @@ struct Plan {
     std::vector<NodePlan> nodes;
     bool has_valid_count = false;
     int valid_count = -1;
+    bool has_clock = false;
+    BoardClock clock;
 };
 
-enum class Section { None, Cameras, Camera, Node, Platform };
+enum class Section { None, Cameras, Camera, Node, Platform, Board };
 
 struct Parser {
     FILE *file = nullptr;
@@ -108,6 +113,28 @@ bool parse_uint(const std::string &text, uint32_t max, uint32_t *value)
     if (parsed > max)
         return false;
     *value = uint32_t(parsed);
+    return true;
+}
+
+// A decimal number ("-12.5") as a whole number of 10^-decimals units
+// (12.5 ms with 6 decimals: 12500000 ns), within -limit..limit units.
+bool parse_fixed(const std::string &text, int decimals, int64_t limit, int64_t *value)
+{
+    const bool negative = !text.empty() && text[0] == '-';
+    const std::string digits = text.substr(negative || (!text.empty() && text[0] == '+') ? 1 : 0);
+    const size_t point = digits.find('.');
+    const std::string whole = digits.substr(0, point);
+    const std::string fraction = point == std::string::npos ? "" : digits.substr(point + 1);
+    if ((whole.empty() && fraction.empty()) || whole.size() > 12 || int(fraction.size()) > decimals ||
+        (whole + fraction).find_first_not_of("0123456789") != std::string::npos ||
+        (point != std::string::npos && fraction.empty()))
+        return false;
+    int64_t units = whole.empty() ? 0 : std::stoll(whole);
+    for (int i = 0; i < decimals; ++i)
+        units = units * 10 + (i < int(fraction.size()) ? fraction[size_t(i)] - '0' : 0);
+    if (units > limit)
+        return false;
+    *value = negative ? -units : units;
     return true;
 }
 
@@ -205,6 +232,8 @@ bool begin_section(Parser *parser, const std::string &name)
         parser->section = Section::Cameras;
     } else if (name == "platform") {
         parser->section = Section::Platform;
+    } else if (name == "board") {
+        parser->section = Section::Board;
     } else if (name.compare(0, 7, "camera ") == 0) {
         uint32_t camera;
         if (!parse_uint(trim(name.substr(7)), kCameras - 1, &camera))
@@ -427,6 +456,26 @@ bool platform_key(Parser *parser, const std::string &key, const std::string &val
     return true;
 }
 
+bool board_key(Parser *parser, const std::string &key, const std::string &value)
+{
+    Plan &plan = parser->plan;
+    const std::string bad = "bad value '" + value + "' for " + key + ": ";
+    int64_t number;
+    if (key == "clock_offset_ms") {
+        if (!parse_fixed(value, 6, kMaxClockOffsetNs, &number))
+            return parser->fail(bad + "milliseconds, -86400000 to 86400000 (a day), to the nanosecond");
+        plan.clock.offset_ns = number;
+    } else if (key == "clock_drift_ppm") {
+        if (!parse_fixed(value, 3, kMaxClockDriftPpb, &number))
+            return parser->fail(bad + "parts per million, -1000 to 1000, to the thousandth");
+        plan.clock.drift_ppb = int32_t(number);
+    } else {
+        return parser->fail("unknown key '" + key + "' in [board]");
+    }
+    plan.has_clock = true;
+    return true;
+}
+
 int on_key(void *user, const char *, const char *name, const char *value)
 {
     auto *parser = static_cast<Parser *>(user);
@@ -441,6 +490,8 @@ int on_key(void *user, const char *, const char *name, const char *value)
         return node_key(parser, key, text);
     case Section::Platform:
         return platform_key(parser, key, text);
+    case Section::Board:
+        return board_key(parser, key, text);
     case Section::None:
         break;
     }
@@ -498,6 +549,8 @@ void apply(const Plan &plan)
     }
     if (plan.has_valid_count)
         set_valid_camera_count(plan.valid_count);
+    if (plan.has_clock)
+        set_board_clock(plan.clock);
     // Node settings last: adding a camera makes its nodes character devices.
     for (const NodePlan &node : plan.nodes) {
         if (node.has_kind)

@@ -257,7 +257,6 @@ void prepare_node_buffers(CoreLock &held, int node);
 bool events_pending(int fd);
 
 // ---- hardware_thread.cpp
-uint64_t monotonic_ns();
 int ensure_hardware_thread(State &s); // 0, or ENOMEM when the thread cannot start
 
 } // namespace zsim::detail

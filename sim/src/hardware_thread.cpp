@@ -16,6 +16,7 @@
 
 #include <unistd.h>
 
+#include "board_clock.h"
 #include "core.h"
 
 namespace zsim::detail {
@@ -33,7 +34,8 @@ void end_period(Node &n)
     }
     int index = n.queued.front();
     n.queued.pop_front();
-    fill_buffer(n, index, sequence, n.next_due_ns, 0, nullptr, true);
+    // Stamped as the board's clock read the end of the frame.
+    fill_buffer(n, index, sequence, uint64_t(to_board(CLOCK_MONOTONIC, int64_t(n.next_due_ns))), 0, nullptr, true);
 }
 
 // Ends every period due by now; returns when the next one is due.
@@ -58,6 +60,7 @@ uint64_t run_clocks(State &s, uint64_t now, bool shared_clock)
 
 void run()
 {
+    keep_host_time_on_this_thread();
     State &s = state();
     for (;;) {
         // The platform node keeps the trigger mode in an atomic word, so
@@ -66,7 +69,7 @@ void run()
         CoreLock held;
         if (s.stopping)
             return;
-        uint64_t next = run_clocks(s, monotonic_ns(), shared_clock);
+        uint64_t next = run_clocks(s, host_monotonic_ns(), shared_clock);
         if (next == kNever)
             s.wake.wait(held.guard());
         else
@@ -76,13 +79,6 @@ void run()
 }
 
 } // namespace
-
-uint64_t monotonic_ns()
-{
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return uint64_t(now.tv_sec) * 1000000000u + uint64_t(now.tv_nsec);
-}
 
 int ensure_hardware_thread(State &s)
 {

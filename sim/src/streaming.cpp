@@ -14,6 +14,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include "board_clock.h"
 #include "core.h"
 #include "video_requests.h"
 
@@ -214,7 +215,7 @@ int stream_on(State &s, int node, const int *type, LogNote *note)
     if (int err = n.streaming ? 0 : ensure_hardware_thread(s))
         return err;
     if (!n.streaming)
-        start_stream(s, node, monotonic_ns(), trigger_mode() != TriggerMode::None);
+        start_stream(s, node, host_monotonic_ns(), trigger_mode() != TriggerMode::None);
     return 0;
 }
 

@@ -78,7 +78,10 @@ TEST_F(ConfigFileTest, GoodFileDescribesCamerasNodesAndPlatform)
           "[node /dev/video17]\n"
           "kind = missing\n"
           "[platform]\n"
-          "valid_camera_count = 12\n");
+          "valid_camera_count = 12\n"
+          "[board]\n"
+          "clock_offset_ms = -12.5\n"
+          "clock_drift_ppm = +3.25\n");
     std::string error;
     ASSERT_TRUE(zsim::load_config(path_, &error)) << error;
 
@@ -100,6 +103,8 @@ TEST_F(ConfigFileTest, GoodFileDescribesCamerasNodesAndPlatform)
     EXPECT_EQ(OpenErrno("/dev/video0"), EACCES);
     EXPECT_EQ(OpenErrno("/dev/video2"), 0);
     EXPECT_EQ(ValidCount(), 12u);
+    EXPECT_EQ(zsim::board_clock().offset_ns, -12500000);
+    EXPECT_EQ(zsim::board_clock().drift_ppb, 3250);
 }
 
 TEST_F(ConfigFileTest, ErrorsNameTheLineAndChangeNothing)
@@ -120,6 +125,14 @@ TEST_F(ConfigFileTest, ErrorsNameTheLineAndChangeNothing)
         {"[cameras]\npresent = 1\nthis line has no value\n", ":3: syntax error"},
         {"[lights]\non = 1\n", ":1: unknown section [lights]"},
         {"fps = 30\n", ":1: key 'fps' outside a known section"},
+        {"[board]\nclock_offset_ms = 1.5x\n",
+         ":2: bad value '1.5x' for clock_offset_ms: milliseconds, -86400000 to 86400000 (a day), to the nanosecond"},
+        {"[board]\nclock_offset_ms = 86400000.000001\n", ":2: bad value '86400000.000001' for clock_offset_ms"},
+        {"[board]\nclock_offset_ms = 5.\n", ":2: bad value '5.' for clock_offset_ms"},
+        {"[board]\nclock_drift_ppm = -1000.001\n",
+         ":2: bad value '-1000.001' for clock_drift_ppm: parts per million, -1000 to 1000, to the thousandth"},
+        {"[board]\nclock_drift_ppm = 0.0005\n", ":2: bad value '0.0005' for clock_drift_ppm"},
+        {"[board]\nclock = fast\n", ":2: unknown key 'clock' in [board]"},
     };
     for (const auto &[text, message] : cases) {
         std::string error;
@@ -131,6 +144,7 @@ TEST_F(ConfigFileTest, ErrorsNameTheLineAndChangeNothing)
     EXPECT_EQ(ValidCount(), 4u);
     EXPECT_EQ(Kind("/dev/video1"), mode_t(S_IFCHR));
     EXPECT_EQ(zsim::camera_config(2).fps, 30u);
+    EXPECT_EQ(zsim::board_clock().offset_ns, 0);
 
     std::string error;
     EXPECT_FALSE(zsim::load_config("/nonexistent/zelisp.ini", &error));

@@ -157,6 +157,29 @@ enum class TriggerMode { None, Internal, External };
  * camera's frame clock runs in lock-step (identical frame timestamps). */
 TriggerMode trigger_mode();
 
+/* ---------------------------------------------------------- board clock */
+
+/* The board's clocks against the host's: offset_ns ahead when the board
+ * started (negative: behind), then running drift_ppb parts per billion fast
+ * (negative: slow), as an undisciplined oscillator does. The monotonic,
+ * boot-time, real-time and TAI clocks that the process reads through the C
+ * library (clock_gettime, gettimeofday, time, timespec_get) follow it, and
+ * so do the frames' timestamps; deadlines of absolute waits (clock_nanosleep
+ * with TIMER_ABSTIME, timed condition, semaphore, mutex and futex waits) are
+ * taken on the board's clocks. Relative waits are not scaled. Drift is held
+ * within 1000 ppm. reset() puts the board back on the host's time. */
+struct BoardClock {
+    int64_t offset_ns = 0;
+    int32_t drift_ppb = 0;
+};
+void set_board_clock(const BoardClock &clock);
+BoardClock board_clock();
+/* The host's CLOCK_MONOTONIC time, in nanoseconds, at which the board
+ * started: its clocks drift from there. Every process of a board has the
+ * same (zelisp-sim-run sets it; a process started without it starts a board
+ * of its own and hands the instant down to its children). */
+int64_t board_start_ns();
+
 /* ---------------------------------------------------------- request log */
 
 /* Pseudo request numbers for the log and for faults, next to real ioctl

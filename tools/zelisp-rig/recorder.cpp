@@ -199,15 +199,15 @@ void Recorder::tick()
 {
     gint64 now = g_get_monotonic_time();
     std::vector<FrameSet> sets;
-    bool every_url_over = true, all_known = true;
+    bool all_known = true, any_recording = false;
     int streams = 0;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         watch_streams(now);
-        for (const UrlRecord &url : url_records_) {
-            every_url_over = every_url_over && url.failed;
+        for (const UrlRecord &url : url_records_)
             all_known = all_known && (url.described || url.failed);
-        }
+        for (const StreamRecord &stream : streams_)
+            any_recording = any_recording || stream.state == StreamState::Recording;
         // Until every server has described its streams, a set could still
         // gain a stream.
         if (all_known)
@@ -225,7 +225,9 @@ void Recorder::tick()
         last_status_us_ = now;
     }
     bool time_up = options_.seconds > 0 && first_frame_us_ != 0 && seconds_since_first_frame(now) >= options_.seconds;
-    if (time_up || every_url_over)
+    // Once every server is known, a rig with no stream left has nothing
+    // more to record.
+    if (time_up || (all_known && !any_recording))
         g_main_loop_quit(loop_);
 }
 

@@ -67,10 +67,10 @@ bool worth_retrying(const GError *error)
 }
 
 struct FrameProbe {
-    UrlRecording *recording;
     RecordingEvents *events;
     int stream;
     GstClockTime base_time;
+    GstClockTime last_pts = GST_CLOCK_TIME_NONE; // only the stream's streaming thread touches it
 };
 
 } // namespace
@@ -228,7 +228,7 @@ void UrlRecording::record_stream(GstPad *pad)
     gst_element_sync_state_with_parent(depayloader);
 
     GstPad *frames = gst_element_get_static_pad(last, "src");
-    gst_pad_add_probe(frames, GST_PAD_PROBE_TYPE_BUFFER, on_frame, new FrameProbe{this, events_, number, base_time_},
+    gst_pad_add_probe(frames, GST_PAD_PROBE_TYPE_BUFFER, on_frame, new FrameProbe{events_, number, base_time_},
                       [](gpointer probe) { delete static_cast<FrameProbe *>(probe); });
     gst_object_unref(frames);
     GstPad *input = gst_element_get_static_pad(depayloader, "sink");
@@ -239,17 +239,28 @@ void UrlRecording::record_stream(GstPad *pad)
     g_mutex_unlock(&lock_);
 }
 
+// Each frame lasts until the next one: the stream's own rhythm, as the
+// interval before it. Without durations a file would end at its last
+// frame's start, and players that follow the file's length (splitmuxsrc
+// over split files) would leave that frame out.
 GstPadProbeReturn UrlRecording::on_frame(GstPad *pad, GstPadProbeInfo *info, gpointer data)
 {
     auto *probe = static_cast<FrameProbe *>(data);
     GstBuffer *buffer = GST_PAD_PROBE_INFO_BUFFER(info);
     if (!GST_BUFFER_PTS_IS_VALID(buffer))
         return GST_PAD_PROBE_OK;
-    GstClockTime running = GST_BUFFER_PTS(buffer);
+    GstClockTime pts = GST_BUFFER_PTS(buffer);
+    if (GST_CLOCK_TIME_IS_VALID(probe->last_pts) && pts > probe->last_pts && !GST_BUFFER_DURATION_IS_VALID(buffer)) {
+        buffer = gst_buffer_make_writable(buffer);
+        GST_BUFFER_DURATION(buffer) = pts - probe->last_pts;
+        GST_PAD_PROBE_INFO_DATA(info) = buffer;
+    }
+    probe->last_pts = pts;
+    GstClockTime running = pts;
     if (GstEvent *event = gst_pad_get_sticky_event(pad, GST_EVENT_SEGMENT, 0)) {
         const GstSegment *segment = nullptr;
         gst_event_parse_segment(event, &segment);
-        running = gst_segment_to_running_time(segment, GST_FORMAT_TIME, running);
+        running = gst_segment_to_running_time(segment, GST_FORMAT_TIME, pts);
         gst_event_unref(event);
     }
     if (GST_CLOCK_TIME_IS_VALID(running))

@@ -247,8 +247,6 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "zelisp-rtsp: %s\n", problem.c_str());
         return 2;
     }
-    std::fprintf(stderr, "zelisp-rtsp: %s\n",
-                 zrtsp::encoder_sentence(options.codec, mount_options.encoder, encoder).c_str());
     std::vector<zrtsp::Mount> mounts = zrtsp::plan_mounts(options.cameras, mount_options, encoder);
     std::vector<std::string> names;
     for (const zrtsp::Mount &mount : mounts)
@@ -257,6 +255,8 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "zelisp-rtsp: %s\n", problem.c_str());
         return 2;
     }
+    std::fprintf(stderr, "zelisp-rtsp: %s\n",
+                 zrtsp::encoder_sentence(options.codec, mount_options.encoder, encoder).c_str());
 
     // The network clock is synced before any frame is stamped on it: a
     // board serving frames on a clock still looking for its grandmaster would

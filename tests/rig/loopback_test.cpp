@@ -302,8 +302,9 @@ TEST(Loopback, RecorderSaysWhyItCannotRecord)
     std::string url = "rtsp://127.0.0.1:" + std::to_string(closed) + "/group";
     Finished refused = run(folder, rig_command("record --connect-seconds 1 --out refused " + url));
     EXPECT_EQ(refused.status, 1);
-    EXPECT_TRUE(std::regex_search(refused.err, std::regex("zelisp-rig: cannot record " + url +
-                                                          ": Could not open resource for reading and writing\\.")))
+    EXPECT_NE(refused.err.find("zelisp-rig: cannot record " + url +
+                               ": the server cannot be reached (Could not open resource for reading and writing."),
+              std::string::npos)
         << refused.err;
 }
 
@@ -315,8 +316,8 @@ TEST(Loopback, AMountTheServerDoesNotHaveAndAStalledServerAreReported)
     std::string missing = server.url.substr(0, server.url.rfind('/')) + "/cam7";
     Finished not_found = run(folder, rig_command("record --out missing " + missing));
     EXPECT_EQ(not_found.status, 1);
-    EXPECT_TRUE(std::regex_search(not_found.err,
-                                  std::regex("zelisp-rig: cannot record " + missing + ": .*[Nn]ot [Ff]ound")))
+    EXPECT_TRUE(std::regex_search(not_found.err, std::regex("zelisp-rig: cannot record " + missing +
+                                                            ": the server has no such stream \\(.*[Nn]ot [Ff]ound")))
         << not_found.err;
 
     // The board hangs: its connection stays open, no frame comes.

@@ -73,6 +73,8 @@ std::string state_json(const ClockSpec &spec, const ClockState &state)
     json["interface"] = spec.interface.empty() ? nullptr : nlohmann::json(spec.interface);
     json["grandmaster"] = state.grandmaster.empty() ? nullptr : nlohmann::json(state.grandmaster);
     json["seconds_to_sync"] = state.seconds_to_sync < 0 ? nullptr : nlohmann::json(state.seconds_to_sync);
+    json["settled"] = state.settled;
+    json["seconds_to_settle"] = state.seconds_to_settle < 0 ? nullptr : nlohmann::json(state.seconds_to_settle);
     return json.dump(2) + "\n";
 }
 
@@ -110,12 +112,16 @@ gboolean ClockLog::on_tick(gpointer self)
 void ClockLog::tell(const ClockState &state)
 {
     gint64 now = g_get_monotonic_time();
-    bool changed = !told_once_ || state.synced != was_synced_ || state.grandmaster != grandmaster_;
+    bool changed = !told_once_ || state.synced != was_synced_ || state.grandmaster != grandmaster_ ||
+                   (state.settled && !was_settled_);
     if (!changed && !(state.synced && now - last_line_us_ >= kStateLineEveryUs))
         return;
     std::string text = state_sentence(clock_.spec(), state);
-    if (state.synced && !was_synced_ && state.seconds_to_sync >= 0 && clock_.is_network()) {
-        char after[32];
+    char after[48] = "";
+    if (state.settled && !was_settled_ && was_synced_ && clock_.is_network()) {
+        std::snprintf(after, sizeof after, "settled after %.1f s: ", state.seconds_to_settle);
+        text = after + text;
+    } else if (state.synced && !was_synced_ && state.seconds_to_sync >= 0 && clock_.is_network()) {
         std::snprintf(after, sizeof after, " after %.1f s", state.seconds_to_sync);
         text.insert(std::string("synced").size(), after);
     } else if (!state.synced && was_synced_) {
@@ -124,6 +130,7 @@ void ClockLog::tell(const ClockState &state)
     std::fprintf(stderr, "%s: clock %s: %s\n", program_.c_str(), clock_name(clock_.spec()).c_str(), text.c_str());
     told_once_ = true;
     was_synced_ = state.synced;
+    was_settled_ = state.settled;
     grandmaster_ = state.grandmaster;
     last_line_us_ = now;
 }

@@ -1,6 +1,6 @@
 /*
  * clock_log.h - a clock's state, told to the people running the rig: a line
- * on standard error when it changes (sync gained or lost, another
+ * on standard error when it changes (sync gained or lost, settled, another
  * grandmaster) and once a minute while synced, and a small JSON file,
  * rewritten every second, for monitoring scripts.
  */
@@ -48,6 +48,7 @@ private:
     guint timer_ = 0;
     bool told_once_ = false;
     bool was_synced_ = false;
+    bool was_settled_ = false;
     std::string grandmaster_;
     gint64 last_line_us_ = 0;
     bool status_ok_ = true;

@@ -90,8 +90,8 @@ NetworkClock::NetworkClock(const ClockSpec &spec, GstClock *clock)
     : spec_(spec), clock_(clock), created_us_(g_get_monotonic_time())
 {
     if (spec.kind == ClockKind::System) {
-        state_.synced = true;
-        state_.seconds_to_sync = 0;
+        state_.synced = state_.settled = true;
+        state_.seconds_to_sync = state_.seconds_to_settle = 0;
     }
 }
 
@@ -133,7 +133,17 @@ void NetworkClock::on_ptp_statistics(const GstStructure *statistics)
     guint64 measured = 0, expected = GST_CLOCK_TIME_NONE;
     if (gst_structure_get_uint64(statistics, "ptp-time", &measured) &&
         gst_structure_get_uint64(statistics, "estimated-ptp-time", &expected) && GST_CLOCK_TIME_IS_VALID(expected))
-        state_.offset_ns = int64_t(measured - expected);
+        note_correction(int64_t(measured - expected));
+}
+
+void NetworkClock::note_correction(int64_t offset_ns)
+{
+    state_.offset_ns = offset_ns;
+    small_corrections_ = (offset_ns < 0 ? -offset_ns : offset_ns) <= kSettledCorrectionNs ? small_corrections_ + 1 : 0;
+    bool settled = state_.synced && small_corrections_ >= kSettledCorrections;
+    if (settled && state_.seconds_to_settle < 0)
+        state_.seconds_to_settle = double(g_get_monotonic_time() - created_us_) / 1e6;
+    state_.settled = settled;
 }
 
 GstBusSyncReply NetworkClock::ntp_message(GstBus *, GstMessage *message, gpointer self)
@@ -156,11 +166,11 @@ void NetworkClock::on_ntp_statistics(const GstStructure *statistics)
         state_.path_delay_ns = round_trip / 2;
     // Before the first sync the client jumps from its start value to the
     // server's time: that step is no correction of a running clock.
-    if (synced && gst_structure_get_int64(statistics, "discontinuity", &discontinuity))
-        state_.offset_ns = discontinuity;
     if (synced && state_.seconds_to_sync < 0)
         state_.seconds_to_sync = double(g_get_monotonic_time() - created_us_) / 1e6;
     state_.synced = synced;
+    if (synced && gst_structure_get_int64(statistics, "discontinuity", &discontinuity))
+        note_correction(discontinuity);
 }
 
 bool NetworkClock::wait_for_sync(double timeout_seconds, std::string *error)

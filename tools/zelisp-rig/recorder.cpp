@@ -166,9 +166,12 @@ void Recorder::url_failed(int url, const std::string &sentence)
     for (const StreamRecord &stream : streams_)
         recording += stream.state == StreamState::Recording;
     status_line_.end_line();
+    std::string others = recording == 0   ? "no other stream records on"
+                         : recording == 1 ? "1 other stream records on"
+                                          : std::to_string(recording) + " other streams record on";
     std::string problem = lost > 0 ? "lost " + options_.urls[size_t(url)] + " after " +
                                          seconds_text(seconds_since_first_frame(g_get_monotonic_time())) + ": " +
-                                         sentence + "; " + std::to_string(recording) + " other streams record on"
+                                         sentence + "; " + others
                                    : "cannot record " + options_.urls[size_t(url)] + ": " + sentence;
     std::fprintf(stderr, "zelisp-rig: %s\n", problem.c_str());
     problems_.push_back(problem);

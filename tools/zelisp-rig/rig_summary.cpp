@@ -5,6 +5,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
+
 #include "clock_log.h"
 
 namespace zrig {
@@ -17,6 +19,8 @@ nlohmann::json clock_json(const SummaryInput &input)
         netclock::ClockState state = input.clock->state();
         clock["state"] = netclock::state_sentence(input.options->clock, state);
         clock["seconds_to_sync"] = state.seconds_to_sync < 0 ? nullptr : nlohmann::json(state.seconds_to_sync);
+        clock["settled"] = state.settled;
+        clock["seconds_to_settle"] = state.seconds_to_settle < 0 ? nullptr : nlohmann::json(state.seconds_to_settle);
         clock["grandmaster"] = state.grandmaster.empty() ? nullptr : nlohmann::json(state.grandmaster);
         clock["offset_ns"] = state.offset_ns;
         clock["path_delay_ns"] = state.path_delay_ns;
@@ -53,10 +57,16 @@ std::string summary_json(const SummaryInput &input)
 {
     nlohmann::json urls = nlohmann::json::array();
     for (size_t i = 0; i < input.options->urls.size(); ++i) {
-        nlohmann::json streams = nlohmann::json::array();
+        // In the session's order, whatever order the streams came in.
+        std::vector<const SummaryStream *> of_url;
         for (const SummaryStream &stream : input.streams)
             if (stream.info.url == int(i))
-                streams.push_back(stream_json(stream, input.seconds));
+                of_url.push_back(&stream);
+        std::sort(of_url.begin(), of_url.end(),
+                  [](const SummaryStream *a, const SummaryStream *b) { return a->info.index < b->info.index; });
+        nlohmann::json streams = nlohmann::json::array();
+        for (const SummaryStream *stream : of_url)
+            streams.push_back(stream_json(*stream, input.seconds));
         urls.push_back({{"url", input.options->urls[i]}, {"streams", streams}});
     }
     const SkewTally &skews = *input.skews;

@@ -43,8 +43,9 @@ std::string caps_string(const GstStructure *structure, const char *field)
     return value ? value : "";
 }
 
-// The last line of an error's debug text is where rtspsrc says what
-// happened ("Failed to connect. (Connection refused)").
+// What went wrong, in words for the rig's operator, with GStreamer's own
+// words (and the last line of its details, where rtspsrc says what
+// happened: "Failed to connect. (Connection refused)") after them.
 std::string error_sentence(const GError *error, const gchar *debug)
 {
     std::string text = error->message;
@@ -53,9 +54,21 @@ std::string error_sentence(const GError *error, const gchar *debug)
         size_t line = details.find_last_of('\n');
         details = line == std::string::npos ? details : details.substr(line + 1);
         if (!details.empty() && details.find("gstrtspsrc.c") == std::string::npos)
-            text += " (" + details + ")";
+            text += " " + details;
     }
-    return text;
+    if (error->domain != GST_RESOURCE_ERROR)
+        return text;
+    switch (error->code) {
+    case GST_RESOURCE_ERROR_READ:
+        return "the connection to the server broke (" + text + ")";
+    case GST_RESOURCE_ERROR_OPEN_READ:
+    case GST_RESOURCE_ERROR_OPEN_READ_WRITE:
+        return "the server cannot be reached (" + text + ")";
+    case GST_RESOURCE_ERROR_NOT_FOUND:
+        return "the server has no such stream (" + text + ")";
+    default:
+        return text;
+    }
 }
 
 // A server that is not listening yet (a board still booting) refuses the
@@ -112,7 +125,7 @@ UrlRecording::~UrlRecording()
             g_source_remove(bus_watch_);
         gst_object_unref(pipeline_);
     }
-    for (GstPad *pad : stream_inputs_)
+    for (GstPad *pad : stream_outputs_)
         gst_object_unref(pad);
     g_mutex_clear(&lock_);
 }
@@ -132,6 +145,20 @@ bool UrlRecording::make_pipeline(std::string *error)
     gst_element_set_base_time(pipeline_, base_time_);
     g_object_set(source_, "location", url_.c_str(), "latency", guint(settings_.latency_ms), "rfc7273-sync",
                  gboolean(settings_.network_clock), "ntp-sync", gboolean(!settings_.network_clock), nullptr);
+    // On a network clock the clock alone places every frame. rtpbin's
+    // lip-sync of the streams of one server (RTCP sender reports) would
+    // still shift some of them by a few milliseconds against it: it keeps
+    // no offset larger than this nanosecond.
+    if (settings_.network_clock)
+        g_object_set(source_, "max-ts-offset", gint64(1), nullptr);
+    // On the system clock the senders' reports move each stream onto its
+    // sender's clock once they come, seconds in: a step of a hundred
+    // milliseconds, back or forth. In steps of 2 ms a frame, frames keep
+    // their order (up to 400 fps) and a muxer its rising time stamps.
+    else
+        g_object_set(source_, "max-ts-offset-adjustment", guint64(2 * GST_MSECOND), nullptr);
+    if (!settings_.network_clock)
+        gst_util_set_object_arg(G_OBJECT(source_), "buffer-mode", "synced");
     gst_util_set_object_arg(G_OBJECT(source_), "protocols", settings_.tcp ? "tcp" : "udp");
     g_signal_connect(source_, "pad-added", G_CALLBACK(on_pad_added), this);
     g_signal_connect(source_, "no-more-pads", G_CALLBACK(on_no_more_pads), this);
@@ -204,6 +231,9 @@ void UrlRecording::record_stream(GstPad *pad)
         GstPad *sink_pad = gst_element_get_static_pad(sink, "sink");
         gst_pad_link(pad, sink_pad);
         gst_object_unref(sink_pad);
+        g_mutex_lock(&lock_);
+        stream_outputs_.push_back(GST_PAD(gst_object_ref(pad)));
+        g_mutex_unlock(&lock_);
         return;
     }
     info.name = name_ + "-" + std::to_string(info.index);
@@ -233,9 +263,10 @@ void UrlRecording::record_stream(GstPad *pad)
     gst_object_unref(frames);
     GstPad *input = gst_element_get_static_pad(depayloader, "sink");
     gst_pad_link(pad, input);
+    gst_object_unref(input);
     g_mutex_lock(&lock_);
     any_stream_ = true;
-    stream_inputs_.push_back(input);
+    stream_outputs_.push_back(GST_PAD(gst_object_ref(pad)));
     g_mutex_unlock(&lock_);
 }
 
@@ -250,9 +281,14 @@ GstPadProbeReturn UrlRecording::on_frame(GstPad *pad, GstPadProbeInfo *info, gpo
     if (!GST_BUFFER_PTS_IS_VALID(buffer))
         return GST_PAD_PROBE_OK;
     GstClockTime pts = GST_BUFFER_PTS(buffer);
-    if (GST_CLOCK_TIME_IS_VALID(probe->last_pts) && pts > probe->last_pts && !GST_BUFFER_DURATION_IS_VALID(buffer)) {
+    if (GST_CLOCK_TIME_IS_VALID(probe->last_pts)) {
         buffer = gst_buffer_make_writable(buffer);
-        GST_BUFFER_DURATION(buffer) = pts - probe->last_pts;
+        // A time going back (a clock stepped) would stop the muxer: the
+        // frame is placed just after the one before instead.
+        if (pts <= probe->last_pts)
+            pts = GST_BUFFER_PTS(buffer) = probe->last_pts + 1;
+        if (!GST_BUFFER_DURATION_IS_VALID(buffer))
+            GST_BUFFER_DURATION(buffer) = pts - probe->last_pts;
         GST_PAD_PROBE_INFO_DATA(info) = buffer;
     }
     probe->last_pts = pts;
@@ -275,8 +311,24 @@ gboolean UrlRecording::on_message(GstBus *, GstMessage *message, gpointer self)
     case GST_MESSAGE_ERROR:
         recording->handle_error(message);
         break;
+    case GST_MESSAGE_WARNING: {
+        // rtspsrc warns when the server closes the connection, then ends
+        // the streams: the warning says why they ended.
+        GError *error = nullptr;
+        gchar *debug = nullptr;
+        gst_message_parse_warning(message, &error, &debug);
+        recording->last_warning_ = error_sentence(error, debug);
+        g_error_free(error);
+        g_free(debug);
+        break;
+    }
     case GST_MESSAGE_EOS:
         recording->ended_ = true;
+        if (!recording->ending_ && !recording->failed_) {
+            recording->failed_ = true;
+            std::string why = recording->last_warning_.empty() ? "the server ended its streams" : recording->last_warning_;
+            recording->events_->url_failed(recording->index_, why);
+        }
         break;
     default:
         break;
@@ -303,8 +355,8 @@ void UrlRecording::handle_error(GstMessage *message)
         return;
     }
     failed_ = true;
-    end_streams();
     events_->url_failed(index_, sentence);
+    end_streams();
 }
 
 gboolean UrlRecording::on_retry(gpointer self)
@@ -318,18 +370,32 @@ gboolean UrlRecording::on_retry(gpointer self)
 }
 
 // An end of stream into every stream's chain, so that each muxer writes its
-// file's index and closes it, whatever became of the server.
+// file's index and closes it, whatever became of the server. It is sent
+// once rtspsrc's pad is idle, from the thread that finds it so, and the pad
+// is unlinked then: sent beside a streaming thread it would wait for that
+// thread, which may be waiting downstream itself. A chain whose thread never
+// comes back is left to the bounded wait in finish().
 void UrlRecording::end_streams()
 {
     g_mutex_lock(&lock_);
-    std::vector<GstPad *> inputs;
-    for (GstPad *pad : stream_inputs_)
-        inputs.push_back(GST_PAD(gst_object_ref(pad)));
+    std::vector<GstPad *> outputs;
+    for (GstPad *pad : stream_outputs_)
+        outputs.push_back(GST_PAD(gst_object_ref(pad)));
     g_mutex_unlock(&lock_);
-    for (GstPad *pad : inputs) {
-        gst_pad_send_event(pad, gst_event_new_eos());
+    for (GstPad *pad : outputs) {
+        gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_IDLE, end_when_idle, nullptr, nullptr);
         gst_object_unref(pad);
     }
+}
+
+GstPadProbeReturn UrlRecording::end_when_idle(GstPad *pad, GstPadProbeInfo *, gpointer)
+{
+    if (GstPad *chain = gst_pad_get_peer(pad)) {
+        gst_pad_unlink(pad, chain);
+        gst_pad_send_event(chain, gst_event_new_eos());
+        gst_object_unref(chain);
+    }
+    return GST_PAD_PROBE_REMOVE;
 }
 
 void UrlRecording::finish(double seconds)

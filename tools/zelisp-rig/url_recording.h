@@ -80,6 +80,7 @@ private:
     static GstPadProbeReturn on_frame(GstPad *pad, GstPadProbeInfo *info, gpointer self);
     static gboolean on_message(GstBus *bus, GstMessage *message, gpointer self);
     static gboolean on_retry(gpointer self);
+    static GstPadProbeReturn end_when_idle(GstPad *pad, GstPadProbeInfo *info, gpointer self);
     void record_stream(GstPad *pad);
     void handle_error(GstMessage *message);
     void end_streams();
@@ -99,11 +100,12 @@ private:
     gint64 connect_deadline_us_ = 0;
     std::atomic<bool> any_stream_{false}; // a stream was set up: no more reconnecting
     bool failed_ = false;
+    std::string last_warning_;
     bool ending_ = false;
     bool ended_ = false;
     // Streaming threads add streams; the main loop reads them.
     GMutex lock_;
-    std::vector<GstPad *> stream_inputs_; // each stream's depayloader sink pad
+    std::vector<GstPad *> stream_outputs_; // rtspsrc's pad of each stream, linked to its chain
 };
 
 // The URL's part of file and stream names: "10.0.0.2-8554-group".

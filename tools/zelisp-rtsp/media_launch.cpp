@@ -12,11 +12,15 @@ std::string size_caps(const StreamSize &size)
 }
 
 // From raw frames to RTP: the encoder converts what it must (videoconvert
-// passes the ISP's NV12 through to encoders that take it).
+// passes the ISP's NV12 through to encoders that take it). The payloader
+// makes RTP time from running time alone: its "perfect" time stamps (made
+// for audio) report the running time in RTP clock units, and the server
+// takes that report for nanoseconds when it states in the SDP how RTP time
+// maps onto the clock (mediaclk), a few tens of milliseconds off.
 std::string encode_and_pay(const EncoderChoice &encoder, int stream)
 {
     return "videoconvert ! " + encoder.launch + " ! " + encoder.payloader + " name=pay" + std::to_string(stream) +
-           " pt=" + std::to_string(encoder.payload_type);
+           " pt=" + std::to_string(encoder.payload_type) + " perfect-rtptime=false";
 }
 
 } // namespace

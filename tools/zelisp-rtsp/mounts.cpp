@@ -6,6 +6,28 @@
 #include <algorithm>
 
 namespace zrtsp {
+namespace {
+
+// The SDP ties the streams' RTP time to the clock through the pipeline's
+// base time, stated once when a client asks for the description. The
+// server then holds the prepared media paused until the client plays, and
+// a pipeline takes a new base time at every PAUSED to PLAYING: every frame
+// would land that pause earlier on the clock than it was taken. So the base
+// time is fixed when the media is made, and running time runs on with the
+// clock through any pause.
+void hold_base_time(GstRTSPMediaFactory *, GstRTSPMedia *media, gpointer clock)
+{
+    GstElement *element = gst_rtsp_media_get_element(media);
+    GstObject *pipeline = gst_object_get_parent(GST_OBJECT(element));
+    if (pipeline) {
+        gst_element_set_start_time(GST_ELEMENT(pipeline), GST_CLOCK_TIME_NONE);
+        gst_element_set_base_time(GST_ELEMENT(pipeline), gst_clock_get_time(GST_CLOCK(clock)));
+        gst_object_unref(pipeline);
+    }
+    gst_object_unref(element);
+}
+
+} // namespace
 
 std::vector<Mount> plan_mounts(const std::vector<int> &cameras, const MountOptions &options,
                                const EncoderChoice &encoder)
@@ -33,6 +55,7 @@ void add_mounts(GstRTSPServer *server, const std::vector<Mount> &mounts, GstCloc
         if (network_clock) {
             gst_rtsp_media_factory_set_clock(media, network_clock);
             gst_rtsp_media_factory_set_publish_clock_mode(media, GST_RTSP_PUBLISH_CLOCK_MODE_CLOCK_AND_OFFSET);
+            g_signal_connect(media, "media-configure", G_CALLBACK(hold_base_time), network_clock);
         }
         gst_rtsp_mount_points_add_factory(points, ("/" + mount.name).c_str(), media);
     }

@@ -273,6 +273,11 @@ TEST(Loopback, RecorderSaysWhyItCannotRecord)
     EXPECT_EQ(no_out.err, "zelisp-rig: --out FOLDER is missing: the recording needs a folder\n");
     Finished no_command = run(folder, rig_command("rtsp://127.0.0.1:1/group"));
     EXPECT_EQ(no_command.status, 2);
+    Finished twice =
+        run(folder, rig_command("record --out take rtsp://127.0.0.1:8554/group rtsp://127.0.0.1:8554/group/"));
+    EXPECT_EQ(twice.status, 2);
+    EXPECT_EQ(twice.err, "zelisp-rig: 'rtsp://127.0.0.1:8554/group/' names the same streams as "
+                         "'rtsp://127.0.0.1:8554/group': give each server once\n");
     Finished bad_number = run(folder, rig_command("record --seconds soon --out take rtsp://127.0.0.1:1/group"));
     EXPECT_EQ(bad_number.err,
               "zelisp-rig: --seconds takes seconds to record, 0 for until interrupted, got 'soon'\n");

@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "url_recording.h"
+
 namespace zrig {
 namespace {
 
@@ -122,6 +124,12 @@ bool parse_record_options(int argc, char **argv, RecordOptions *options, std::st
         if (!valid_rtsp_url(arg)) {
             *error = "'" + arg + "' is not an RTSP URL: write rtsp://HOST[:PORT]/PATH, as zelisp-rtsp prints it";
             return false;
+        }
+        for (const std::string &earlier : options->urls) {
+            if (url_file_name(earlier) == url_file_name(arg)) {
+                *error = "'" + arg + "' names the same streams as '" + earlier + "': give each server once";
+                return false;
+            }
         }
         options->urls.push_back(arg);
     }

@@ -32,6 +32,7 @@ void apply_defaults(State &s)
     s.log.clear();
     s.log_limit = kTestLogLimit;
     s.faults.clear();
+    s.line = TriggerLine{};
 }
 
 State &state()

@@ -1,6 +1,7 @@
 // Whole boards under zelisp-sim-run, as a rig of several boards on one
 // machine is simulated: each board keeps its own clocks, the same in every
-// process of the board and its children. The host's time is read with the
+// process of the board and its children, and boards wired to one trigger
+// line take their frames together, each stamping them with its own clock. The host's time is read with the
 // clock_gettime system call, which no board shifts; the board probe
 // (tests/sim/probe) prints what a board's programs read.
 #include <sys/syscall.h>
@@ -87,6 +88,12 @@ struct Board {
     int64_t Expected(int64_t host, int64_t monotonic, int64_t start) const
     {
         return host + offset_ns + int64_t(__int128(monotonic - start) * drift_ppb / kSecond);
+    }
+    // The host's monotonic time at which the board's monotonic clock read
+    // `board`: what a recorder that knows the board's clock recovers.
+    int64_t HostTime(int64_t board, int64_t start) const
+    {
+        return start + int64_t(__int128(board - offset_ns - start) * kSecond / (kSecond + drift_ppb));
     }
 };
 
@@ -207,6 +214,72 @@ TEST_F(BoardRunnerTest, DriftGrowsFromTheBoardsStartAndChildrenInheritIt)
     ASSERT_EQ(readings.size(), 2u) << output_;
     EXPECT_EQ(readings[0].at("start"), readings[1].at("start"));
     EXPECT_GE(readings[1].at("start"), before.monotonic);
+}
+
+// The frames a board's probe printed, each as the host's monotonic time
+// its board's stamp stands for.
+std::vector<int64_t> FrameHostTimes(const std::string &output, const Board &board)
+{
+    std::vector<int64_t> times;
+    std::istringstream lines(output);
+    std::string line;
+    int64_t start = 0;
+    while (std::getline(lines, line)) {
+        if (line.compare(0, 6, "start=") == 0)
+            start = std::stoll(line.substr(6));
+        unsigned sequence;
+        long long stamp_us;
+        if (std::sscanf(line.c_str(), "frame %u %lld", &sequence, &stamp_us) == 2)
+            times.push_back(board.HostTime(stamp_us * 1000, start));
+    }
+    return times;
+}
+
+TEST_F(BoardRunnerTest, BoardsOnOneTriggerLineTakeTheirFramesOnItsPulses)
+{
+    // Two boards far apart in time, one wired with a longer cable, on a
+    // 60 Hz line; cameras at the line's rate take every pulse.
+    const std::string line = "[trigger_line rig]\nfps = 60\nphase_us = 1234.5\n[camera 0]\nfps = 60\n";
+    const Board near{1500000000, 40000}, far{-750000000, -25000};
+    const int64_t delay_ns = 250000, period_ns = (kSecond + 30) / 60, phase_ns = 1234500;
+    const std::string near_ini = Config("near.ini", near.Ini() + "trigger_line = rig\n" + line);
+    const std::string far_ini =
+        Config("far.ini", far.Ini() + "trigger_line = rig\ntrigger_delay_us = 250\n" + line);
+    const std::string program = "sh -c 'echo start=$ZELISP_SIM_BOARD_START; " + probe_ + " frames 0 120 external'";
+    ASSERT_EQ(zelisp_test::RunCommand(runner_ + " --config " + near_ini + " -- " + program + " > " + dir_ +
+                                          "/near.txt & " + runner_ + " --config " + far_ini + " -- " + program +
+                                          " > " + dir_ + "/far.txt; wait $!",
+                                      &output_),
+              0)
+        << output_;
+    std::string near_output, far_output;
+    ASSERT_EQ(zelisp_test::RunCommand("cat " + dir_ + "/near.txt", &near_output), 0);
+    ASSERT_EQ(zelisp_test::RunCommand("cat " + dir_ + "/far.txt", &far_output), 0);
+    const std::vector<int64_t> near_times = FrameHostTimes(near_output, near);
+    const std::vector<int64_t> far_times = FrameHostTimes(far_output, far);
+    ASSERT_EQ(near_times.size(), 120u) << near_output;
+    ASSERT_EQ(far_times.size(), 120u) << far_output;
+
+    // Corrected by its board's known clock, every frame falls on a pulse
+    // of the line (the far board's a cable's delay later).
+    auto off_pulse = [&](int64_t at, int64_t delay) {
+        const int64_t from = ((at - phase_ns - delay) % period_ns + period_ns) % period_ns;
+        return std::min(from, period_ns - from);
+    };
+    for (const int64_t at : near_times)
+        EXPECT_LE(off_pulse(at, 0), 2000);
+    for (const int64_t at : far_times)
+        EXPECT_LE(off_pulse(at, delay_ns), 2000);
+    // Frames of one pulse on the two boards are the delay apart: the true
+    // skew a recorder should recover.
+    size_t together = 0;
+    for (const int64_t at : near_times)
+        for (const int64_t other : far_times)
+            if (std::llabs(other - at - delay_ns) < period_ns / 2) {
+                EXPECT_LE(std::llabs(other - at - delay_ns), 100000) << "frames of one pulse 100 us apart or more";
+                ++together;
+            }
+    EXPECT_GE(together, 10u) << "the two boards' captures did not overlap";
 }
 
 } // namespace

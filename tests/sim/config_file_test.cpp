@@ -79,9 +79,17 @@ TEST_F(ConfigFileTest, GoodFileDescribesCamerasNodesAndPlatform)
           "kind = missing\n"
           "[platform]\n"
           "valid_camera_count = 12\n"
+          "trigger_mode = external\n"
           "[board]\n"
           "clock_offset_ms = -12.5\n"
-          "clock_drift_ppm = +3.25\n");
+          "clock_drift_ppm = +3.25\n"
+          "trigger_line = rig.1\n"
+          "trigger_delay_us = 12.5\n"
+          "[trigger_line rig.1]\n"
+          "fps = 29.97\n"
+          "phase_us = 100\n"
+          "[trigger_line spare]   ; lines the board is not wired to may be described too\n"
+          "fps = 1\n");
     std::string error;
     ASSERT_TRUE(zsim::load_config(path_, &error)) << error;
 
@@ -105,6 +113,12 @@ TEST_F(ConfigFileTest, GoodFileDescribesCamerasNodesAndPlatform)
     EXPECT_EQ(ValidCount(), 12u);
     EXPECT_EQ(zsim::board_clock().offset_ns, -12500000);
     EXPECT_EQ(zsim::board_clock().drift_ppb, 3250);
+    const zsim::TriggerLine line = zsim::trigger_line();
+    EXPECT_EQ(line.name, "rig.1");
+    EXPECT_EQ(line.period_ns, 33366700u); // 1 / 29.97 Hz, to the nanosecond
+    EXPECT_EQ(line.phase_ns, 100000u);
+    EXPECT_EQ(line.delay_ns, 12500u);
+    EXPECT_EQ(zsim::trigger_mode(), zsim::TriggerMode::External);
 }
 
 TEST_F(ConfigFileTest, ErrorsNameTheLineAndChangeNothing)
@@ -133,6 +147,17 @@ TEST_F(ConfigFileTest, ErrorsNameTheLineAndChangeNothing)
          ":2: bad value '-1000.001' for clock_drift_ppm: parts per million, -1000 to 1000, to the thousandth"},
         {"[board]\nclock_drift_ppm = 0.0005\n", ":2: bad value '0.0005' for clock_drift_ppm"},
         {"[board]\nclock = fast\n", ":2: unknown key 'clock' in [board]"},
+        {"[board]\ntrigger_line = rig\n", ":2: trigger line 'rig' has no [trigger_line rig] section"},
+        {"[board]\ntrigger_line = a b\n", ":2: bad value 'a b' for trigger_line: a line name"},
+        {"[trigger_line rig]\nphase_us = 5\n", ":1: [trigger_line rig] needs fps, its pulses per second"},
+        {"[trigger_line rig]\nfps = 100\n\nphase_us = 10000\n",
+         ":4: phase_us of [trigger_line rig] must be less than its period, 10000 us"},
+        {"[trigger_line r/g]\nfps = 1\n", ":1: trigger line name in [trigger_line r/g] must be letters"},
+        {"[trigger_line rig]\nfps = 0\n", ":2: bad value '0' for fps: pulses per second, 0.001 to 1000"},
+        {"[trigger_line rig]\nfps = 30\nwidth = 3\n", ":3: unknown key 'width' in [trigger_line rig]"},
+        {"[board]\ntrigger_delay_us = 5\n", ":2: trigger_delay_us without a trigger_line the delay would apply to"},
+        {"[board]\ntrigger_line = rig\ntrigger_delay_us = -1\n", ":3: bad value '-1' for trigger_delay_us"},
+        {"[platform]\ntrigger_mode = sometimes\n", ":2: bad value 'sometimes' for trigger_mode: none, internal or external"},
     };
     for (const auto &[text, message] : cases) {
         std::string error;
@@ -145,6 +170,8 @@ TEST_F(ConfigFileTest, ErrorsNameTheLineAndChangeNothing)
     EXPECT_EQ(Kind("/dev/video1"), mode_t(S_IFCHR));
     EXPECT_EQ(zsim::camera_config(2).fps, 30u);
     EXPECT_EQ(zsim::board_clock().offset_ns, 0);
+    EXPECT_TRUE(zsim::trigger_line().name.empty());
+    EXPECT_EQ(zsim::trigger_mode(), zsim::TriggerMode::None);
 
     std::string error;
     EXPECT_FALSE(zsim::load_config("/nonexistent/zelisp.ini", &error));

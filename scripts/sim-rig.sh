@@ -163,7 +163,7 @@ for board in $(seq 1 "$boards"); do
   } >"$out/board$board.ini"
   # shellcheck disable=SC2086
   GST_PLUGIN_PATH="$build/gst" ip netns exec "$tag-b$board" $urgent "$build/sim/zelisp-sim-run" --config "$out/board$board.ini" -- \
-    "$build/tools/zelisp-rtsp/zelisp-rtsp" --group "$member_list" --trigger external --codec "$codec" \
+    "$build/tools/zelisp-rtsp/zelisp-rtsp" --group "$member_list" --trigger external --codec "$codec" --buffers 8 \
     --clock $server_clock --sync-timeout 60 --clock-status "$out/board$board.clock.json" \
     >"$out/board$board.out" 2>"$out/board$board.err" &
   pids+=($!)

@@ -97,6 +97,9 @@ std::vector<DecodedFrame> decode_recording(const std::string &folder, const std:
     }
     GstElement *sink = gst_bin_get_by_name(GST_BIN(pipeline), "frames");
     gst_element_set_state(pipeline, GST_STATE_PLAYING);
+    // appsink hands out nothing before it has started: wait for the
+    // pipeline to preroll (decodebin links the decoder on the fly).
+    gst_element_get_state(pipeline, nullptr, nullptr, 60 * GST_SECOND);
     std::vector<DecodedFrame> frames;
     // Bounded: a recording of a test is at most a few thousand frames.
     while (GstSample *sample = gst_app_sink_try_pull_sample(GST_APP_SINK(sink), 30 * GST_SECOND)) {

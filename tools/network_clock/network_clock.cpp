@@ -124,8 +124,9 @@ void NetworkClock::on_ptp_statistics(const GstStructure *statistics)
     if (gst_structure_has_name(statistics, GST_PTP_STATISTICS_BEST_MASTER_CLOCK_SELECTED) &&
         gst_structure_get_uint64(statistics, "grandmaster-clock-id", &value))
         state_.grandmaster = ptp_identity(value);
-    if (gst_structure_get_uint64(statistics, "mean-path-delay-avg", &value))
-        state_.path_delay_ns = value;
+    if (gst_structure_get_uint64(statistics, "mean-path-delay-avg", &value) &&
+        gst_structure_has_name(statistics, GST_PTP_STATISTICS_PATH_DELAY_MEASURED))
+        note_path_delay(value);
     if (!gst_structure_has_name(statistics, GST_PTP_STATISTICS_TIME_UPDATED))
         return;
     // Whether the clock follows its grandmaster is the clock's to say (see
@@ -133,14 +134,18 @@ void NetworkClock::on_ptp_statistics(const GstStructure *statistics)
     guint64 measured = 0, expected = GST_CLOCK_TIME_NONE;
     if (gst_structure_get_uint64(statistics, "ptp-time", &measured) &&
         gst_structure_get_uint64(statistics, "estimated-ptp-time", &expected) && GST_CLOCK_TIME_IS_VALID(expected))
-        note_correction(int64_t(measured - expected));
+        state_.offset_ns = int64_t(measured - expected);
 }
 
-void NetworkClock::note_correction(int64_t offset_ns)
+void NetworkClock::note_path_delay(uint64_t delay_ns)
 {
-    state_.offset_ns = offset_ns;
-    small_corrections_ = (offset_ns < 0 ? -offset_ns : offset_ns) <= kSettledCorrectionNs ? small_corrections_ + 1 : 0;
-    bool settled = state_.synced && small_corrections_ >= kSettledCorrections;
+    double change = double(delay_ns > state_.path_delay_ns ? delay_ns - state_.path_delay_ns
+                                                           : state_.path_delay_ns - delay_ns);
+    bool steady = state_.path_delay_ns > 0 &&
+                  (change <= kSteadyDelayChange * double(state_.path_delay_ns) || change <= 10000);
+    steady_delays_ = steady ? steady_delays_ + 1 : 0;
+    state_.path_delay_ns = delay_ns;
+    bool settled = state_.synced && steady_delays_ >= kSteadyDelays;
     if (settled && state_.seconds_to_settle < 0)
         state_.seconds_to_settle = double(g_get_monotonic_time() - created_us_) / 1e6;
     state_.settled = settled;
@@ -162,15 +167,15 @@ void NetworkClock::on_ntp_statistics(const GstStructure *statistics)
     guint64 round_trip = 0;
     gint64 discontinuity = 0;
     gst_structure_get_boolean(statistics, "synchronised", &synced);
-    if (gst_structure_get_uint64(statistics, "rtt-average", &round_trip))
-        state_.path_delay_ns = round_trip / 2;
-    // Before the first sync the client jumps from its start value to the
-    // server's time: that step is no correction of a running clock.
     if (synced && state_.seconds_to_sync < 0)
         state_.seconds_to_sync = double(g_get_monotonic_time() - created_us_) / 1e6;
     state_.synced = synced;
+    // Before the first sync the client jumps from its start value to the
+    // server's time: that step is no correction of a running clock.
     if (synced && gst_structure_get_int64(statistics, "discontinuity", &discontinuity))
-        note_correction(discontinuity);
+        state_.offset_ns = discontinuity;
+    if (gst_structure_get_uint64(statistics, "rtt-average", &round_trip))
+        note_path_delay(round_trip / 2);
 }
 
 bool NetworkClock::wait_for_sync(double timeout_seconds, std::string *error)
@@ -183,8 +188,10 @@ bool NetworkClock::wait_for_sync(double timeout_seconds, std::string *error)
     while (!state().synced && g_get_monotonic_time() < deadline)
         g_usleep(50 * 1000);
     ClockState now = state();
-    if (now.synced)
+    if (now.synced) {
+        smooth_ptp_clock();
         return true;
+    }
     std::string head = "the " + clock_name(spec_) + " clock did not sync within " + seconds_text(timeout_seconds) + " s: ";
     if (spec_.kind == ClockKind::Ptp && !now.heard)
         *error = head + "no PTP grandmaster answered on domain " + std::to_string(spec_.domain) +
@@ -198,6 +205,24 @@ bool NetworkClock::wait_for_sync(double timeout_seconds, std::string *error)
     else
         *error = head + "the NTP server answers, but the clock has not settled on it yet";
     return false;
+}
+
+// GStreamer's PTP client stamps each message in user space, when its
+// thread reads it: on a busy board some stamps come late by milliseconds.
+// The clock fits its rate and offset to its last observations; fitted to
+// two minutes of them (128 at one sync a second) instead of half a minute,
+// a late stamp moves it a quarter as much. The rate of a board's
+// oscillator changes slowly enough for that.
+void NetworkClock::smooth_ptp_clock()
+{
+    if (spec_.kind != ClockKind::Ptp)
+        return;
+    GstClock *domain_clock = nullptr;
+    g_object_get(clock_, "internal-clock", &domain_clock, nullptr);
+    if (domain_clock) {
+        g_object_set(domain_clock, "window-size", kPtpObservations, nullptr);
+        gst_object_unref(domain_clock);
+    }
 }
 
 ClockState NetworkClock::state() const

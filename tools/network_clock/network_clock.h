@@ -31,9 +31,10 @@ struct ClockState {
     int64_t offset_ns = 0;    // the last correction: network time minus what the clock expected
     uint64_t path_delay_ns = 0; // PTP: mean path delay; NTP: half the round trip
     double seconds_to_sync = -1; // from the clock's creation to its first sync; -1: not yet
-    // Settled: synced, and the last few corrections small. Right after its
-    // first sync a clock still learns the path delay and the rate, and its
-    // time can be off by milliseconds.
+    // Settled: synced, and its estimate of the path delay steady. Right
+    // after the first sync a clock still learns the path delay (from a first
+    // measurement that may be milliseconds off), and its time is off by as
+    // much as that estimate is.
     bool settled = false;
     double seconds_to_settle = -1;
     // This machine's real-time clock minus the network clock, when synced:
@@ -66,7 +67,8 @@ private:
     NetworkClock(const ClockSpec &spec, GstClock *clock);
     void on_ptp_statistics(const GstStructure *statistics);
     void on_ntp_statistics(const GstStructure *statistics);
-    void note_correction(int64_t offset_ns); // with mutex_ held
+    void note_path_delay(uint64_t delay_ns); // with mutex_ held
+    void smooth_ptp_clock();
     static gboolean ptp_statistics(guint8 domain, const GstStructure *statistics, gpointer self);
     static GstBusSyncReply ntp_message(GstBus *bus, GstMessage *message, gpointer self);
 
@@ -75,16 +77,20 @@ private:
     gulong ptp_callback_ = 0;
     GstBus *ntp_bus_ = nullptr;
     gint64 created_us_ = 0;
-    int small_corrections_ = 0; // in a row
+    int steady_delays_ = 0; // path delay estimates in a row that barely moved
     // Statistics arrive on GStreamer's threads; state() also notes a sync
     // the clock reports before its statistics do.
     mutable std::mutex mutex_;
     mutable ClockState state_;
 };
 
-// The corrections a settled clock makes: this many in a row within the bound.
-constexpr int kSettledCorrections = 4;
-constexpr int64_t kSettledCorrectionNs = 250000;
+// The PTP observations the clock's rate and offset are fitted to.
+constexpr int kPtpObservations = 128;
+
+// A settled clock's path delay estimate: this many updates in a row, each
+// within this fraction (or 10 µs) of the one before.
+constexpr int kSteadyDelays = 4;
+constexpr double kSteadyDelayChange = 0.05;
 
 // "AA-96-9C-FF-FE-54-63-38": a PTP clock identity as RFC 7273 writes it.
 std::string ptp_identity(uint64_t id);

@@ -92,6 +92,7 @@ struct RigTexts {
           *clock_status = nullptr;
     gchar **sizes = nullptr;
     double sync_timeout = 60;
+    int buffers = 0;
     ~RigTexts()
     {
         for (gchar *text : {group, trigger, encoder, clock, interface, clock_status})
@@ -139,6 +140,11 @@ bool read_rig_options(const RigTexts &texts, zrtsp::MountOptions *options, std::
         return false;
     }
     options->sync_timeout = texts.sync_timeout;
+    if (texts.buffers != 0 && (texts.buffers < 3 || texts.buffers > 8)) {
+        *error = "--buffers takes 3..8 capture buffers per camera, got " + std::to_string(texts.buffers);
+        return false;
+    }
+    options->buffers = texts.buffers;
     options->clock_status = texts.clock_status ? texts.clock_status : "";
     return true;
 }
@@ -172,6 +178,10 @@ int main(int argc, char **argv)
         {"size", 0, 0, G_OPTION_ARG_STRING_ARRAY, &rig.sizes,
          "Stream size WIDTHxHEIGHT of every mount, or of one (cam2=640x360, group=320x180); may be repeated",
          "[MOUNT=]WxH"},
+        {"buffers", 0, 0, G_OPTION_ARG_INT, &rig.buffers,
+         "Capture buffers per camera, 3..8 (default 4): more ride out longer stalls of the encoders (a busy "
+         "board) without losing a frame, at the cost of memory",
+         "N"},
         {"clock", 0, 0, G_OPTION_ARG_STRING, &rig.clock,
          "Clock the pipelines run on and the SDP names (RFC 7273): system (default), ptp[:DOMAIN] (IEEE 1588, "
          "domain 0 by default) or ntp:HOST[:PORT]",

@@ -23,29 +23,35 @@ std::string encode_and_pay(const EncoderChoice &encoder, int stream)
            " pt=" + std::to_string(encoder.payload_type) + " perfect-rtptime=false";
 }
 
-} // namespace
-
-std::string camera_launch(int camera, const StreamSize &size, const EncoderChoice &encoder)
+std::string buffers_property(const SourceSettings &source)
 {
-    std::string source = "zelispsrc camera=" + std::to_string(camera) + " ! ";
-    if (size.width > 0)
-        source += size_caps(size) + " ! ";
-    return "( " + source + encode_and_pay(encoder, 0) + " )";
+    return source.buffers > 0 ? " buffers=" + std::to_string(source.buffers) : "";
 }
 
-std::string group_launch(const std::vector<int> &cameras, const std::string &trigger, const StreamSize &size,
+} // namespace
+
+std::string camera_launch(int camera, const SourceSettings &source, const EncoderChoice &encoder)
+{
+    std::string line = "zelispsrc camera=" + std::to_string(camera) + buffers_property(source) + " ! ";
+    if (source.size.width > 0)
+        line += size_caps(source.size) + " ! ";
+    return "( " + line + encode_and_pay(encoder, 0) + " )";
+}
+
+std::string group_launch(const std::vector<int> &cameras, const std::string &trigger, const SourceSettings &source,
                          const EncoderChoice &encoder)
 {
     std::string list;
     for (int camera : cameras)
         list += (list.empty() ? "" : ",") + std::to_string(camera);
-    std::string line = "( zelispgroupsrc name=group cameras=" + list + " trigger=\"" + trigger + "\"";
+    std::string line =
+        "( zelispgroupsrc name=group cameras=" + list + buffers_property(source) + " trigger=\"" + trigger + "\"";
     // One streaming thread feeds every member pad: a queue after each lets
     // the members' encoders run side by side.
     for (size_t i = 0; i < cameras.size(); ++i) {
         line += " group.src_" + std::to_string(cameras[i]) + " ! queue ! ";
-        if (size.width > 0)
-            line += "videoscale ! " + size_caps(size) + " ! ";
+        if (source.size.width > 0)
+            line += "videoscale ! " + size_caps(source.size) + " ! ";
         line += encode_and_pay(encoder, int(i));
     }
     return line + " )";

@@ -19,15 +19,21 @@ struct StreamSize {
     int height = 0;
 };
 
+// What the sources are set up with.
+struct SourceSettings {
+    StreamSize size;
+    int buffers = 0; // capture buffers of each camera; 0: the element's default
+};
+
 // rtsp://HOST:PORT/camN: one stream. A size is asked of the ISP (the
 // camera's view is set up at that size), so it costs no CPU.
-std::string camera_launch(int camera, const StreamSize &size, const EncoderChoice &encoder);
+std::string camera_launch(int camera, const SourceSettings &source, const EncoderChoice &encoder);
 
 // rtsp://HOST:PORT/group: the members of one camera group as the streams of
 // one session, in the order given, all buffers of one frame set with the
 // same PTS. `trigger` is zelispgroupsrc's trigger ("none", "internal 0 0 0",
 // "external 0 0 0"). A size is made by scaling each member's frames.
-std::string group_launch(const std::vector<int> &cameras, const std::string &trigger, const StreamSize &size,
+std::string group_launch(const std::vector<int> &cameras, const std::string &trigger, const SourceSettings &source,
                          const EncoderChoice &encoder);
 
 } // namespace zrtsp

@@ -20,6 +20,7 @@ struct MountOptions {
     std::string trigger = "none";   // the group's trigger mode
     std::map<std::string, StreamSize> sizes; // by mount ("cam0", "group"); "" for every mount
     std::string encoder = "auto";
+    int buffers = 0;                // capture buffers per camera; 0: the elements' default
     netclock::ClockSpec clock;
     double sync_timeout = 60;       // seconds to wait for the network clock at start
     std::string clock_status;       // file the clock state is written to; empty: none

@@ -37,10 +37,11 @@ std::vector<Mount> plan_mounts(const std::vector<int> &cameras, const MountOptio
         if (std::find(options.group.begin(), options.group.end(), camera) != options.group.end())
             continue;
         std::string name = "cam" + std::to_string(camera);
-        mounts.push_back({name, camera_launch(camera, size_of(options, name), encoder)});
+        mounts.push_back({name, camera_launch(camera, {size_of(options, name), options.buffers}, encoder)});
     }
     if (!options.group.empty())
-        mounts.push_back({"group", group_launch(options.group, options.trigger, size_of(options, "group"), encoder)});
+        mounts.push_back(
+            {"group", group_launch(options.group, options.trigger, {size_of(options, "group"), options.buffers}, encoder)});
     return mounts;
 }
 

@@ -113,80 +113,135 @@ int64_t percentile(std::vector<int64_t> values, double p)
     return values[rank == 0 ? 0 : rank - 1];
 }
 
-TEST(Namespaces, PtpRigLinesUpEveryBoardOnThePulsesAndReportsABoardSwitchedOff)
+// The frames of every stream against the recording: each recorded, in
+// order, numbered by the sensor without a gap, each on the pulse that its
+// number says. Returns each frame's pulse.
+std::map<std::pair<std::string, uint64_t>, int64_t> check_stream(const Rig &rig, const std::vector<CsvRow> &rows,
+                                                                 const std::string &name, size_t at_least,
+                                                                 bool on_pulses = true)
+{
+    std::map<std::pair<std::string, uint64_t>, int64_t> pulse_of;
+    std::vector<CsvRow> listed = rigtest::of_stream(rows, name);
+    std::vector<rigtest::DecodedFrame> frames = rigtest::decode_recording(rig.recording(), name);
+    EXPECT_EQ(frames.size(), listed.size()) << name;
+    EXPECT_GE(listed.size(), at_least) << name;
+    int64_t first_pulse = 0;
+    for (size_t i = 0; i < listed.size() && i < frames.size(); ++i) {
+        EXPECT_EQ(listed[i].frame, i) << name;
+        if (!frames[i].number) {
+            ADD_FAILURE() << name << " frame " << i << " carries no frame number";
+            continue;
+        }
+        int64_t k = rig.pulse(listed[i].time_ns);
+        if (i == 0)
+            first_pulse = k - int64_t(*frames[i].number);
+        if (on_pulses) {
+            EXPECT_EQ(k - int64_t(*frames[i].number), first_pulse) << name << " frame " << i << " lost or misplaced";
+        } else if (i > 0) {
+            EXPECT_EQ(*frames[i].number, *frames[i - 1].number + 1) << name << " frame " << i << " lost";
+        }
+        pulse_of[{name, i}] = k;
+    }
+    return pulse_of;
+}
+
+TEST(Namespaces, PtpRigLinesUpEveryBoardOnThePulses)
 {
     std::string folder = rigtest::test_folder();
     Rig rig = run_rig(folder, "--boards 3 --cameras 2 --size 320x180 --seconds 15 --offsets 37,-120,80 "
-                              "--drifts 50,-50,20 --kill-board 3 --kill-after 5");
+                              "--drifts 50,-50,20");
     RUN_RIG_OR_SKIP(rig);
-
-    // Board 3 went away mid-run: said, the rest recorded on, status 1.
-    EXPECT_EQ(rig.recorder_status(), 1) << rig.recorder_err();
-    std::string err = rig.recorder_err();
-    EXPECT_TRUE(std::regex_search(err, std::regex("zelisp-rig: lost rtsp://10\\.88\\.0\\.13:8554/group after [0-9.]+ s: "
-                                                  "the connection to the server broke \\(.+\\); 4 other streams "
-                                                  "record on\n")))
-        << err;
+    EXPECT_EQ(rig.recorder_status(), 0) << rig.recorder_err();
     nlohmann::json summary = rigtest::read_json(rig.recording() + "/summary.json");
     ASSERT_EQ(summary["servers"].size(), 3u);
-    for (int board = 1; board <= 3; ++board) {
-        for (const auto &stream : summary["servers"][board - 1]["streams"]) {
-            EXPECT_EQ(stream["state"], board == 3 ? "lost" : "recorded") << stream;
+    for (const auto &server : summary["servers"]) {
+        for (const auto &stream : server["streams"]) {
+            EXPECT_EQ(stream["state"], "recorded") << stream;
             EXPECT_EQ(stream["lost_frames"], 0) << stream;
         }
     }
 
     // Every server named the grandmaster ptp4l chose, and tied its RTP time
-    // to it.
+    // to it; every board saw its own clock's offset against it.
     std::string master = grandmaster(read_text(rig.dir + "/ptp4l.log"));
     ASSERT_FALSE(master.empty()) << read_text(rig.dir + "/ptp4l.log");
+    const double own_clock_ms[] = {37, -120, 80}; // the boards' offsets (their drift adds a little)
     for (int board = 1; board <= 3; ++board) {
         std::string sdp = read_text(rig.recording() + "/10.88.0." + std::to_string(10 + board) + "-8554-group.sdp");
         std::regex signalled("a=ts-refclk:ptp=IEEE1588-2008:" + master + "\r?\na=mediaclk:direct=\\d+");
         EXPECT_EQ(std::distance(std::sregex_iterator(sdp.begin(), sdp.end(), signalled), std::sregex_iterator()), 2)
             << sdp;
-        // Each board saw its own clock's offset against the grandmaster.
         std::string board_err = read_text(rig.dir + "/board" + std::to_string(board) + ".err");
-        EXPECT_TRUE(std::regex_search(board_err, std::regex("zelisp-rtsp: clock ptp:0: synced after [0-9.]+ s to "
-                                                            "grandmaster " + master)))
+        std::smatch own;
+        ASSERT_TRUE(std::regex_search(board_err, own,
+                                      std::regex("zelisp-rtsp: clock ptp:0: synced after [0-9.]+ s to grandmaster " +
+                                                 master + ", .*this machine's real-time clock is ([0-9.]+) ms "
+                                                          "(ahead of|behind) it\n")))
             << board_err;
+        double seen_ms = std::stod(own[1]) * (own[2] == "behind" ? -1 : 1);
+        EXPECT_NEAR(seen_ms, own_clock_ms[board - 1], 3) << board_err;
     }
 
-    // Every frame, its painted number and its pulse.
+    // Every frame, its painted number and its pulse; a frame set is one
+    // pulse from every board, and its skew is the goal's.
     std::vector<CsvRow> rows = rigtest::read_framesets(rig.recording() + "/framesets.csv");
     std::map<std::pair<std::string, uint64_t>, int64_t> pulse_of;
-    for (int board = 1; board <= 3; ++board) {
+    for (int board = 1; board <= 3; ++board)
         for (int camera = 0; camera < 2; ++camera) {
-            std::string name = board_stream(board, camera);
-            std::vector<CsvRow> listed = rigtest::of_stream(rows, name);
-            std::vector<rigtest::DecodedFrame> frames = rigtest::decode_recording(rig.recording(), name);
-            ASSERT_EQ(frames.size(), listed.size()) << name;
-            EXPECT_GE(listed.size(), board == 3 ? 60u : 400u) << name;
-            int64_t first_pulse = 0;
-            for (size_t i = 0; i < listed.size(); ++i) {
-                ASSERT_EQ(listed[i].frame, i) << name;
-                ASSERT_TRUE(frames[i].number.has_value()) << name << " frame " << i;
-                int64_t k = rig.pulse(listed[i].time_ns);
-                if (i == 0)
-                    first_pulse = k - int64_t(*frames[i].number);
-                // No frame lost and none placed on another pulse than its own.
-                EXPECT_EQ(k - int64_t(*frames[i].number), first_pulse) << name << " frame " << i;
-                pulse_of[{name, i}] = k;
-            }
+            auto pulses = check_stream(rig, rows, board_stream(board, camera), 400);
+            pulse_of.insert(pulses.begin(), pulses.end());
         }
-    }
-    // A frame set is one pulse from every board; its skew is the goal's.
     std::vector<int64_t> skews;
     for (const auto &set : rigtest::by_set(rows)) {
         std::set<int64_t> pulses;
         for (const CsvRow &row : set.second)
             pulses.insert(pulse_of[{row.stream, row.frame}]);
         EXPECT_EQ(pulses.size(), 1u) << "set " << set.first;
-        if (set.second.size() >= 4)
+        if (set.second.size() == 6)
             skews.push_back(int64_t(set.second[0].skew_us * 1000));
     }
     ASSERT_GE(skews.size(), 400u);
-    EXPECT_LT(percentile(skews, 99), 1000000) << "cross-board skew p99 within 1 ms";
+    // The boards' clocks follow the grandmaster through GStreamer's PTP
+    // client, which stamps PTP messages in user space: a machine loaded far
+    // beyond this rig delays those stamps and the clocks wander (the clock
+    // lines and the load average say so).
+    EXPECT_LT(percentile(skews, 99), 1000000)
+        << "cross-board skew p99 within 1 ms; load average " << read_text("/proc/loadavg")
+        << read_text(rig.dir + "/board1.err") << read_text(rig.dir + "/board2.err")
+        << read_text(rig.dir + "/board3.err");
+}
+
+TEST(Namespaces, ABoardSwitchedOffMidRunIsReportedAndTheRestRecordedWhole)
+{
+    std::string folder = rigtest::test_folder();
+    Rig rig = run_rig(folder, "--clock system --boards 2 --cameras 2 --size 320x180 --seconds 8 --offsets 0,0 --drifts 0,0 "
+                              "--kill-board 2 "
+                              "--kill-after 3");
+    RUN_RIG_OR_SKIP(rig);
+    EXPECT_EQ(rig.recorder_status(), 1) << rig.recorder_err();
+    std::string err = rig.recorder_err();
+    EXPECT_TRUE(std::regex_search(err, std::regex("zelisp-rig: lost rtsp://10\\.88\\.0\\.12:8554/group after [0-9.]+ s: "
+                                                  "the connection to the server broke \\(.+\\); 2 other streams "
+                                                  "record on\n")))
+        << err;
+    nlohmann::json summary = rigtest::read_json(rig.recording() + "/summary.json");
+    EXPECT_EQ(summary["exit_status"], 1);
+    ASSERT_EQ(summary["problems"].size(), 1u);
+    for (int board = 1; board <= 2; ++board) {
+        for (const auto &stream : summary["servers"][board - 1]["streams"]) {
+            EXPECT_EQ(stream["state"], board == 1 ? "recorded" : "lost") << stream;
+            EXPECT_EQ(stream["lost_frames"], 0) << stream;
+        }
+    }
+    // What was recorded is whole, on both boards: every frame in its file
+    // and in the CSV, none missing before the end. (On the boards' own
+    // clocks the senders' reports move the frames' times while the
+    // recording starts: their pulses are not judged here.)
+    std::vector<CsvRow> rows = rigtest::read_framesets(rig.recording() + "/framesets.csv");
+    for (int camera = 0; camera < 2; ++camera) {
+        check_stream(rig, rows, board_stream(1, camera), 200, false);
+        check_stream(rig, rows, board_stream(2, camera), 40, false);
+    }
 }
 
 TEST(Namespaces, UnsynchronisedRigShowsEachBoardsOwnClock)

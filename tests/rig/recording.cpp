@@ -8,7 +8,10 @@
 #include <gst/video/video.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <filesystem>
 #include <fstream>
+#include <regex>
 #include <sstream>
 
 #include "../tools/tool_run.h"
@@ -82,25 +85,28 @@ nlohmann::json read_json(const std::string &path)
     return json;
 }
 
-std::vector<DecodedFrame> decode_recording(const std::string &folder, const std::string &stream)
+namespace {
+
+// Every frame of one Matroska file, decoded. Each file on its own (not
+// through splitmuxsrc, which in GStreamer 1.22 now and then ends a file
+// after its first frames).
+void decode_file(const std::string &path, std::vector<DecodedFrame> *frames)
 {
-    gst_init(nullptr, nullptr);
-    std::string description = "splitmuxsrc location=\"" + folder + "/" + stream +
-                              "-*.mkv\" ! decodebin ! videoconvert ! video/x-raw,format=GRAY8 ! "
+    std::string description = "filesrc location=\"" + path +
+                              "\" ! matroskademux ! decodebin ! videoconvert ! video/x-raw,format=GRAY8 ! "
                               "appsink name=frames sync=false";
     GError *error = nullptr;
     GstElement *pipeline = gst_parse_launch(description.c_str(), &error);
     if (!pipeline) {
         ADD_FAILURE() << error->message;
         g_error_free(error);
-        return {};
+        return;
     }
     GstElement *sink = gst_bin_get_by_name(GST_BIN(pipeline), "frames");
     gst_element_set_state(pipeline, GST_STATE_PLAYING);
     // appsink hands out nothing before it has started: wait for the
     // pipeline to preroll (decodebin links the decoder on the fly).
     gst_element_get_state(pipeline, nullptr, nullptr, 60 * GST_SECOND);
-    std::vector<DecodedFrame> frames;
     // Bounded: a recording of a test is at most a few thousand frames.
     while (GstSample *sample = gst_app_sink_try_pull_sample(GST_APP_SINK(sink), 30 * GST_SECOND)) {
         GstVideoInfo info;
@@ -120,14 +126,14 @@ std::vector<DecodedFrame> decode_recording(const std::string &folder, const std:
             frame.number = zelisp_tool_test::frame_number(luma);
             gst_video_frame_unmap(&video);
         }
-        frames.push_back(frame);
+        frames->push_back(frame);
         gst_sample_unref(sample);
     }
     GstBus *bus = gst_element_get_bus(pipeline);
     if (GstMessage *message = gst_bus_pop_filtered(bus, GST_MESSAGE_ERROR)) {
         GError *failure = nullptr;
         gst_message_parse_error(message, &failure, nullptr);
-        ADD_FAILURE() << stream << ": " << failure->message;
+        ADD_FAILURE() << path << ": " << failure->message;
         g_error_free(failure);
         gst_message_unref(message);
     }
@@ -135,6 +141,23 @@ std::vector<DecodedFrame> decode_recording(const std::string &folder, const std:
     gst_element_set_state(pipeline, GST_STATE_NULL);
     gst_object_unref(sink);
     gst_object_unref(pipeline);
+}
+
+} // namespace
+
+std::vector<DecodedFrame> decode_recording(const std::string &folder, const std::string &stream)
+{
+    gst_init(nullptr, nullptr);
+    std::vector<std::string> files;
+    std::regex part(std::regex_replace(stream, std::regex(R"([.])"), R"(\.)") + R"(-\d{5}\.mkv)");
+    for (const auto &entry : std::filesystem::directory_iterator(folder))
+        if (std::regex_match(entry.path().filename().string(), part))
+            files.push_back(entry.path().string());
+    std::sort(files.begin(), files.end());
+    EXPECT_FALSE(files.empty()) << "no recording of " << stream << " in " << folder;
+    std::vector<DecodedFrame> frames;
+    for (const std::string &file : files)
+        decode_file(file, &frames);
     return frames;
 }
 

@@ -44,8 +44,8 @@ struct DecodedFrame {
     int height = 0;
 };
 
-// Every frame of the stream's recording (<folder>/<stream>-NNNNN.mkv, in
-// order), decoded.
+// Every frame of the stream's recording (<folder>/<stream>-NNNNN.mkv, file
+// after file), decoded.
 std::vector<DecodedFrame> decode_recording(const std::string &folder, const std::string &stream);
 
 } // namespace rigtest

@@ -8,6 +8,7 @@
 #include <net/if.h>
 
 #include <cinttypes>
+#include <cmath>
 #include <cstdio>
 
 namespace netclock {
@@ -132,6 +133,9 @@ void NetworkClock::on_ptp_statistics(const GstStructure *statistics)
     // Whether the clock follows its grandmaster is the clock's to say (see
     // state()); these statistics may claim it before the clock does.
     guint64 measured = 0, expected = GST_CLOCK_TIME_NONE;
+    double rate = 0;
+    if (gst_structure_get_double(statistics, "rate", &rate))
+        note_rate(rate);
     if (gst_structure_get_uint64(statistics, "ptp-time", &measured) &&
         gst_structure_get_uint64(statistics, "estimated-ptp-time", &expected) && GST_CLOCK_TIME_IS_VALID(expected))
         state_.offset_ns = int64_t(measured - expected);
@@ -145,7 +149,20 @@ void NetworkClock::note_path_delay(uint64_t delay_ns)
                   (change <= kSteadyDelayChange * double(state_.path_delay_ns) || change <= 10000);
     steady_delays_ = steady ? steady_delays_ + 1 : 0;
     state_.path_delay_ns = delay_ns;
-    bool settled = state_.synced && steady_delays_ >= kSteadyDelays;
+    update_settled();
+}
+
+void NetworkClock::note_rate(double rate)
+{
+    bool steady = rate_ > 0 && std::fabs(rate - rate_) <= kSteadyRateChange;
+    steady_rates_ = steady ? steady_rates_ + 1 : 0;
+    rate_ = rate;
+    update_settled();
+}
+
+void NetworkClock::update_settled()
+{
+    bool settled = state_.synced && steady_delays_ >= kSteadyUpdates && steady_rates_ >= kSteadyUpdates;
     if (settled && state_.seconds_to_settle < 0)
         state_.seconds_to_settle = double(g_get_monotonic_time() - created_us_) / 1e6;
     state_.settled = settled;
@@ -174,6 +191,9 @@ void NetworkClock::on_ntp_statistics(const GstStructure *statistics)
     // server's time: that step is no correction of a running clock.
     if (synced && gst_structure_get_int64(statistics, "discontinuity", &discontinuity))
         state_.offset_ns = discontinuity;
+    double rate = 0;
+    if (synced && gst_structure_get_double(statistics, "rate", &rate))
+        note_rate(rate);
     if (gst_structure_get_uint64(statistics, "rtt-average", &round_trip))
         note_path_delay(round_trip / 2);
 }

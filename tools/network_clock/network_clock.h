@@ -31,10 +31,11 @@ struct ClockState {
     int64_t offset_ns = 0;    // the last correction: network time minus what the clock expected
     uint64_t path_delay_ns = 0; // PTP: mean path delay; NTP: half the round trip
     double seconds_to_sync = -1; // from the clock's creation to its first sync; -1: not yet
-    // Settled: synced, and its estimate of the path delay steady. Right
-    // after the first sync a clock still learns the path delay (from a first
-    // measurement that may be milliseconds off), and its time is off by as
-    // much as that estimate is.
+    // Settled: synced, and its estimates of the path delay and of the rate
+    // steady. Right after the first sync a clock still learns both: the
+    // path delay from a first measurement that may be milliseconds off, the
+    // rate from a handful of observations (hundreds of ppm off), and its
+    // time is off by as much as they are.
     bool settled = false;
     double seconds_to_settle = -1;
     // This machine's real-time clock minus the network clock, when synced:
@@ -67,7 +68,10 @@ private:
     NetworkClock(const ClockSpec &spec, GstClock *clock);
     void on_ptp_statistics(const GstStructure *statistics);
     void on_ntp_statistics(const GstStructure *statistics);
-    void note_path_delay(uint64_t delay_ns); // with mutex_ held
+    // With mutex_ held: a new estimate of the path delay or of the rate.
+    void note_path_delay(uint64_t delay_ns);
+    void note_rate(double rate);
+    void update_settled();
     void smooth_ptp_clock();
     static gboolean ptp_statistics(guint8 domain, const GstStructure *statistics, gpointer self);
     static GstBusSyncReply ntp_message(GstBus *bus, GstMessage *message, gpointer self);
@@ -78,6 +82,8 @@ private:
     GstBus *ntp_bus_ = nullptr;
     gint64 created_us_ = 0;
     int steady_delays_ = 0; // path delay estimates in a row that barely moved
+    int steady_rates_ = 0;  // rate estimates in a row that barely moved
+    double rate_ = 0;
     // Statistics arrive on GStreamer's threads; state() also notes a sync
     // the clock reports before its statistics do.
     mutable std::mutex mutex_;
@@ -87,10 +93,12 @@ private:
 // The PTP observations the clock's rate and offset are fitted to.
 constexpr int kPtpObservations = 128;
 
-// A settled clock's path delay estimate: this many updates in a row, each
-// within this fraction (or 10 µs) of the one before.
-constexpr int kSteadyDelays = 4;
+// A settled clock's estimates: this many updates in a row, each within
+// this much of the one before: the path delay within 5% (or 10 µs), the
+// rate within 5 ppm.
+constexpr int kSteadyUpdates = 4;
 constexpr double kSteadyDelayChange = 0.05;
+constexpr double kSteadyRateChange = 5e-6;
 
 // "AA-96-9C-FF-FE-54-63-38": a PTP clock identity as RFC 7273 writes it.
 std::string ptp_identity(uint64_t id);

@@ -300,7 +300,7 @@ TEST(Loopback, RecorderSaysWhyItCannotRecord)
     // The folder holds that attempt's summary: it is not written over.
     Finished again = run(folder, rig_command("record --out take rtsp://127.0.0.1:1/group"));
     EXPECT_EQ(again.status, 4);
-    EXPECT_EQ(again.err, "zelisp-rig: take already holds a recording (framesets.csv): choose another folder\n");
+    EXPECT_EQ(again.err, "zelisp-rig: take already holds a recording (summary.json): choose another folder\n");
 
     // No server at that port: tried again for a second, then given up.
     int closed = rigtest::unused_udp_port();

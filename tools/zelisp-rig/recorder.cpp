@@ -5,6 +5,7 @@
 
 #include <glib-unix.h>
 #include <glib/gstdio.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -50,8 +51,10 @@ bool Recorder::prepare_output(std::string *error)
             return false;
         }
     }
-    if (!csv_.open(options_.out_dir + "/framesets.csv")) {
-        *error = "cannot write " + options_.out_dir + "/framesets.csv: " + std::strerror(errno);
+    // Written to once the clock is synced: a recording stopped while it
+    // waits leaves the folder as it found it.
+    if (access(options_.out_dir.c_str(), W_OK) != 0) {
+        *error = "cannot write into " + options_.out_dir + ": " + std::strerror(errno);
         return false;
     }
     return true;
@@ -82,6 +85,11 @@ int Recorder::run()
         std::fprintf(stderr, "zelisp-rig: %s\n", error.c_str());
         write_summary(kExitClockNotSynced, {error});
         return kExitClockNotSynced;
+    }
+    if (!csv_.open(options_.out_dir + "/framesets.csv")) {
+        std::fprintf(stderr, "zelisp-rig: cannot write %s/framesets.csv: %s\n", options_.out_dir.c_str(),
+                     std::strerror(errno));
+        return kExitOutput;
     }
     base_time_ = gst_clock_get_time(clock_->clock());
     RecordSettings settings;

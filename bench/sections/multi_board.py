@@ -66,10 +66,7 @@ def _one_run(build_dir, out, clock, seconds):
     for path in glob.glob(os.path.join(out, "board*.cpu")):
         fields = dict(part.split("=") for part in open(path, encoding="utf-8").read().split())
         cpu.append(float(fields["cpu_seconds"]) / float(fields["wall_seconds"]) / float(fields["streams"]))
-    rates = []
-    for s in streams:
-        size = sum(os.path.getsize(f) for f in glob.glob(os.path.join(recording, s["name"] + "-*.mkv")))
-        rates.append(size * 8 / summary["seconds"] / 1e6)
+    rates = [s["megabits_per_second"] for s in streams]
     skew = summary["frame_sets"]["skew_ns"]
     return {
         "recorder_status": int(open(os.path.join(out, "recorder.status"), encoding="utf-8").read()),

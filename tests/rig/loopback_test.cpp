@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <filesystem>
 #include <fstream>
 #include <regex>
 
@@ -233,6 +234,7 @@ TEST(Loopback, RecorderLinesUpAGroupMountWhoseStreamsShareTheirTimes)
         EXPECT_GE(frames.size(), 80u);
         ASSERT_EQ(frames.size(), listed.size());
         EXPECT_EQ(streams[stream]["frames"], frames.size());
+        EXPECT_EQ(streams[stream]["bytes"], std::filesystem::file_size(folder + "/take/" + stream_name + "-00000.mkv"));
         for (size_t i = 0; i < frames.size(); ++i) {
             EXPECT_EQ(listed[i].frame, i);
             ASSERT_TRUE(frames[i].number.has_value()) << stream_name << " frame " << i;

@@ -29,6 +29,27 @@ std::string seconds_text(double seconds)
 
 } // namespace
 
+// The size of a stream's files: <name>-NNNNN.mkv in the output folder.
+uint64_t Recorder::recorded_bytes(const std::string &name) const
+{
+    uint64_t bytes = 0;
+    GDir *folder = g_dir_open(options_.out_dir.c_str(), 0, nullptr);
+    if (!folder)
+        return 0;
+    std::string prefix = name + "-";
+    while (const gchar *file = g_dir_read_name(folder)) {
+        std::string entry = file;
+        if (entry.size() == prefix.size() + 9 && entry.compare(0, prefix.size(), prefix) == 0 &&
+            entry.compare(entry.size() - 4, 4, ".mkv") == 0) {
+            GStatBuf info;
+            if (g_stat((options_.out_dir + "/" + entry).c_str(), &info) == 0)
+                bytes += uint64_t(info.st_size);
+        }
+    }
+    g_dir_close(folder);
+    return bytes;
+}
+
 Recorder::Recorder(const RecordOptions &options) : options_(options) {}
 
 Recorder::~Recorder()
@@ -369,6 +390,7 @@ void Recorder::write_summary(int status, const std::vector<std::string> &problem
         out.info = stream.info;
         out.frames = builder_.frames(int(i));
         out.lost_frames = builder_.lost_frames(int(i));
+        out.bytes = recorded_bytes(stream.info.name);
         out.state = stream.state == StreamState::Lost ? "lost" : "recorded";
         out.lost_at = stream.lost_at;
         out.reason = stream.reason;

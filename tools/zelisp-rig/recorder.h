@@ -65,6 +65,7 @@ private:
     double seconds_since_first_frame(gint64 now) const;
     int finish();
     void write_summary(int status, const std::vector<std::string> &problems);
+    uint64_t recorded_bytes(const std::string &name) const;
 
     RecordOptions options_;
     std::unique_ptr<netclock::NetworkClock> clock_;

@@ -44,6 +44,9 @@ nlohmann::json stream_json(const SummaryStream &stream, double seconds)
         {"state", stream.state},
     };
     json["fps"] = seconds > 0 ? double(stream.frames) / seconds : 0.0;
+    // What a stream costs the network and the disk.
+    json["bytes"] = stream.bytes;
+    json["megabits_per_second"] = seconds > 0 ? double(stream.bytes) * 8 / seconds / 1e6 : 0.0;
     if (stream.state == "lost") {
         json["lost_at_seconds"] = stream.lost_at;
         json["reason"] = stream.reason;

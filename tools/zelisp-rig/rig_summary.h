@@ -21,6 +21,7 @@ struct SummaryStream {
     StreamInfo info;
     uint64_t frames = 0;
     uint64_t lost_frames = 0;
+    uint64_t bytes = 0; // of its recording's files
     std::string state; // "recorded" or "lost"
     double lost_at = -1;
     std::string reason;

@@ -194,13 +194,20 @@ Options:
   -h, --help              this text
   --version               the version
 
-Exit status: 0 every stream recorded to the end; 1 a stream was lost or
-never came; 2 the command line is wrong; 3 the clock did not sync; 4 the
-output folder cannot be written.
+Exit status:
+  0   every stream recorded to the end
+  1   a stream was lost or never came
+  2   the command line is wrong
+  3   the clock did not sync
+  4   the output folder cannot be written, or already holds a recording
 
-Example:
-  zelisp-rig record --clock ptp:0 --seconds 60 --out take1 \
-      rtsp://board1:8554/group rtsp://board2:8554/group
+Examples:
+  zelisp-rig record --clock ptp --seconds 60 --out take1 rtsp://b1:8554/group rtsp://b2:8554/group
+      two boards' camera groups for a minute, on PTP domain 0
+  zelisp-rig record --clock ptp --interface eth1 --split-seconds 600 --out day rtsp://b1:8554/group
+      until Ctrl-C, a new file every ten minutes
+
+See also: zelisp-rtsp(1); docs/multi-board.md in the project's sources.
 )";
 }
 

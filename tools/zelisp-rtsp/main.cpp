@@ -201,6 +201,21 @@ int main(int argc, char **argv)
     GOptionContext *context = g_option_context_new("- serve the ISP cameras over RTSP");
     g_option_context_set_summary(context, "Each camera N is served at rtsp://HOST:PORT/camN, a camera group at "
                                           "rtsp://HOST:PORT/group.");
+    g_option_context_set_description(
+        context,
+        "On a rig of several boards every server runs on one network clock: with --clock ptp each frame is\n"
+        "stamped with its capture time on the PTP clock, and the SDP names the clock (RFC 7273 ts-refclk and\n"
+        "mediaclk), so that a receiver such as zelisp-rig places the frames of all boards on one time line.\n"
+        "The server serves once the clock has synced, and logs the clock's state on standard error.\n"
+        "\n"
+        "Examples:\n"
+        "  zelisp-rtsp --cameras 0,1\n"
+        "      cameras 0 and 1 at rtsp://HOST:8554/cam0 and /cam1, H.264\n"
+        "  zelisp-rtsp --group 0,1,2,3 --trigger external --clock ptp --interface eth0\n"
+        "      the four cameras as one group on the external trigger, on PTP domain 0\n"
+        "\n"
+        "See also: zelisp-rig(1), zelisp-cam(1); docs/gstreamer.md and docs/multi-board.md in the project's\n"
+        "sources.");
     g_option_context_add_main_entries(context, entries, nullptr);
     g_option_context_add_group(context, gst_init_get_option_group());
     GError *error = nullptr;

@@ -84,23 +84,17 @@ bool parse_record_options(int argc, char **argv, RecordOptions *options, std::st
         {"--stall-seconds", 0.5, 3600, "seconds, 0.5..3600", &options->stall_seconds},
         {"--connect-seconds", 0, 3600, "seconds, 0..3600", &options->connect_seconds},
     };
+    const std::pair<const char *, std::string *> words[] = {
+        {"--out", &options->out_dir}, {"--clock", &clock_text}, {"--interface", &interface}, {"--transport", &transport}};
     for (reader.at = 0; reader.at < argc; ++reader.at) {
         std::string arg = argv[reader.at], value;
         bool matched = false;
-        if (!reader.value(arg, "--out", &options->out_dir, &matched))
-            return false;
-        if (matched)
-            continue;
-        if (!reader.value(arg, "--clock", &clock_text, &matched))
-            return false;
-        if (matched)
-            continue;
-        if (!reader.value(arg, "--interface", &interface, &matched))
-            return false;
-        if (matched)
-            continue;
-        if (!reader.value(arg, "--transport", &transport, &matched))
-            return false;
+        for (const auto &word : words) {
+            if (!reader.value(arg, word.first, word.second, &matched))
+                return false;
+            if (matched)
+                break;
+        }
         if (matched)
             continue;
         bool number_matched = false;

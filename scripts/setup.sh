@@ -16,6 +16,8 @@ packages=(
   libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev libgstrtspserver-1.0-dev gstreamer1.0-tools
   gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad gstreamer1.0-plugins-ugly
   gstreamer1.0-rtsp
+  gstreamer1.0-plugins-base-apps   # gst-device-monitor-1.0, which the device provider's test runs
+  ffmpeg                 # ffprobe and ffmpeg as RTSP clients of zelisp-rtsp's tests
   # the rig test (tests/rig, scripts/sim-rig.sh): boards in network namespaces (ip) with a PTP grandmaster
   iproute2 linuxptp
   # Python package (python/): Debian's interpreter, numpy, OpenCV for the recipes, pytest

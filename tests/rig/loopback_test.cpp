@@ -137,7 +137,13 @@ TEST(Loopback, ServerOptionsAreCheckedWithASentence)
          "v4l2h264enc)\n"},
         {"--codec jpeg --encoder x264", "zelisp-rtsp: --encoder takes auto, v4l2, jpegenc with --codec jpeg, got 'x264'\n"},
         {"--sync-timeout 0", "zelisp-rtsp: --sync-timeout takes seconds, more than 0 and up to 3600\n"},
+        {"--codec jpeg --size 320x180",
+         "zelisp-rtsp: --size 320x180: JPEG over RTP takes sizes in steps of 8 pixels (320x176 or 320x184)\n"},
+        {"--buffers 9", "zelisp-rtsp: --buffers takes 3..8 capture buffers per camera, got 9\n"},
     };
+    Finished absent = run(folder, on_board(board, "'" ZELISP_RTSP "' --group 1,4"));
+    EXPECT_EQ(absent.status, 1);
+    EXPECT_EQ(absent.err, "zelisp-rtsp: --group: the platform lists no camera 4 (it lists 0,1)\n");
     for (const auto &refusal : refusals) {
         Finished server = run(folder, on_board(board, "'" ZELISP_RTSP "' " + refusal.first));
         EXPECT_EQ(server.status, 2) << refusal.first;
@@ -258,6 +264,35 @@ TEST(Loopback, RecorderLinesUpAGroupMountWhoseStreamsShareTheirTimes)
     }
     EXPECT_LE(summary["frame_sets"]["skew_ns"]["max"].get<double>(), kRtpTickUs * 1000);
     EXPECT_EQ(summary["frame_sets"]["frame_period_ns"], 33333333);
+}
+
+TEST(Loopback, SizeAndEncoderApplyPerMount)
+{
+    std::string folder = test_folder();
+    // Sensors at 640x360; both mounts stream 384x216: the camera served
+    // alone gets its size from the ISP, the group's member is scaled.
+    const char *board = "[cameras]\npresent = 0, 1\n[camera 0]\nview0 = NV12 640x360\n[camera 1]\nview0 = NV12 640x360\n";
+    Background server(folder, "server",
+                      on_board(write_board(folder, board), "'" ZELISP_RTSP "' --address 127.0.0.1 --port 0 --cameras 0 "
+                                                           "--group 1 --size 384x216 --codec jpeg --encoder jpegenc"));
+    std::string group = server.wait_for_line("serving rtsp://.*/group", 90);
+    ASSERT_FALSE(group.empty()) << server.err();
+    std::string base = group.substr(group.find("rtsp://"), group.rfind('/') - group.find("rtsp://"));
+    EXPECT_EQ(server.out(), "zelisp-rtsp: serving " + base + "/cam0\nzelisp-rtsp: serving " + base + "/group\n");
+    EXPECT_NE(server.err().find("zelisp-rtsp: JPEG encoder: jpegenc (software)\n"), std::string::npos) << server.err();
+    Finished recorder = run(folder, rig_command("record --seconds 2 --out take " + base + "/cam0 " + base + "/group"));
+    ASSERT_EQ(recorder.status, 0) << recorder.err;
+    std::string port = base.substr(base.rfind(':') + 1);
+    for (const std::string &name : {"127.0.0.1-" + port + "-cam0-0", "127.0.0.1-" + port + "-group-0"}) {
+        std::vector<rigtest::DecodedFrame> frames = rigtest::decode_recording(folder + "/take", name);
+        ASSERT_GE(frames.size(), 30u) << name;
+        EXPECT_EQ(frames[0].width, 384) << name;
+        EXPECT_EQ(frames[0].height, 216) << name;
+        // The simulated ISP paints the frame number for the size it makes:
+        // it reads back only where the ISP made the size, not where the
+        // group's frames were scaled after it.
+        EXPECT_EQ(frames.back().number.has_value(), name.find("cam0") != std::string::npos) << name;
+    }
 }
 
 TEST(Loopback, RecorderSaysWhyItCannotRecord)

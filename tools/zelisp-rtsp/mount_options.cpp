@@ -71,6 +71,24 @@ bool parse_trigger_option(const std::string &text, std::string *trigger, std::st
     return true;
 }
 
+bool sizes_fit_codec(const MountOptions &options, const std::string &codec, std::string *error)
+{
+    if (codec != "jpeg")
+        return true;
+    for (const auto &size : options.sizes) {
+        const StreamSize &s = size.second;
+        if (s.width % 8 == 0 && s.height % 8 == 0)
+            continue;
+        std::string given = std::to_string(s.width) + "x" + std::to_string(s.height);
+        std::string below = std::to_string(s.width / 8 * 8) + "x" + std::to_string(s.height / 8 * 8);
+        std::string above = std::to_string((s.width + 7) / 8 * 8) + "x" + std::to_string((s.height + 7) / 8 * 8);
+        *error = "--size " + given + ": JPEG over RTP takes sizes in steps of 8 pixels (" + below + " or " + above +
+                 ")";
+        return false;
+    }
+    return true;
+}
+
 StreamSize size_of(const MountOptions &options, const std::string &mount)
 {
     auto own = options.sizes.find(mount);

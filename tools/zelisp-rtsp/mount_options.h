@@ -34,6 +34,10 @@ bool parse_size_option(const std::string &text, std::map<std::string, StreamSize
 // zelispgroupsrc's trigger takes it; commas count as blanks.
 bool parse_trigger_option(const std::string &text, std::string *trigger, std::string *error);
 
+// RTP carries a JPEG picture's size in steps of 8 pixels (RFC 2435): with
+// --codec jpeg every size must be a multiple of 8.
+bool sizes_fit_codec(const MountOptions &options, const std::string &codec, std::string *error);
+
 // The size a mount streams at.
 StreamSize size_of(const MountOptions &options, const std::string &mount);
 

@@ -4,10 +4,13 @@
 # Any sanitizer report fails the test that caused it: UBSan is built not to
 # recover, ASan stops at the first error, LeakSanitizer runs at every exit.
 #
-# The rig in network namespaces (rig.Namespaces.*) runs once, in the plain
-# stage: it is a measurement of frame sets against goals, its programs are
-# the same as in the loopback rig tests, which run here, and three boards
-# with ASan's cost on two cores would measure the machine, not the rig.
+# The rig's recording tests (rig.Loopback.*, rig.Namespaces.*) run once, in
+# the plain stage: they stream in real time for a minute and more between
+# servers and the recorder, which under the sanitizers would take several
+# times as long, and the namespace rig measures frame sets against goals,
+# which three boards with ASan's cost on two cores would turn into a
+# measure of the machine. The recorder's frame-set logic (rig.FrameSets.*)
+# and zelisp-rtsp (gst.ZelispRtsp.*) run instrumented here.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ./scripts/setup.sh
@@ -31,4 +34,9 @@ export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 # zelisp-sim-run, which preloads the sanitizer runtime ahead of the
 # instrumented extension; tests/python/run_pytest.sh turns leak detection off
 # for that process only, since the interpreter's own allocations are not ours.
-ctest --test-dir "$build_dir" --output-on-failure -j"$jobs" -E '^rig\.Namespaces\.' "$@"
+# The web console's load test (a minute of full load, hundreds of clients)
+# and its browser test run in the plain stage only: under the sanitizers
+# they would take several times as long, and the server and WebRTC code
+# they drive runs instrumented here in web.http, web.security and
+# web.webrtc.
+ctest --test-dir "$build_dir" --output-on-failure -j"$jobs" -E '^web\.(load|browser)$|^rig\.(Loopback|Namespaces)\.' "$@"

@@ -36,6 +36,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "clock_log.h"
@@ -357,5 +358,7 @@ int main(int argc, char **argv)
     g_main_loop_run(loop);
     tear_down(server, listening);
     g_main_loop_unref(loop);
+    clock_log.reset();
+    netclock::NetworkClock::stop_ptp_client(std::move(clock));
     return 0;
 }

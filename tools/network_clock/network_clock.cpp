@@ -109,14 +109,6 @@ NetworkClock::~NetworkClock()
     gst_object_unref(clock_);
 }
 
-void NetworkClock::stop_ptp_client(std::unique_ptr<NetworkClock> clock)
-{
-    if (!clock || clock->spec_.kind != ClockKind::Ptp || GST_OBJECT_REFCOUNT_VALUE(clock->clock_) != 1)
-        return;
-    clock.reset();
-    gst_ptp_deinit();
-}
-
 gboolean NetworkClock::ptp_statistics(guint8 domain, const GstStructure *statistics, gpointer self)
 {
     auto *clock = static_cast<NetworkClock *>(self);

@@ -50,11 +50,6 @@ public:
     // *error when it cannot start.
     static std::unique_ptr<NetworkClock> create(const ClockSpec &spec, std::string *error);
     ~NetworkClock();
-    // Ends `clock` and, when it is a PTP clock no pipeline holds any more,
-    // GStreamer's PTP client with it: its helper process, left to find its
-    // pipe closed at exit, prints "EOF on stdin" on the tool's standard
-    // error. For the end of a tool whose pipelines are gone.
-    static void stop_ptp_client(std::unique_ptr<NetworkClock> clock);
     NetworkClock(const NetworkClock &) = delete;
     NetworkClock &operator=(const NetworkClock &) = delete;
 

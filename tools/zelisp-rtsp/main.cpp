@@ -36,7 +36,6 @@
 #include <mutex>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "clock_log.h"
@@ -358,7 +357,5 @@ int main(int argc, char **argv)
     g_main_loop_run(loop);
     tear_down(server, listening);
     g_main_loop_unref(loop);
-    clock_log.reset();
-    netclock::NetworkClock::stop_ptp_client(std::move(clock));
     return 0;
 }

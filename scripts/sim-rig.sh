@@ -15,7 +15,8 @@
 #       [--recorder-clock CLOCK] [--recorder-sync-timeout SECONDS]
 #
 # DIR receives the boards' configurations and logs, ptp4l's log, the
-# recorder's standard error and exit status (recorder.status), the recording
+# recorder's standard error and exit status (recorder.status), each server's
+# exit status after SIGTERM at the end (boardN.status), the recording
 # (DIR/recording) and rig.env: the trigger line's period and phase and the
 # host's real-time minus monotonic clock, from which a pulse's host time is
 # known. Needs root (namespaces), ip and ptp4l. Exit status 0 when the rig
@@ -230,5 +231,15 @@ for board in $(seq 1 "$boards"); do
       '{ sub(/^.*\) /, ""); print "cpu_seconds=" ($12 + $13) / ticks, "wall_seconds=" wall, "streams=" streams }' \
       "/proc/$pid/stat" >"$out/board$board.cpu"
   fi
+done
+
+# Each server stopped as its user stops it, SIGTERM, and its exit status
+# kept (boardN.status): a server must end cleanly, not crash on the way out.
+for board in $(seq 1 "$boards"); do
+  pid=${board_pids[$((board - 1))]}
+  kill -TERM "$pid" 2>/dev/null || continue
+  for _ in $(seq 100); do kill -0 "$pid" 2>/dev/null || break; sleep 0.1; done
+  kill -0 "$pid" 2>/dev/null && { echo "sim-rig: board $board did not stop within 10 s of SIGTERM" >&2; exit 1; }
+  wait "$pid" && echo 0 >"$out/board$board.status" || echo $? >"$out/board$board.status"
 done
 exit 0

@@ -29,6 +29,10 @@ using rigtest::CsvRow;
 using rigtest::read_text;
 
 constexpr int kNotHere = 77; // sim-rig.sh: the rig cannot run on this machine
+// A rig's whole run: the boards' clocks get 60 s to settle, the recording
+// at most 15 s; the rest is a loaded machine's margin. On time out the
+// script is sent SIGTERM and takes its namespaces and processes down.
+constexpr int kMostSeconds = 240;
 
 struct Rig {
     int status = -1;
@@ -61,7 +65,7 @@ Rig run_rig(const std::string &folder, const std::string &options)
     rig.dir = folder + "/rig";
     rigtest::Finished run = rigtest::run(folder, std::string("'" SIM_RIG_SCRIPT "' --build '" BUILD_DIR "' --out '") +
                                                      rig.dir + "' " + options,
-                                         600);
+                                         kMostSeconds);
     rig.status = run.status;
     rig.err = run.err;
     std::ifstream env(rig.dir + "/rig.env");
@@ -180,6 +184,8 @@ TEST(Namespaces, PtpRigLinesUpEveryBoardOnThePulses)
             << board_err;
         double seen_ms = std::stod(own[1]) * (own[2] == "behind" ? -1 : 1);
         EXPECT_NEAR(seen_ms, own_clock_ms[board - 1], 3) << board_err;
+        EXPECT_EQ(read_text(rig.dir + "/board" + std::to_string(board) + ".status"), "0\n")
+            << "the server stops cleanly on SIGTERM\n" << board_err;
     }
 
     // Every frame, its painted number and its pulse; a frame set is one

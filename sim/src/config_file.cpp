@@ -28,6 +28,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "board_state.h"
 #include "control_table.h"
 #include "scene_source.h"
 #include "sim_internal.h"
@@ -659,8 +660,11 @@ void apply(const Plan &plan)
         if (!each.configured)
             continue;
         set_camera(camera, each.config);
+        // The start values are the board's at its start: a process that
+        // joins a running board finds the values as others left them.
         for (const auto &control : each.controls)
-            set_control_value(camera, control.first, control.second);
+            if (!detail::adopting_board())
+                set_control_value(camera, control.first, control.second);
         if (each.has_mode) {
             set_frame_mode(camera, each.mode);
             set_frame_mode(camera + kCameras, each.mode);
@@ -672,7 +676,7 @@ void apply(const Plan &plan)
         set_board_clock(plan.clock);
     if (!plan.line.name.empty())
         set_trigger_line(plan.line);
-    if (plan.has_trigger_mode)
+    if (plan.has_trigger_mode && !detail::adopting_board())
         set_trigger_mode(plan.trigger_mode);
     // Node settings last: adding a camera makes its nodes character devices.
     for (const NodePlan &node : plan.nodes) {

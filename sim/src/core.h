@@ -97,6 +97,8 @@ struct Camera {
     CameraConfig config;
     uint32_t input = 7; // the view combination in force
     CameraIsp isp;
+    uint32_t setup_seen = 0;  // the board's set-up version this copy holds (board_setup.cpp)
+    bool resize_mine = false; // this process set view 1's resize
 };
 
 // What a program's descriptor refers to. Descriptors made by dup share
@@ -239,6 +241,12 @@ void drain_filled(Node &n); // the node's descriptors stop being readable
 void fill_buffer(Node &n, int index, uint32_t sequence, uint64_t timestamp_ns, uint32_t reserved,
                  const uint32_t *plane_length, bool paint);
 void release_queue(State &s, int node); // the last descriptor of the node closed
+
+// ---- board_setup.cpp: the camera's set-up shared by the board's processes.
+// Brings this process's copy up to date (call before reading it).
+void adopt_board_setup(State &s, int camera);
+// Hands this process's copy to the board (after changing it).
+void publish_setup(State &s, int camera);
 
 // ---- isp_pipeline.cpp: the ISP's processing of each view.
 // View v as the camera delivers it: the configured view, or for view 1 the

@@ -54,18 +54,22 @@ int answer(CoreLock &held, const std::shared_ptr<OpenFile> &shared, uint32_t req
         return known ? err : ENOTTY;
     }
     State &s = state();
+    const int camera = camera_of_node(file.node);
+    adopt_board_setup(s, camera);
     if (int busy = check_priority(s, file.node, file, request))
         return busy;
     if (int busy = check_queue_owner(s, file.node, shared, request, arg))
         return busy;
-    if (handle_client_request(s, file.node, file, request, arg, &err, note))
-        return err;
-    if (handle_video_request(held, file.node, file, request, arg, &err, note)) {
+    if (handle_client_request(s, file.node, file, request, arg, &err, note) ||
+        handle_video_request(held, file.node, file, request, arg, &err, note)) {
+        if (!err && changes_setup(request))
+            publish_setup(s, camera);
         if (!err)
             note_queue_owner(s, file.node, shared, request, arg);
+        if (request == uint32_t(VIDIOC_REQBUFS))
+            settle_queue_claim(s, file.node);
         return err;
     }
-    int camera = camera_of_node(file.node);
     // Control events report changes of value, so the values are read
     // before the request as well as after it.
     std::vector<ControlSnapshot> before = control_snapshot(camera, request, arg);

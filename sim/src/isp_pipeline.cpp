@@ -29,6 +29,7 @@
 #include <unistd.h>
 
 #include "board_clock.h"
+#include "board_state.h"
 #include "core.h"
 #include "real_libc.h"
 #include "video_requests.h"
@@ -40,9 +41,10 @@
 namespace zsim::detail {
 namespace {
 
-// Bumped by the controls' setters; the frame loop reads the controls again
-// only when it moved, so the controls' lock is not taken per frame.
-std::atomic<uint32_t> g_control_version[kCameras];
+// The board's count of control changes, bumped by the setters of every
+// process; the frame loop reads the controls again only when it moved, so
+// the board's lock is not taken per frame.
+std::atomic<uint32_t> &control_version(int camera) { return board().cameras[camera].control_version; }
 
 bool moving_scene(const CameraIsp &isp) { return isp.scene && isp.scene->frames.size() > 1; }
 
@@ -58,7 +60,7 @@ void invalidate(CameraIsp &isp) { ++isp.generation; }
 // Reads the controls again if a setter ran since the last look.
 void refresh_settings(int camera, CameraIsp &isp)
 {
-    const uint32_t version = g_control_version[camera].load(std::memory_order_acquire);
+    const uint32_t version = control_version(camera).load(std::memory_order_acquire);
     if (version == isp.settings_version && isp.generation > 1)
         return;
     isp.settings_version = version;
@@ -170,18 +172,48 @@ bool update_coming(int camera)
     return ((w.pending.load() | w.running.load()) >> camera) & 1u;
 }
 
+// Has the worker build camera's images; false when it cannot run (no
+// thread could be started). Takes the worker's lock only, so the frame loop
+// may call it with the core's lock held.
+bool wake_worker(int camera)
+{
+    Worker &w = worker();
+    std::lock_guard<std::mutex> hold(w.lock);
+    if (w.stopping)
+        return false;
+    w.pending |= 1u << camera;
+    if (w.pid != getpid()) {
+        // First use, or a forked child, which has no such thread.
+        if (w.thread.joinable())
+            new std::thread(std::move(w.thread)); // the parent's: never joined here
+        try {
+            w.thread = std::thread(run_worker);
+            w.pid = getpid();
+        } catch (const std::exception &) {
+            w.pending = 0;
+            return false;
+        }
+    }
+    w.wake.notify_one();
+    return true;
+}
+
 // The image a frame shows. Scripted frames, which tests inspect, always show
 // the current settings; a free-running frame shows the previous image while
-// the worker still builds the new one, as an ISP applies new settings at a
-// later frame boundary rather than stalling its output.
+// the worker builds the new one, as an ISP applies new settings at a later
+// frame boundary rather than stalling its output. Settings changed by
+// another process of the board are noticed here first, so the frame loop
+// hands their build to the worker too. A moving scene needs a new image
+// every frame: only that is built in the frame loop.
 const ViewImage &image_for(Camera &cam, int camera, int view, const ViewFormat &format, uint32_t sequence,
                            bool may_lag)
 {
     if (cached(cam.isp, view, format, sequence))
         return *cam.isp.images[view];
     const ViewImage *previous = cam.isp.images[view].get();
-    if (may_lag && previous && previous->format.fourcc == format.fourcc && previous->format.width == format.width &&
-        previous->format.height == format.height && update_coming(camera))
+    if (may_lag && previous && !moving_scene(cam.isp) && previous->format.fourcc == format.fourcc &&
+        previous->format.width == format.width && previous->format.height == format.height &&
+        (update_coming(camera) || wake_worker(camera)))
         return *previous;
     install(cam.isp, view, build_view_image(recipe_for(cam, view, format, sequence)), sequence);
     return *cam.isp.images[view];
@@ -200,7 +232,7 @@ void paint_image(uint8_t *data, size_t length, const ViewImage &image)
 void note_controls_changed(int camera)
 {
     if (camera >= 0 && camera < kCameras)
-        g_control_version[camera].fetch_add(1, std::memory_order_release);
+        control_version(camera).fetch_add(1, std::memory_order_release);
 }
 
 ViewFormat delivered_view(const Camera &cam, int view)
@@ -249,25 +281,7 @@ void schedule_image_update(int camera)
         if (s.nodes[camera].buffers.empty() && s.nodes[camera + kCameras].buffers.empty())
             return;
     }
-    Worker &w = worker();
-    std::lock_guard<std::mutex> hold(w.lock);
-    if (w.stopping)
-        return;
-    w.pending |= 1u << camera;
-    if (w.pid != getpid()) {
-        // First use, or a forked child, which has no such thread. Without a
-        // thread (address space exhausted) the frame loop builds the images.
-        if (w.thread.joinable())
-            new std::thread(std::move(w.thread)); // the parent's: never joined here
-        try {
-            w.thread = std::thread(run_worker);
-            w.pid = getpid();
-        } catch (const std::exception &) {
-            w.pending = 0;
-            return;
-        }
-    }
-    w.wake.notify_one();
+    wake_worker(camera);
 }
 
 // The worker must not outlive the library it runs in.

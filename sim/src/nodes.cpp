@@ -170,6 +170,7 @@ void set_camera(int camera, const CameraConfig &config)
         cam.config.fps = 240;
     s.nodes[camera].kind = NodeKind::CharDevice;
     s.nodes[camera + kCameras].kind = NodeKind::CharDevice;
+    publish_setup(s, camera);
 }
 
 void remove_camera(int camera)
@@ -188,6 +189,7 @@ CameraConfig camera_config(int camera)
     if (camera < 0 || camera >= kCameras)
         return CameraConfig();
     CoreLock held;
+    adopt_board_setup(state(), camera);
     return state().cameras[camera].config;
 }
 

@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include "board_clock.h"
+#include "board_state.h"
 #include "core.h"
 #include "video_requests.h"
 
@@ -138,9 +139,14 @@ void release_queue(State &s, int node)
         return;
     stop_stream(s.nodes[node]);
     free_buffers(s, node);
+    release_queue_claim(node);
     // The resize belongs to the open file that set it up, as on the board.
-    if (node < kCameras)
-        clear_view_resize(s.cameras[node]);
+    Camera &cam = s.cameras[node % kCameras];
+    if (node < kCameras && cam.resize_mine) {
+        clear_view_resize(cam);
+        cam.resize_mine = false;
+        publish_setup(s, node);
+    }
 }
 
 int queue_buffer(State &s, int node, v4l2_buffer *buf, LogNote *note)

@@ -160,6 +160,9 @@ enum class TriggerMode { None, Internal, External };
 TriggerMode trigger_mode();
 /* Sets the mode as the platform driver's request does (None: no mode). */
 void set_trigger_mode(TriggerMode mode);
+/* Who drives camera c's sensor bus, as IOC_SET_I2C_CTRL last set it: 0 the
+ * ISP, 1 the ARM side, -1 not set since reset(). */
+int sensor_bus_owner(int camera);
 
 /* ---------------------------------------------------------- board clock */
 

@@ -14,7 +14,9 @@
  *     zelisp-sim-board-probe brightness CAMERA VALUE
  *         sets the camera's brightness and prints "brightness N" as read back
  *
- * It uses the library's public interface only, as an application would.
+ * It uses the library's public interface only, as an application would,
+ * and sends the library's lines to standard error, so that standard output
+ * carries its own lines alone.
  */
 #include <sys/time.h>
 #include <unistd.h>
@@ -123,8 +125,14 @@ int SetBrightness(uint32_t camera, uint32_t value)
 
 } // namespace
 
+void ToStandardError(const zelvideo::_isp_message_t *message, void *)
+{
+    std::fprintf(stderr, "%s\n", message->text);
+}
+
 int main(int argc, char **argv)
 {
+    isp_set_message_handler(ToStandardError, nullptr);
     const std::string mode = argc > 1 ? argv[1] : "";
     if (argc == 2 && mode == "clocks")
         return PrintClocks();

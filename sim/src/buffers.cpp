@@ -30,11 +30,13 @@ constexpr unsigned kPlaneSlots = 4; // offset = (buffer * 4 + plane) pages
 
 size_t page_align(size_t bytes) { return std::max(kPage, (bytes + kPage - 1) / kPage * kPage); }
 
+// The memory goes when its last holder lets go: the plane, or a frame
+// being painted into it.
 void release_plane(Plane &plane)
 {
-    if (plane.data)
-        real::munmap(plane.data, plane.length);
-    if (plane.memfd >= 0)
+    if (plane.memory)
+        plane.memory.reset();
+    else if (plane.memfd >= 0)
         real::close(plane.memfd);
     plane = Plane();
 }
@@ -52,6 +54,12 @@ int allocate_plane(Plane &plane, const ViewFormat &format)
     if (data == MAP_FAILED)
         return errno;
     plane.data = static_cast<uint8_t *>(data);
+    const size_t length = plane.length;
+    const int memfd = plane.memfd;
+    plane.memory = std::shared_ptr<uint8_t>(plane.data, [length, memfd](uint8_t *view) {
+        real::munmap(view, length);
+        real::close(memfd);
+    });
     return 0;
 }
 
@@ -83,7 +91,7 @@ int allocate_buffers(State &s, int node, uint32_t count)
 uint32_t buffer_flags(const Buffer &buffer)
 {
     uint32_t flags = V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC | V4L2_BUF_FLAG_TSTAMP_SRC_EOF;
-    if (buffer.state == BufferState::Queued)
+    if (buffer.state == BufferState::Queued || buffer.state == BufferState::Painting)
         flags |= V4L2_BUF_FLAG_QUEUED;
     if (buffer.state == BufferState::Filled)
         flags |= V4L2_BUF_FLAG_DONE;
@@ -116,6 +124,7 @@ void free_buffers(State &s, int node)
     n.buffers.clear();
     n.filled.clear();
     n.queued.clear();
+    ++n.queue_generation;
     drain_filled(n);
 }
 

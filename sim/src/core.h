@@ -45,13 +45,18 @@ constexpr unsigned kMiscMinor = 121;
 struct Plane {
     int memfd = -1;
     uint8_t *data = nullptr; // the driver's own view, for painting
+    // Owns that view (and the memfd): a frame painted outside the lock
+    // keeps the memory alive should the program free the buffers meanwhile.
+    std::shared_ptr<uint8_t> memory;
     size_t length = 0;       // page-aligned
     ViewFormat format{};
     uint64_t image_id = 0;   // the processed image the plane holds (0: none)
     uint32_t block = kBandUnknown; // where its moving block stands (see paint_frame)
 };
 
-enum class BufferState { User, Queued, Filled };
+// Painting: the frame has ended, and its pixels are being written with the
+// lock released (frame_painting.cpp); to the program it is still queued.
+enum class BufferState { User, Queued, Painting, Filled };
 
 // What ends a free-running camera's frames (hardware_thread.cpp).
 enum class FramePacing { Sensor, BoardTick, LinePulse };
@@ -80,6 +85,9 @@ struct Node {
     std::deque<int> queued; // in the order the program queued them
     std::deque<int> filled; // in the order the hardware filled them
     bool streaming = false;
+    // Changes whenever the queue is reset (stream off, buffers freed), so
+    // that a frame painted meanwhile is not delivered into the new queue.
+    uint64_t queue_generation = 0;
     uint32_t next_sequence = 0;
     uint64_t period_ns = 0;            // of the sensor, board time
     FramePacing pacing = FramePacing::Sensor;
@@ -140,6 +148,32 @@ struct Fault {
     bool sticky;
 };
 
+// One plane of a frame to paint: what it shows, planned with the lock held
+// and painted without it.
+struct PlanePaint {
+    std::shared_ptr<uint8_t> memory;
+    size_t length = 0;
+    ViewFormat format{};
+    uint32_t sequence = 0;
+    int camera = 0, view = 0;
+    std::shared_ptr<const ViewImage> image; // the processed image it shows
+    bool build = false;                     // the image is to be built first, from:
+    ViewRecipe recipe;
+    uint64_t generation = 0;                //   the settings it is built for
+    std::shared_ptr<const NoiseTiles> noise;
+    bool copy_image = false;                // the plane does not hold the image yet
+    uint32_t block = kBandUnknown;          // the moving block's place, before and after
+    uint64_t image_id = 0;                  // what the plane holds after
+};
+
+struct FrameJob {
+    int node = 0;
+    int index = 0;
+    uint64_t queue_generation = 0;
+    PlanePaint planes[kMaxPlanes]; // in place: a frame allocates nothing
+    size_t plane_count = 0;
+};
+
 struct State {
     std::mutex lock;
     std::condition_variable wake; // the hardware thread's alarm
@@ -155,6 +189,8 @@ struct State {
     time_t created = time(nullptr); // the nodes' times: when the driver loaded
     bool stopping = false;
     TriggerLine line; // the trigger line the board is wired to (none: empty name)
+    std::vector<FrameJob> paint_jobs; // ended frames waiting to be painted
+    std::vector<FrameJob> spare_jobs; // an emptied list kept for its room
 };
 
 // The one state, created on first use (interposed calls can come before
@@ -237,9 +273,14 @@ int sim_munmap(void *addr, size_t length, bool *handled);
 
 // ---- streaming.cpp
 void drain_filled(Node &n); // the node's descriptors stop being readable
-// The hardware fills queued buffer index with a frame and signals it.
+// The hardware fills queued buffer index with a frame and signals it; a
+// frame to paint is signalled once run_paint_jobs has painted it.
 void fill_buffer(Node &n, int index, uint32_t sequence, uint64_t timestamp_ns, uint32_t reserved,
                  const uint32_t *plane_length, bool paint);
+// Paints the frames that ended, with the lock released meanwhile, and hands
+// them to the program. Whoever ends frames calls it before letting go of
+// the lock: the frame clock, and a request or a test that pushed a frame.
+void run_paint_jobs(CoreLock &held);
 void release_queue(State &s, int node); // the last descriptor of the node closed
 
 // ---- board_setup.cpp: the camera's set-up shared by the board's processes.
@@ -255,12 +296,19 @@ ViewFormat delivered_view(const Camera &cam, int view);
 void set_view_resize(Camera &cam, const uint16_t words[11]);
 void clear_view_resize(Camera &cam);
 void set_camera_scene(Camera &cam, std::shared_ptr<const Scene> scene);
-// Paints a frame into one plane of a filled buffer: the processed image
-// when the plane does not hold it yet (or every frame with noise), then the
-// frame number on top.
+// Plans the painting of one plane of an ended frame: the processed image
+// (built first when the frame cannot show an image already built), the
+// sensor noise, then the frame number on top.
 // may_lag: a free-running frame may show the previous image while the
 // worker builds the next.
-void paint_plane(State &s, int camera, int view, Plane &plane, uint32_t sequence, bool may_lag);
+PlanePaint plan_plane_paint(State &s, int camera, int view, const Plane &plane, uint32_t sequence, bool may_lag);
+// Paints it: no lock held.
+void paint_planned(PlanePaint &paint);
+// With the lock held again: an image built for it joins the camera's.
+void keep_built_image(State &s, const PlanePaint &paint);
+// ---- isp_metering.cpp: one frame of the automatic exposure and white
+// balance, metering the scene the frame shows.
+void meter_frame(Camera &cam, uint32_t sequence);
 // After REQBUFS: builds the node's images and paints its buffers with the
 // lock released, so that streams already running lose no frame to it.
 void prepare_node_buffers(CoreLock &held, int node);

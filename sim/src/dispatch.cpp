@@ -104,6 +104,8 @@ int dispatch_ioctl(int fd, uint32_t request, void *arg, bool *handled)
     int err = take_fault(s, request, file->path);
     if (!err)
         err = answer(held, file, request, arg, &note);
+    // A queued buffer or a stream-on may have let scripted frames end.
+    run_paint_jobs(held);
     entry.detail = std::move(note.detail);
     if (note.raw_set)
         entry.raw = std::move(note.raw);

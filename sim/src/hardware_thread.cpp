@@ -130,6 +130,9 @@ void run()
         if (s.stopping)
             return;
         uint64_t next = run_clocks(s, host_monotonic_ns());
+        run_paint_jobs(held);
+        if (s.stopping)
+            return;
         if (next == kNever)
             s.wake.wait(held.guard());
         else

@@ -94,11 +94,39 @@ void start_stream(State &s, int node)
 void stop_stream(Node &n)
 {
     n.streaming = false;
+    ++n.queue_generation;
     for (Buffer &buffer : n.buffers)
         buffer.state = BufferState::User;
     n.queued.clear();
     n.filled.clear();
     drain_filled(n);
+}
+
+// The buffer goes to the filled queue, and the descriptor becomes readable.
+void hand_over(Node &n, int index)
+{
+    n.buffers[size_t(index)].state = BufferState::Filled;
+    n.filled.push_back(index);
+    signal_filled(n);
+}
+
+// A painted frame: handed over, unless its queue was reset meanwhile (the
+// stream stopped, the buffers were freed), with the planes' bookkeeping.
+void finish_job(State &s, const FrameJob &job)
+{
+    for (size_t j = 0; j < job.plane_count; ++j)
+        keep_built_image(s, job.planes[j]);
+    Node &n = s.nodes[job.node];
+    if (job.queue_generation != n.queue_generation || size_t(job.index) >= n.buffers.size())
+        return;
+    Buffer &buffer = n.buffers[size_t(job.index)];
+    if (buffer.state != BufferState::Painting)
+        return;
+    for (size_t j = 0; j < job.plane_count && j < buffer.planes.size(); ++j) {
+        buffer.planes[j].image_id = job.planes[j].image_id;
+        buffer.planes[j].block = job.planes[j].block;
+    }
+    hand_over(n, job.index);
 }
 
 } // namespace
@@ -115,21 +143,49 @@ void fill_buffer(Node &n, int index, uint32_t sequence, uint64_t timestamp_ns, u
 {
     State &s = state();
     const int node = int(&n - s.nodes);
-    const std::vector<int> views = views_of_node(s, node);
     Buffer &buffer = n.buffers[size_t(index)];
-    buffer.state = BufferState::Filled;
     buffer.sequence = sequence;
     buffer.timestamp_ns = timestamp_ns;
     buffer.reserved = reserved;
-    for (size_t j = 0; j < buffer.planes.size(); ++j) {
-        Plane &plane = buffer.planes[j];
+    for (size_t j = 0; j < buffer.planes.size(); ++j)
         buffer.reported_length[j] = plane_length ? plane_length[j] : 0;
-        if (paint && j < views.size())
-            paint_plane(s, camera_of_node(node), views[j], plane, sequence,
-                        n.frame_mode == FrameMode::FreeRunning);
+    if (!paint) {
+        hand_over(n, index);
+        return;
     }
-    n.filled.push_back(index);
-    signal_filled(n);
+    // The pixels are written with the lock released, so that requests of
+    // every camera go on meanwhile (run_paint_jobs).
+    const int camera = camera_of_node(node);
+    meter_frame(s.cameras[camera], sequence);
+    const std::vector<int> views = views_of_node(s, node);
+    FrameJob job;
+    job.node = node;
+    job.index = index;
+    job.queue_generation = n.queue_generation;
+    for (size_t j = 0; j < buffer.planes.size() && j < views.size() && j < size_t(kMaxPlanes); ++j)
+        job.planes[job.plane_count++] = plan_plane_paint(s, camera, views[j], buffer.planes[j], sequence,
+                                                         n.frame_mode == FrameMode::FreeRunning);
+    buffer.state = BufferState::Painting;
+    s.paint_jobs.push_back(std::move(job));
+}
+
+void run_paint_jobs(CoreLock &held)
+{
+    State &s = state();
+    while (!s.paint_jobs.empty()) {
+        std::vector<FrameJob> jobs;
+        jobs.swap(s.spare_jobs);
+        jobs.swap(s.paint_jobs);
+        held.unlock();
+        for (FrameJob &job : jobs)
+            for (size_t j = 0; j < job.plane_count; ++j)
+                paint_planned(job.planes[j]);
+        held.lock();
+        for (const FrameJob &job : jobs)
+            finish_job(s, job);
+        jobs.clear(); // lets go of the images and memory the frames held
+        s.spare_jobs.swap(jobs);
+    }
 }
 
 
@@ -242,6 +298,7 @@ void push_frame(int node, const ScriptedFrame &frame)
     n.script.push_back(frame);
     ++n.counters.produced;
     deliver_scripted(n);
+    run_paint_jobs(held);
 }
 
 size_t pending_frames(int node)

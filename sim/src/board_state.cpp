@@ -52,7 +52,7 @@ uint64_t process_start(pid_t pid)
     if (fd < 0)
         return 0;
     char text[1024];
-    const ssize_t length = read(fd, text, sizeof text - 1);
+    const ssize_t length = real::read(fd, text, sizeof text - 1);
     real::close(fd);
     if (length <= 0)
         return 0;

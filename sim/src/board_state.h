@@ -6,8 +6,8 @@
  * the trigger mode is the platform's. The simulated board keeps exactly
  * that state in one shared-memory segment that all processes of a runner
  * map: the controls, the cameras' view formats, input, rate and resize, the
- * trigger mode and sensor-bus owners, and which process owns each node's
- * buffer queue. Buffers, streams and frames stay in the process that
+ * trigger mode and sensor-bus owners, which process owns each node's
+ * buffer queue, and which cameras were unplugged. Buffers, streams and frames stay in the process that
  * streams; nothing of a frame crosses processes.
  *
  * The segment is a memory file. The first process of a board (the one the
@@ -70,6 +70,7 @@ struct SharedCamera {
     SharedSetup setup;
     std::atomic<uint32_t> setup_version;   // bumped by every set-up change
     int32_t bus_owner;                     // IOC_SET_I2C_CTRL: -1 none yet, 0 ISP, 1 ARM
+    std::atomic<bool> unplugged;           // the camera was disconnected
 };
 
 struct Board {
@@ -79,6 +80,7 @@ struct Board {
     char description[4096];
     pthread_mutex_t lock;
     std::atomic<int32_t> trigger_mode;
+    std::atomic<int32_t> unplugged_cameras; // how many are disconnected
     SharedCamera cameras[kBoardCameras];
     ProcessRef queue_owner[kBoardNodes];
 };

@@ -50,6 +50,8 @@ struct Plane {
     std::shared_ptr<uint8_t> memory;
     size_t length = 0;       // page-aligned
     ViewFormat format{};
+    uint64_t id = 0;         // unique: mappings and exports name their plane by it
+    int users = 0;           // the program's mappings and export descriptors of it
     uint64_t image_id = 0;   // the processed image the plane holds (0: none)
     uint32_t block = kBandUnknown; // where its moving block stands (see paint_frame)
 };
@@ -70,6 +72,7 @@ struct Buffer {
     uint64_t timestamp_ns = 0;
     uint32_t reserved = 0;
     uint32_t reported_length[kMaxPlanes] = {0, 0, 0};
+    bool error = false; // handed back with V4L2_BUF_FLAG_ERROR
 };
 
 struct Node {
@@ -89,6 +92,8 @@ struct Node {
     // that a frame painted meanwhile is not delivered into the new queue.
     uint64_t queue_generation = 0;
     uint32_t next_sequence = 0;
+    uint64_t frames_streamed = 0;      // frame periods since stream-on
+    uint32_t drop_lottery = 0;         // the random drops' generator
     uint64_t period_ns = 0;            // of the sensor, board time
     FramePacing pacing = FramePacing::Sensor;
     uint64_t next_due_ns = 0;          // the host's time the next frame ends
@@ -113,6 +118,7 @@ struct Camera {
 // one OpenFile, as they share one open file description in the kernel.
 struct OpenFile {
     int node = -1;        // -1: a buffer export
+    uint64_t plane = 0;   // an export's plane (Plane::id)
     int flags = 0;        // O_ACCMODE | O_NONBLOCK as the program set them
     std::string path;
     bool plain = false;   // a node that looks like a file or directory
@@ -127,6 +133,7 @@ struct OpenFile {
 struct Mapping {
     size_t length = 0;
     std::string path;
+    uint64_t plane = 0; // Plane::id
 };
 
 // One request as recorded: the name and the detail of frequent requests
@@ -247,7 +254,27 @@ int dispatch_ioctl(int fd, uint32_t request, void *arg, bool *handled);
 // ---- uevent.cpp: the sysfs record that names a node's device.
 FILE *sim_fopen(const char *path, const char *mode, bool *handled);
 
+// ---- camera_disconnect.cpp: a camera unplugged while streaming, as a USB
+// camera is removed. Its nodes vanish, every request on a descriptor that
+// is left answers ENODEV, and select and poll report it as an error.
+bool camera_disconnected(int camera);
+bool node_disconnected(int node); // false for /dev/isp_misc
+// Any camera of the board unplugged: one relaxed load, for select and poll.
+bool any_camera_disconnected();
+void disconnect(State &s, int camera);
+void reconnect_cameras(); // every camera of the board plugged in again
+// A stream of this process on a camera unplugged by any process of the
+// board stops, and its waiters wake.
+void stop_disconnected_stream(Node &n);
+
 // ---- descriptors.cpp
+// Whether fd may be a simulated descriptor, without the lock (read and
+// write ask it for every descriptor); a true answer is checked with it.
+bool maybe_simulated(int fd);
+// The errno read() or write() on a simulated descriptor answer; 0 when fd
+// is not one.
+int sim_read_write(int fd);
+bool descriptor_disconnected(int fd); // a node of an unplugged camera
 enum DupHow { kDupAny, kDupOnto }; // dup, or dup2/dup3 onto a chosen number
 int sim_open(int dirfd, const char *path, int flags, mode_t mode);
 // -1 with errno set, or 0, or 1 when fd is not simulated (pass through).
@@ -267,6 +294,11 @@ bool handle_video_request(CoreLock &held, int node, const OpenFile &file, uint32
 
 // ---- buffers.cpp
 void free_buffers(State &s, int node);
+// A mapping or export of plane `id` begins (+1) or ends (-1); a buffer
+// with any is reported V4L2_BUF_FLAG_MAPPED, as the kernel's buffer
+// framework reports a buffer whose memory is in use.
+void count_plane_user(State &s, uint64_t id, int change);
+uint32_t mapped_flag(const Buffer &buffer);
 uint32_t plane_offset(int buffer, int plane); // the mem_offset that names a plane
 void *sim_mmap(void *addr, size_t length, int prot, int flags, int fd, off_t offset, bool *handled);
 int sim_munmap(void *addr, size_t length, bool *handled);
@@ -276,7 +308,7 @@ void drain_filled(Node &n); // the node's descriptors stop being readable
 // The hardware fills queued buffer index with a frame and signals it; a
 // frame to paint is signalled once run_paint_jobs has painted it.
 void fill_buffer(Node &n, int index, uint32_t sequence, uint64_t timestamp_ns, uint32_t reserved,
-                 const uint32_t *plane_length, bool paint);
+                 const uint32_t *plane_length, bool paint, bool error);
 // Paints the frames that ended, with the lock released meanwhile, and hands
 // them to the program. Whoever ends frames calls it before letting go of
 // the lock: the frame clock, and a request or a test that pushed a frame.

@@ -43,9 +43,12 @@ int answer(CoreLock &held, const std::shared_ptr<OpenFile> &shared, uint32_t req
     OpenFile &file = *shared;
     if (request == FIONBIO && file.node >= 0)
         return set_nonblocking(file, arg, note);
-    // An exported buffer or a node that is a plain file has no driver.
+    // An exported buffer or a node that is a plain file has no driver, and
+    // an unplugged camera's driver is gone.
     if (file.node < 0 || file.plain)
         return ENOTTY;
+    if (node_disconnected(file.node))
+        return ENODEV;
     int err = 0;
     if (file.node == kMiscNode) {
         held.unlock();

@@ -171,6 +171,7 @@ bool active()
 void reset()
 {
     clear_queue_claims();
+    reconnect_cameras();
     {
         CoreLock held;
         apply_defaults(state());

@@ -50,7 +50,9 @@ void report_dequeued(const Node &n, int index, v4l2_buffer *buf)
     buf->length = uint32_t(reported);
     buf->memory = V4L2_MEMORY_MMAP;
     buf->bytesused = 0;
-    buf->flags = V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC | V4L2_BUF_FLAG_TSTAMP_SRC_EOF; // dequeued: no longer DONE
+    // Dequeued: no longer DONE.
+    buf->flags = V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC | V4L2_BUF_FLAG_TSTAMP_SRC_EOF | mapped_flag(buffer) |
+                 (buffer.error ? V4L2_BUF_FLAG_ERROR : 0);
     buf->field = V4L2_FIELD_NONE;
     buf->timestamp.tv_sec = time_t(buffer.timestamp_ns / 1000000000u);
     buf->timestamp.tv_usec = suseconds_t(buffer.timestamp_ns % 1000000000u / 1000u);
@@ -77,7 +79,7 @@ void deliver_scripted(Node &n)
         int index = n.queued.front();
         n.queued.pop_front();
         fill_buffer(n, index, frame.sequence, frame.timestamp_us * 1000u, frame.reserved, frame.plane_length,
-                    frame.paint);
+                    frame.paint, frame.error);
     }
 }
 
@@ -139,11 +141,12 @@ void drain_filled(Node &n)
 }
 
 void fill_buffer(Node &n, int index, uint32_t sequence, uint64_t timestamp_ns, uint32_t reserved,
-                 const uint32_t *plane_length, bool paint)
+                 const uint32_t *plane_length, bool paint, bool error)
 {
     State &s = state();
     const int node = int(&n - s.nodes);
     Buffer &buffer = n.buffers[size_t(index)];
+    buffer.error = error;
     buffer.sequence = sequence;
     buffer.timestamp_ns = timestamp_ns;
     buffer.reserved = reserved;
@@ -218,7 +221,8 @@ int queue_buffer(State &s, int node, v4l2_buffer *buf, LogNote *note)
         return EINVAL;
     buffer.state = BufferState::Queued;
     n.queued.push_back(int(buf->index));
-    buf->flags = V4L2_BUF_FLAG_QUEUED | V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC | V4L2_BUF_FLAG_TSTAMP_SRC_EOF;
+    buf->flags = V4L2_BUF_FLAG_QUEUED | V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC | V4L2_BUF_FLAG_TSTAMP_SRC_EOF |
+                 mapped_flag(buffer);
     deliver_scripted(n);
     return 0;
 }
@@ -230,6 +234,8 @@ int dequeue_buffer(CoreLock &held, int node, const OpenFile &file, v4l2_buffer *
     if (buf->type != V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE || buf->memory != V4L2_MEMORY_MMAP)
         return EINVAL;
     while (n.filled.empty()) {
+        if (node_disconnected(node))
+            return ENODEV;
         if (!n.streaming)
             return EINVAL;
         // The descriptor's mode is read at every dequeue: a client may

@@ -91,6 +91,14 @@ struct CameraConfig {
     /* Sensor noise, standard deviation in 8-bit code values before the
      * denoise stage (0: none). */
     uint32_t noise = 0;
+    /* Faults of the free-running frames, as a flaky sensor or link has them:
+     * the percentage of frames lost at random (0..100, as if no buffer were
+     * queued); every error_every-th frame's buffer handed back with
+     * V4L2_BUF_FLAG_ERROR (0: none); the camera unplugged when
+     * disconnect_after frames have ended since VIDIOC_STREAMON (0: never). */
+    uint32_t drop_percent = 0;
+    uint32_t error_every = 0;
+    uint32_t disconnect_after = 0;
 };
 
 /* Adds (or reconfigures) camera c: nodes /dev/video<c> and /dev/video<c+12>
@@ -99,6 +107,12 @@ struct CameraConfig {
 void set_camera(int camera, const CameraConfig &config);
 /* Removes camera c: both nodes become Missing. */
 void remove_camera(int camera);
+/* Unplugs camera c, for every process of the board, as a USB camera is
+ * pulled out while streaming: its nodes vanish (stat and open: ENOENT),
+ * every request on a descriptor still open answers ENODEV (close works),
+ * read and write too, and select and poll report the descriptors ready
+ * with an error (POLLERR | POLLHUP). reset() plugs it back. */
+void disconnect_camera(int camera);
 CameraConfig camera_config(int camera);
 
 /* -------------------------------------------------------------- frames */
@@ -117,6 +131,7 @@ struct ScriptedFrame {
     /* Plane lengths reported by DQBUF; 0 = the plane's real length. */
     uint32_t plane_length[3] = {0, 0, 0};
     bool paint = false;          /* draw the test pattern into the buffer */
+    bool error = false;          /* hand the buffer back with V4L2_BUF_FLAG_ERROR */
 };
 /* Queues a scripted frame on node: it fills the next queued buffer as soon
  * as the node streams and has a buffer queued (in push order), making the

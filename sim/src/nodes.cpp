@@ -103,6 +103,8 @@ void reset_nodes(State &s)
         n.frame_mode = FrameMode::FreeRunning;
         n.script.clear();
         n.counters = Counters{0, 0, 0};
+        n.next_sequence = 0;
+        n.drop_lottery = 0;
     }
 }
 

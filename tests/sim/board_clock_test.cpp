@@ -260,13 +260,7 @@ TEST_F(BoardClockTest, FrameTimestampsAreTheBoardsMonotonicTime)
     const zsim::BoardClock board{5 * kSecond, 0};
     zsim::set_board_clock(board);
     VideoNode node("/dev/video0");
-    uint32_t count = 3;
-    ASSERT_EQ(node.RequestBuffers(&count), 0);
-    for (uint32_t i = 0; i < count; ++i) {
-        BufferRecord record(i);
-        ASSERT_EQ(node.Request(VIDIOC_QBUF, &record.buf), 0);
-    }
-    ASSERT_EQ(node.Stream(VIDIOC_STREAMON), 0);
+    ASSERT_EQ(zelisp_test::StreamAllQueued(node, 3), 0);
     pollfd ready{node.fd(), POLLIN, 0};
     ASSERT_EQ(poll(&ready, 1, 10000), 1);
     BufferRecord frame;

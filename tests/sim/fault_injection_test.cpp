@@ -49,13 +49,7 @@ TEST_F(FaultInjectionTest, ABufferHandedBackWithTheErrorFlag)
 {
     zsim::set_frame_mode(0, zsim::FrameMode::Scripted);
     VideoNode node("/dev/video0");
-    uint32_t count = 2;
-    ASSERT_EQ(node.RequestBuffers(&count), 0);
-    for (uint32_t i = 0; i < count; ++i) {
-        BufferRecord record(i);
-        ASSERT_EQ(node.Request(VIDIOC_QBUF, &record.buf), 0);
-    }
-    ASSERT_EQ(node.Stream(VIDIOC_STREAMON), 0);
+    ASSERT_EQ(zelisp_test::StreamAllQueued(node, 2), 0);
     Push(1, true);
     Push(2);
     BufferRecord bad, good;
@@ -89,13 +83,7 @@ TEST_F(FaultInjectionTest, EveryNthFreeRunningFrameComesBackInError)
     config.error_every = 3;
     zsim::set_camera(0, config);
     VideoNode node("/dev/video0");
-    uint32_t count = 8;
-    ASSERT_EQ(node.RequestBuffers(&count), 0);
-    for (uint32_t i = 0; i < count; ++i) {
-        BufferRecord record(i);
-        ASSERT_EQ(node.Request(VIDIOC_QBUF, &record.buf), 0);
-    }
-    ASSERT_EQ(node.Stream(VIDIOC_STREAMON), 0);
+    ASSERT_EQ(zelisp_test::StreamAllQueued(node, 8), 0);
     for (int i = 0; i < 9; ++i) {
         pollfd ready{node.fd(), POLLIN, 0};
         ASSERT_EQ(poll(&ready, 1, kWaitMs), 1);
@@ -110,27 +98,23 @@ TEST_F(FaultInjectionTest, FramesAreLostAtRandomAtTheConfiguredRate)
 {
     zsim::CameraConfig config;
     config.fps = 100;
+    config.max_buffers = 32;
     config.drop_percent = 30;
     zsim::set_camera(0, config);
     VideoNode node("/dev/video0");
-    uint32_t count = 16; // far more than the reader needs: no frame finds the queue empty
-    ASSERT_EQ(node.RequestBuffers(&count), 0);
-    for (uint32_t i = 0; i < count; ++i) {
-        BufferRecord record(i);
-        ASSERT_EQ(node.Request(VIDIOC_QBUF, &record.buf), 0);
-    }
-    ASSERT_EQ(node.Stream(VIDIOC_STREAMON), 0);
+    // Thirty-two buffers queued and none given back: the first thirty
+    // frames never find the queue empty, however slow this reader, so every
+    // gap in their sequence numbers is a frame lost at random.
+    ASSERT_EQ(zelisp_test::StreamAllQueued(node, 32), 0);
     std::vector<uint32_t> sequences;
-    while (sequences.size() < 70) {
+    while (sequences.size() < 30) {
         pollfd ready{node.fd(), POLLIN, 0};
         ASSERT_EQ(poll(&ready, 1, kWaitMs), 1);
         BufferRecord frame;
         ASSERT_EQ(node.Request(VIDIOC_DQBUF, &frame.buf), 0);
         sequences.push_back(frame.buf.sequence);
-        ASSERT_EQ(node.Request(VIDIOC_QBUF, &frame.buf), 0);
     }
-    // The lost frames are the gaps in the sequence numbers: about 30 in 100.
-    const uint32_t periods = sequences.back() - sequences.front() + 1;
+    const uint32_t periods = sequences.back() + 1;
     const double lost = 1.0 - double(sequences.size()) / periods;
     EXPECT_GT(lost, 0.15);
     EXPECT_LT(lost, 0.45);
@@ -208,13 +192,9 @@ TEST_F(FaultInjectionTest, ACameraSetToUnplugAfterSomeFramesGivesJustThose)
     config.disconnect_after = 5;
     zsim::set_camera(0, config);
     VideoNode node("/dev/video0");
-    uint32_t count = 8;
-    ASSERT_EQ(node.RequestBuffers(&count), 0);
-    for (uint32_t i = 0; i < count; ++i) {
-        BufferRecord record(i);
-        ASSERT_EQ(node.Request(VIDIOC_QBUF, &record.buf), 0);
-    }
-    ASSERT_EQ(node.Stream(VIDIOC_STREAMON), 0);
+    ASSERT_EQ(zelisp_test::StreamAllQueued(node, 8), 0);
+    // Frames still waiting when the camera goes are lost with it, so a slow
+    // reader gets fewer than five.
     int delivered = 0, err = 0;
     while (delivered < 10) {
         pollfd ready{node.fd(), POLLIN, 0};
@@ -222,9 +202,10 @@ TEST_F(FaultInjectionTest, ACameraSetToUnplugAfterSomeFramesGivesJustThose)
         BufferRecord frame;
         if ((err = node.Request(VIDIOC_DQBUF, &frame.buf)) != 0)
             break;
+        EXPECT_LT(frame.buf.sequence, 5u);
         ++delivered;
     }
-    EXPECT_EQ(delivered, 5);
+    EXPECT_LE(delivered, 5);
     EXPECT_EQ(err, ENODEV);
     EXPECT_EQ(zsim::counters(0).produced, 5u);
 }

@@ -30,8 +30,10 @@ bool active();
 
 /* Back to the defaults: cameras 0..3 present with default configuration,
  * /dev/isp_misc present, no faults, no quirks, empty log, free-running frames,
- * counters zero. Descriptors and mappings still held by the program stay
- * valid and tracked. */
+ * counters zero, sequence numbers from 0, every camera plugged in, the
+ * board's shared state (controls, set-ups, trigger mode, queue claims) at its
+ * start. Descriptors and mappings still held by the program stay valid and
+ * tracked. */
 void reset();
 
 /* Loads a configuration file (the format zelisp-sim-run and ZELISP_SIM_CONFIG

@@ -15,7 +15,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <utility>
-#include <vector>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -170,25 +169,26 @@ short driver_readiness(int fd, short events)
 }
 
 // A wait that the driver answers at once: the readiness the C library
-// finds without waiting, and the driver's added to it.
+// finds without waiting, and the driver's added to it. Most waits have
+// nothing to add and go to the C library as they are.
 template <typename RealPoll>
 int poll_with_driver(struct pollfd *fds, nfds_t count, RealPoll real_poll)
 {
-    std::vector<short> extra(count, 0);
     bool any = false;
-    for (nfds_t i = 0; fds && i < count; ++i)
-        any |= (extra[i] = driver_readiness(fds[i].fd, fds[i].events)) != 0;
+    for (nfds_t i = 0; fds && i < count && !any; ++i)
+        any = driver_readiness(fds[i].fd, fds[i].events) != 0;
     if (!any)
-        return real_poll(nullptr);
-    int ready = real_poll(&extra);
+        return real_poll(false);
+    int ready = real_poll(true);
     if (ready < 0)
         return ready;
     for (nfds_t i = 0; i < count; ++i) {
-        if (!extra[i])
+        const short extra = driver_readiness(fds[i].fd, fds[i].events);
+        if (!extra)
             continue;
         if (!fds[i].revents)
             ++ready;
-        fds[i].revents = short(fds[i].revents | extra[i]);
+        fds[i].revents = short(fds[i].revents | extra);
     }
     return ready;
 }
@@ -461,17 +461,15 @@ int select(int nfds, fd_set *read, fd_set *write, fd_set *except, struct timeval
 
 int poll(struct pollfd *fds, nfds_t count, int timeout_ms)
 {
-    return poll_with_driver(fds, count, [&](const std::vector<short> *answered) {
-        return real::poll(fds, count, answered ? 0 : timeout_ms);
-    });
+    return poll_with_driver(fds, count,
+                            [&](bool answered) { return real::poll(fds, count, answered ? 0 : timeout_ms); });
 }
 
 int ppoll(struct pollfd *fds, nfds_t count, const struct timespec *timeout, const sigset_t *mask)
 {
     static const timespec kNow = {0, 0};
-    return poll_with_driver(fds, count, [&](const std::vector<short> *answered) {
-        return real::ppoll(fds, count, answered ? &kNow : timeout, mask);
-    });
+    return poll_with_driver(fds, count,
+                            [&](bool answered) { return real::ppoll(fds, count, answered ? &kNow : timeout, mask); });
 }
 
 // The nodes have no read or write I/O.

@@ -16,6 +16,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <functional>
+#include <limits>
 #include <future>
 #include <mutex>
 #include <string>
@@ -191,6 +192,11 @@ TEST_F(BoardClockTest, AbsoluteWaitsEndWhenTheBoardsClockReachesTheirDeadline)
             }
             return errno;
         });
+        // The largest deadline a program can give means never; it passes
+        // as it is (shifting it would overflow).
+        sem_post(&sem);
+        const timespec forever{std::numeric_limits<time_t>::max(), 0};
+        EXPECT_EQ(sem_timedwait(&sem, &forever), 0);
         sem_destroy(&sem);
 
         // A mutex another thread holds.

@@ -16,6 +16,8 @@ packages=(
   libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev libgstrtspserver-1.0-dev gstreamer1.0-tools
   gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad gstreamer1.0-plugins-ugly
   gstreamer1.0-rtsp
+  gstreamer1.0-plugins-base-apps   # gst-device-monitor-1.0, which the device provider's test runs
+  ffmpeg                 # ffprobe and ffmpeg as RTSP clients of zelisp-rtsp's tests
   # Python package (python/): Debian's interpreter, numpy, OpenCV for the recipes, pytest
   pybind11-dev python3-dev python3-numpy python3-opencv python3-pytest
   # web console (zelisp-cam serve) and its browser test

@@ -26,4 +26,9 @@ export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 # zelisp-sim-run, which preloads the sanitizer runtime ahead of the
 # instrumented extension; tests/python/run_pytest.sh turns leak detection off
 # for that process only, since the interpreter's own allocations are not ours.
-ctest --test-dir "$build_dir" --output-on-failure -j"$jobs" "$@"
+# The web console's load test (a minute of full load, hundreds of clients)
+# and its browser test run in the plain stage only: under the sanitizers
+# they would take several times as long, and the server and WebRTC code
+# they drive runs instrumented here in web.http, web.security and
+# web.webrtc.
+ctest --test-dir "$build_dir" --output-on-failure -j"$jobs" -E '^web\.(load|browser)$' "$@"

@@ -21,7 +21,10 @@ packages=(
   # Python package (python/): Debian's interpreter, numpy, OpenCV for the recipes, pytest
   pybind11-dev python3-dev python3-numpy python3-opencv python3-pytest
   # web console (zelisp-cam serve) and its browser test
-  libcpp-httplib-dev libturbojpeg0-dev chromium chromium-driver python3-selenium
+  libmicrohttpd-dev libturbojpeg0-dev chromium chromium-driver python3-selenium
+  # its WebRTC view: webrtcbin (bad plugins), the ICE elements and libnice, the H.264 encoders
+  libgstreamer-plugins-bad1.0-dev gstreamer1.0-nice libnice-dev
+  openssl iproute2       # its tests: a TLS certificate, a network namespace for a console beyond loopback
   # man pages and Debian packages
   help2man dpkg-dev file lintian
 )

@@ -1,10 +1,12 @@
 /*
- * serve_images.h - the pictures of the web console: a view scaled to a
- * preview in 32-bit BGRX (libyuv's "ARGB") and its JPEG for the streams
- * (the full-resolution PNG of a snapshot is encode_png's, png_writer.h).
+ * picture_convert.h - the pictures of the web console: a view scaled to a
+ * preview in 32-bit BGRX (libyuv's "ARGB") and its JPEG for the tiles and
+ * streams (the full-resolution PNG of a snapshot is encode_png's,
+ * png_writer.h). These run on the picture workers, never on the capture
+ * thread.
  */
-#ifndef ZELISP_CAM_SERVE_IMAGES_H
-#define ZELISP_CAM_SERVE_IMAGES_H
+#ifndef ZELISP_CAM_CONSOLE_PICTURE_CONVERT_H
+#define ZELISP_CAM_CONSOLE_PICTURE_CONVERT_H
 
 #include <cstdint>
 #include <string>
@@ -19,7 +21,6 @@ namespace zcam {
 struct PreviewImage {
     uint32_t width = 0;
     uint32_t height = 0;
-    uint32_t sequence = 0; // the frame it was made from
     std::vector<uint8_t> pixels;
     std::vector<uint8_t> scratch; // scaled YUV on the way, kept to avoid reallocations
 };

@@ -1,5 +1,5 @@
-// serve_images.cpp - scaling views to previews, and JPEG and PNG encoding.
-#include "serve_images.h"
+// picture_convert.cpp - scaling views to previews, and JPEG encoding.
+#include "picture_convert.h"
 
 #include <turbojpeg.h>
 
@@ -80,7 +80,7 @@ std::string make_preview(const ViewImage &image, PreviewImage *out)
 
 std::string encode_jpeg(const PreviewImage &image, int quality, std::string *jpeg)
 {
-    // One compressor per thread: the streams encode on the server's threads.
+    // One compressor per picture worker.
     thread_local std::unique_ptr<void, int (*)(tjhandle)> compressor(tjInitCompress(), tjDestroy);
     if (!compressor)
         return "the JPEG encoder could not start";

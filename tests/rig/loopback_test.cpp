@@ -330,6 +330,12 @@ TEST(Loopback, RecorderSaysWhyItCannotRecord)
                                 std::to_string(silent) + "\n"),
               std::string::npos)
         << unsynced.err;
+    // A clock server whose name does not resolve is named as the problem.
+    Finished unnamed = run(folder, rig_command("record --clock ntp:no-such-host.invalid --out elsewhere "
+                                               "rtsp://127.0.0.1:1/group"));
+    EXPECT_EQ(unnamed.status, 3);
+    EXPECT_EQ(unnamed.err.rfind("zelisp-rig: the NTP server's name 'no-such-host.invalid' does not resolve (", 0), 0u)
+        << unnamed.err;
     nlohmann::json summary = rigtest::read_json(folder + "/take/summary.json");
     EXPECT_EQ(summary["exit_status"], 3);
     EXPECT_EQ(summary["clock"]["synced"], false);

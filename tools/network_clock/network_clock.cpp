@@ -6,6 +6,8 @@
 
 #include <gst/net/net.h>
 #include <net/if.h>
+#include <netdb.h>
+#include <sys/socket.h>
 
 #include <cinttypes>
 #include <cmath>
@@ -30,6 +32,22 @@ std::string seconds_text(double seconds)
 int64_t to_clock_epoch(const ClockSpec &spec, int64_t unix_ns)
 {
     return spec.kind == ClockKind::Ntp ? unix_ns + kNtpToUnixNs : unix_ns;
+}
+
+// A server named by a host name that does not resolve would only ever be
+// "not answering": the user is told the name is the problem.
+bool host_resolves(const std::string &host, std::string *error)
+{
+    addrinfo hints{};
+    hints.ai_socktype = SOCK_DGRAM;
+    addrinfo *found = nullptr;
+    int result = getaddrinfo(host.c_str(), nullptr, &hints, &found);
+    if (result != 0) {
+        *error = "the NTP server's name '" + host + "' does not resolve (" + gai_strerror(result) + ")";
+        return false;
+    }
+    freeaddrinfo(found);
+    return true;
 }
 
 } // namespace
@@ -68,6 +86,8 @@ std::unique_ptr<NetworkClock> NetworkClock::create(const ClockSpec &spec, std::s
         break;
     }
     case ClockKind::Ntp:
+        if (!host_resolves(spec.host, error))
+            return nullptr;
         clock = gst_ntp_clock_new("ntp-clock", spec.host.c_str(), spec.port, 0);
         break;
     }

@@ -66,8 +66,10 @@ zelisp-sim-run."
   "gstreamer|gstreamer1.0-zelisp|video|runtime|GStreamer elements for ISP cameras through libzelisp|The GStreamer source elements zelispsrc (one camera) and zelispgroupsrc
 (a synchronized group of cameras), built on libzelisp: zero-copy DMA-buf
 buffers, the views, resize, decimation and trigger settings of the
-library as properties. With zelisp-rtsp, which serves the cameras over
-RTSP."
+library as properties. With the RTSP server zelisp-rtsp (one mount per
+camera or camera group, on a PTP or NTP clock it names in the SDP), and
+zelisp-rig, which records the streams of several boards on one clock and
+lines their frames up into frame sets."
   "python|python3-zelisp|python|runtime|Python bindings of libzelisp|The zelisp Python package: cameras and frames as Python objects, frames
 as numpy arrays."
 )
@@ -150,6 +152,12 @@ gstreamer1.0-plugins-bad, gstreamer1.0-nice")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS "gstreamer1.0-plugins-ugly")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS "zelisp-sim")
 set(CPACK_DEBIAN_SIM_PACKAGE_SUGGESTS "zelisp-tools")
+# zelisp-rtsp and zelisp-rig build their pipelines from stock elements
+# (payloaders, rtspsrc, parsers, matroskamux, splitmuxsink, jpegenc); the
+# x264 encoder and a PTP grandmaster are for the rigs that want them.
+set(CPACK_DEBIAN_GSTREAMER_PACKAGE_DEPENDS "gstreamer1.0-plugins-base, gstreamer1.0-plugins-good, gstreamer1.0-plugins-bad")
+set(CPACK_DEBIAN_GSTREAMER_PACKAGE_RECOMMENDS "gstreamer1.0-plugins-ugly")
+set(CPACK_DEBIAN_GSTREAMER_PACKAGE_SUGGESTS "linuxptp")
 # The extension is built for one interpreter version and against numpy 1.x's
 # C interface, whose binary version (9) numpy's package provides.
 if(ZELISP_PYTHON_VERSION)

@@ -19,6 +19,8 @@ packages=(
   gstreamer1.0-rtsp
   gstreamer1.0-plugins-base-apps   # gst-device-monitor-1.0, which the device provider's test runs
   ffmpeg                 # ffprobe and ffmpeg as RTSP clients of zelisp-rtsp's tests
+  # the rig test (tests/rig, scripts/sim-rig.sh): boards in network namespaces (ip) with a PTP grandmaster
+  iproute2 linuxptp
   # Python package (python/): Debian's interpreter, numpy, OpenCV for the recipes, pytest
   pybind11-dev python3-dev python3-numpy python3-opencv python3-pytest
   # web console (zelisp-cam serve) and its browser test

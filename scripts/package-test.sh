@@ -84,7 +84,8 @@ expect_files zelisp-tools /usr/bin/zelisp-cam /usr/share/man/man1/zelisp-cam.1.g
 expect_files zelisp-sim /usr/bin/zelisp-sim-run "$lib/zelisp/libzelisp-sim.so" /usr/share/man/man1/zelisp-sim-run.1.gz \
   /usr/share/doc/zelisp/simulator.md
 expect_files gstreamer1.0-zelisp "$lib/gstreamer-1.0/libgstzelisp.so" /usr/bin/zelisp-rtsp \
-  /usr/share/man/man1/zelisp-rtsp.1.gz /usr/share/doc/zelisp/gstreamer.md
+  /usr/share/man/man1/zelisp-rtsp.1.gz /usr/bin/zelisp-rig /usr/share/man/man1/zelisp-rig.1.gz \
+  /usr/share/doc/zelisp/gstreamer.md /usr/share/doc/zelisp/multi-board.md
 expect_files python3-zelisp /usr/lib/python3/dist-packages/zelisp/__init__.py /usr/share/doc/zelisp/python.md
 for package in "${packages[@]}"; do
   expect_files "$package" "/usr/share/doc/$package/copyright" "/usr/share/doc/$package/changelog.Debian.gz"

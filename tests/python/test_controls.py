@@ -49,7 +49,7 @@ def test_denoise_manual_balance_exposure_and_abnormal_info(opened):
     opened.set_mec([1, 2, 3, 4, 5, 0x10006])
     payload = zsim.manual_payload(1, 0x00981992)
     assert [int.from_bytes(payload[4 + 2 * i:6 + 2 * i], "little") for i in range(6)] == [1, 2, 3, 4, 5, 6]
-    with pytest.raises(zelisp.InvalidArgument, match="six numbers"):
+    with pytest.raises(zelisp.InvalidArgument, match=r"params=\[1, 2\] does not hold 6 numbers"):
         opened.set_mec([1, 2])
 
     assert opened.abnormal_info() == bytes(14)

@@ -37,7 +37,10 @@ stage_lint() {
     -DZELISP_BUILD_TOOLS=OFF -DZELISP_BUILD_EXAMPLES=OFF -DZELISP_BUILD_GST=OFF -DZELISP_BUILD_PYTHON=OFF >/dev/null || return 1
   mapfile -t sources < <(find src -name '*.cpp' | sort)
   echo "clang-tidy: ${#sources[@]} files"
-  printf '%s\n' "${sources[@]}" | xargs -P "$ZELISP_JOBS" -n 4 clang-tidy -p "$dir" --quiet || status=1
+  # One file a run: clang-tidy 14's analyser carries va_list state from one
+  # file into the next in the same process and then reports a va_list used
+  # before va_start in a file that is clean on its own.
+  printf '%s\n' "${sources[@]}" | xargs -P "$ZELISP_JOBS" -n 1 clang-tidy -p "$dir" --quiet || status=1
   # Style findings left out: useStlAlgorithm (a taste), and two false
   # positives, each named: PlaneEntry hands out a mutable entry of the camera
   # it is given (constParameter), and the valid-camera search runs after the

@@ -9,10 +9,10 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
 
 #include "driver/driver_request.h"
 #include "isp_video.h"
+#include "library/messages.h"
 #include "v4l2_records.h"
 
 namespace zelisp {
@@ -69,8 +69,7 @@ int MapBuffer(IspVideo &video, int buffer)
         entry.addr = mmap(nullptr, entry.length, PROT_READ | PROT_WRITE, MAP_SHARED, video.fd,
                           planes[plane].m.mem_offset);
         if (entry.addr == MAP_FAILED) {
-            printf("mmap failed buffer  = %d plane = %d\n", buffer, plane);
-            fflush(stdout);
+            PrintLine(ISP_MESSAGE_FAILURE, video.dev_path, "mmap failed buffer  = %d plane = %d", buffer, plane);
             UnmapPlanes(video, buffer, plane);
             return ISP_ERR_MAP;
         }
@@ -86,8 +85,7 @@ void ExportPlane(IspVideo &video, int buffer, int plane)
     zelvideo::_isp_view_buf_t &entry = PlaneEntry(video, buffer, plane);
     int &exported = video.exported_fd[buffer][ViewOfPlane(video.view_mask, plane)];
     if (video.Request(VIDIOC_EXPBUF, &request) < 0 || request.fd < 0) {
-        printf("export buf failed, index %d plane %d\n", buffer, plane);
-        fflush(stdout);
+        PrintLine(ISP_MESSAGE_FAILURE, video.dev_path, "export buf failed, index %d plane %d", buffer, plane);
         entry.fd = -1;
         exported = -1;
         return;

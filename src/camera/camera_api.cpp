@@ -5,10 +5,10 @@
  * A handle is the camera object's address; 0 is the only value that can be
  * recognised as bad, so that is the only test made on it.
  */
-#include <cstdio>
 #include <new>
 
 #include "isp_video.h"
+#include "library/messages.h"
 
 using zelisp::IspVideo;
 using zelisp::VideoFromHandle;
@@ -51,7 +51,7 @@ ZELISP_API int isp_camera_get_native_fd(unsigned long handle, int64_t *fd)
         return ISP_ERR_INVALID;
     int descriptor = VideoFromHandle(handle)->GetVideoFd();
     if (descriptor < 0) {
-        puts("GetVideoFd: bad state, video not opened");
+        zelisp::EmitLine(ISP_MESSAGE_FAILURE, zelisp::Console::Stdio, nullptr, "GetVideoFd: bad state, video not opened");
         return ISP_ERR_STATE;
     }
     *fd = descriptor;

@@ -100,13 +100,13 @@ int IspVideo::GetFrame(zelvideo::_isp_buf_t *out, int32_t timeout_ms)
     if (Request(VIDIOC_DQBUF, &frame) < 0) {
         if (errno == EAGAIN)
             return ISP_ERR_NOT_READY;
-        DeviceMessage(" get frame failed");
+        DeviceMessage(ISP_MESSAGE_FAILURE, " get frame failed");
         return ISP_ERR_REQUEST;
     }
     // Only buffers 0..buffer_count-1 are ever queued; an index outside the
     // table cannot be described or given back, so the driver is out of step.
     if (frame.index >= uint32_t(buffer_count)) {
-        DeviceMessage(" get frame failed");
+        DeviceMessage(ISP_MESSAGE_FAILURE, " get frame failed");
         return ISP_ERR_REQUEST;
     }
 
@@ -145,7 +145,7 @@ int IspVideo::PutFrame(const zelvideo::_isp_buf_t &buf)
         return ISP_ERR_STATE;
     // The driver knows its buffers; an unknown index is its to refuse.
     if (QueueBuffer(buf.index) < 0) {
-        DeviceMessage(" put frame failed");
+        DeviceMessage(ISP_MESSAGE_FAILURE, " put frame failed");
         return ISP_ERR_REQUEST;
     }
     return ISP_OK;
@@ -158,7 +158,7 @@ int IspVideo::PutFrameByIndex(int32_t index)
     if (index < 0 || index >= buffer_count)
         return ISP_ERR_INVALID;
     if (QueueBuffer(uint32_t(index)) < 0) {
-        DeviceMessage(" put frame failed");
+        DeviceMessage(ISP_MESSAGE_FAILURE, " put frame failed");
         return ISP_ERR_REQUEST;
     }
     return ISP_OK;

@@ -45,7 +45,8 @@ constexpr uint32_t StateBit(uint32_t state) { return 1u << state; }
 // The state rule of cameras and groups alike: true when `state` is one of
 // the accepted ones; otherwise prints "<operation>: bad state <n>". A state
 // number past the mask's 32 bits (a corrupted object) is never accepted.
-bool StateAllows(const char *operation, uint32_t state, uint32_t accepted_mask);
+// dev_path names the camera the refusal is about, null for a group.
+bool StateAllows(const char *operation, uint32_t state, uint32_t accepted_mask, const char *dev_path);
 
 struct IspVideo {
     char dev_path[kPathSize] = {};
@@ -134,11 +135,14 @@ struct IspVideo {
     {
         if (state < 32 && (accepted_mask & StateBit(state)) != 0)
             return true;
-        return zelisp::StateAllows(operation, state, accepted_mask);
+        return zelisp::StateAllows(operation, state, accepted_mask, NodePath());
     }
-    // One flushed line on stdout: dev_path immediately followed by text
-    // (the line end is added here).
-    void DeviceMessage(const char *format, ...) const __attribute__((format(printf, 2, 3)));
+    // The node path for the lines about this camera, null before Open has
+    // named one.
+    const char *NodePath() const { return dev_path[0] != '\0' ? dev_path : nullptr; }
+    // One line about this camera: dev_path immediately followed by text
+    // (the line end is added where the line is printed).
+    void DeviceMessage(IspMessageKind kind, const char *format, ...) const __attribute__((format(printf, 3, 4)));
 };
 
 // kViewOfPlane[mask][j]: the j-th enabled view of a three-bit view mask, -1

@@ -8,8 +8,8 @@
 
 #include <cstdio>
 
-#include "driver/device_message.h"
 #include "isp_video.h"
+#include "library/messages.h"
 
 namespace zelisp {
 
@@ -18,7 +18,9 @@ namespace {
 // Open and Close put "video device " before the node path.
 int NodeFailure(const IspVideo &video, const char *what, int result)
 {
-    DeviceMessage("video device ", "%s %s", video.dev_path, what);
+    char text[64];
+    snprintf(text, sizeof(text), "video device %s %s", video.dev_path, what);
+    EmitLine(ISP_MESSAGE_FAILURE, Console::CppStream, video.dev_path, text);
     return result;
 }
 

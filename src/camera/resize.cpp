@@ -5,11 +5,11 @@
  * The ISP's resize unit works on even positions and sizes only (its chroma
  * is subsampled by two), so odd values are refused before anything else.
  */
-#include <cstdio>
 #include <cstring>
 
 #include "driver/isp_requests.h"
 #include "isp_video.h"
+#include "library/messages.h"
 
 namespace zelisp {
 
@@ -47,19 +47,19 @@ int IspVideo::StoreResize(const zelvideo::_resize_param_t &record)
 {
     if (record.sel > 2)
         return ISP_ERR_INVALID;
-    printf("cropBefore [%d,%d], scale [%d,%d], cropAfter[%d,%d]\n", record.cropBefore.width,
-           record.cropBefore.height, record.scale.width, record.scale.height, record.cropAfter.width,
-           record.cropAfter.height);
+    PrintLine(ISP_MESSAGE_PROGRESS, dev_path, "cropBefore [%d,%d], scale [%d,%d], cropAfter[%d,%d]",
+              record.cropBefore.width, record.cropBefore.height, record.scale.width, record.scale.height,
+              record.cropAfter.width, record.cropAfter.height);
     if (AnyOdd(record.cropBefore)) {
-        perror("Invailed cropBefore param: odd number!\n");
+        EmitSystemError("Invailed cropBefore param: odd number!\n", dev_path);
         return ISP_ERR_INVALID;
     }
     if (((record.scale.width | record.scale.height) & 1) != 0) {
-        perror("Invailed scale param: odd number!\n");
+        EmitSystemError("Invailed scale param: odd number!\n", dev_path);
         return ISP_ERR_INVALID;
     }
     if (AnyOdd(record.cropAfter)) {
-        perror("Invailed cropAfter param: odd number!\n");
+        EmitSystemError("Invailed cropAfter param: odd number!\n", dev_path);
         return ISP_ERR_INVALID;
     }
     std::memcpy(&resize_param, &record, sizeof(resize_param));
@@ -73,16 +73,16 @@ int IspVideo::ApplyResize(zelvideo::_resize_param_t record, int32_t bound_width,
     // scaled size are the driver's to judge.
     int32_t right = int32_t(record.cropBefore.x) + int32_t(record.cropBefore.width);
     if (right > bound_width) {
-        printf("invalid corp_before width param: %d\n", right);
+        PrintLine(ISP_MESSAGE_FAILURE, dev_path, "invalid corp_before width param: %d", right);
         return ISP_ERR_MISSING;
     }
     int32_t bottom = int32_t(record.cropBefore.y) + int32_t(record.cropBefore.height);
     if (bottom > bound_height) {
-        printf("invalid corp_before height param: %d\n", bottom);
+        PrintLine(ISP_MESSAGE_FAILURE, dev_path, "invalid corp_before height param: %d", bottom);
         return ISP_ERR_MISSING;
     }
     if (Request(VIDIOC_ISP_SET_RESIZE, &regs) < 0) {
-        perror("Resize resolution");
+        EmitSystemError("Resize resolution", dev_path);
         return ISP_ERR_REQUEST;
     }
     return ISP_OK;

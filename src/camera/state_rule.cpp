@@ -7,26 +7,26 @@
  * which is what an application developer sees on the console of the board.
  */
 #include <cstdarg>
-#include <cstdio>
 
 #include "driver/device_message.h"
 #include "isp_video.h"
+#include "library/messages.h"
 
 namespace zelisp {
 
-bool StateAllows(const char *operation, uint32_t state, uint32_t accepted_mask)
+bool StateAllows(const char *operation, uint32_t state, uint32_t accepted_mask, const char *dev_path)
 {
     if (state < 32 && (accepted_mask & StateBit(state)) != 0)
         return true;
-    printf("%s: bad state %d\n", operation, int(state));
+    PrintLine(ISP_MESSAGE_FAILURE, dev_path, "%s: bad state %d", operation, int(state));
     return false;
 }
 
-void IspVideo::DeviceMessage(const char *format, ...) const
+void IspVideo::DeviceMessage(IspMessageKind kind, const char *format, ...) const
 {
     va_list arguments;
     va_start(arguments, format);
-    VDeviceMessage(dev_path, format, arguments);
+    VDeviceMessage(kind, dev_path, format, arguments);
     va_end(arguments);
 }
 

@@ -8,11 +8,11 @@
  * Nothing is undone on failure: the driver keeps what it accepted, and the
  * camera stays opened so that Init can be tried again.
  */
-#include <cstdio>
 #include <cstring>
 
 #include "driver/driver_request.h"
 #include "isp_video.h"
+#include "library/messages.h"
 #include "v4l2_records.h"
 
 namespace zelisp {
@@ -29,7 +29,7 @@ int SelectInput(IspVideo &video, uint32_t combination)
                                  " enum view input combination failed");
     if (result != ISP_OK)
         return result;
-    video.DeviceMessage(" view input supported combination: %u", supported.index);
+    video.DeviceMessage(ISP_MESSAGE_PROGRESS, " view input supported combination: %u", supported.index);
 
     int input = int(combination);
     result = ReportedRequest(video.fd, video.dev_path, VIDIOC_S_INPUT, &input, "set input",
@@ -43,7 +43,7 @@ int SelectInput(IspVideo &video, uint32_t combination)
                              " get view input combination failed");
     if (result != ISP_OK)
         return result;
-    video.DeviceMessage(" view input combination: %d", selected);
+    video.DeviceMessage(ISP_MESSAGE_PROGRESS, " view input combination: %d", selected);
     return ISP_OK;
 }
 
@@ -91,7 +91,7 @@ int IspVideo::Init(uint32_t combination, int32_t buffer_num)
     if (!StateAllows("Init", StateBit(VIDEO_OPENED)))
         return ISP_ERR_STATE;
     if (uint32_t(buffer_num) < uint32_t(kMinBuffers) || uint32_t(buffer_num) > uint32_t(kMaxBuffers)) {
-        DeviceMessage("request buffer number invalid");
+        DeviceMessage(ISP_MESSAGE_FAILURE, "request buffer number invalid");
         return ISP_ERR_BUFFER_COUNT;
     }
 
@@ -115,7 +115,7 @@ int IspVideo::Init(uint32_t combination, int32_t buffer_num)
     // The first crop works on the ISP's input, which view 1 reports.
     if (ResizeStored(resize_param) &&
         ApplyResize(resize_param, int32_t(view_formats[1].width), int32_t(view_formats[1].height)) != ISP_OK) {
-        perror("Resize Failed\n");
+        EmitSystemError("Resize Failed\n", dev_path);
         return ISP_ERR_REQUEST;
     }
     return SetupBuffers(buffer_num);

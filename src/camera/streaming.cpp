@@ -28,13 +28,13 @@ int IspVideo::StartCapture()
     // held when the stream was last stopped: stream-off took them all back.
     for (int buffer = 0; buffer < buffer_count; ++buffer) {
         if (QueueBuffer(uint32_t(buffer)) < 0) {
-            DeviceMessage(" queue buffer %d failed", buffer);
+            DeviceMessage(ISP_MESSAGE_FAILURE, " queue buffer %d failed", buffer);
             return ISP_ERR_REQUEST;
         }
     }
     int type = kCaptureType;
     if (Request(VIDIOC_STREAMON, &type) < 0) {
-        DeviceMessage(" stream on failed");
+        DeviceMessage(ISP_MESSAGE_FAILURE, " stream on failed");
         return ISP_ERR_REQUEST;
     }
     state = VIDEO_CAPTURING;
@@ -48,7 +48,7 @@ int IspVideo::StopCapture()
 
     int type = kCaptureType;
     if (Request(VIDIOC_STREAMOFF, &type) < 0) {
-        DeviceMessage("stream off failed");
+        DeviceMessage(ISP_MESSAGE_FAILURE, "stream off failed");
         return ISP_ERR_REQUEST;
     }
     state = VIDEO_INITED;

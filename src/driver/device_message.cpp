@@ -1,5 +1,5 @@
 /*
- * device_message.cpp - the camera's console lines on std::cout.
+ * device_message.cpp - a camera's lines, put together behind its node path.
  */
 #include "driver/device_message.h"
 
@@ -7,36 +7,29 @@
 #include <charconv>
 #include <cstdio>
 #include <cstring>
-#include <iostream>
+
+#include "library/messages.h"
 
 namespace zelisp {
 
-namespace {
-
-void WriteLine(const char *dev_path, const char *text, size_t length)
-{
-    std::cout.write(dev_path, std::streamsize(std::strlen(dev_path)));
-    std::cout.write(text, std::streamsize(length));
-    std::cout.put('\n');
-    std::cout.flush();
-}
-
-} // namespace
-
-void VDeviceMessage(const char *dev_path, const char *format, va_list arguments)
+void VDeviceMessage(IspMessageKind kind, const char *dev_path, const char *format, va_list arguments)
 {
     char text[256];
-    int length = vsnprintf(text, sizeof(text), format, arguments);
-    if (length < 0)
-        length = 0;
-    WriteLine(dev_path, text, std::min(size_t(length), sizeof(text) - 1));
+    const int written = vsnprintf(text, sizeof(text), format, arguments);
+    if (written < 0)
+        text[0] = '\0';
+    char line[MessageLine::kMaxDevPath + sizeof(text)];
+    const size_t path_length = strnlen(dev_path, MessageLine::kMaxDevPath);
+    std::memcpy(line, dev_path, path_length);
+    std::memcpy(line + path_length, text, strnlen(text, sizeof(text) - 1) + 1);
+    EmitLine(kind, Console::CppStream, dev_path, line);
 }
 
-void DeviceMessage(const char *dev_path, const char *format, ...)
+void DeviceMessage(IspMessageKind kind, const char *dev_path, const char *format, ...)
 {
     va_list arguments;
     va_start(arguments, format);
-    VDeviceMessage(dev_path, format, arguments);
+    VDeviceMessage(kind, dev_path, format, arguments);
     va_end(arguments);
 }
 
@@ -56,6 +49,14 @@ MessageLine &MessageLine::Number(uint64_t value)
     return *this;
 }
 
-void MessageLine::Print(const char *dev_path) const { WriteLine(dev_path, text_, length_); }
+void MessageLine::Print(const char *dev_path) const
+{
+    char line[kMaxDevPath + sizeof(text_) + 1];
+    const size_t path_length = strnlen(dev_path, kMaxDevPath);
+    std::memcpy(line, dev_path, path_length);
+    std::memcpy(line + path_length, text_, length_);
+    line[path_length + length_] = '\0';
+    EmitLine(ISP_MESSAGE_FAILURE, Console::CppStream, dev_path, line);
+}
 
 } // namespace zelisp

@@ -1,7 +1,7 @@
 /*
- * device_message.h - how a camera's events reach the console: one line on
- * the C++ standard output stream, the node path directly followed by the
- * text, flushed at once.
+ * device_message.h - a camera's lines: the node path directly followed by
+ * the text, as one line on the C++ standard output stream, flushed at once,
+ * or handed to the application's message handler with the node path.
  *
  * The console of a board is often a pipe, and a line that sits in a buffer
  * is lost on a crash. Writing through std::cout lets an application that
@@ -15,18 +15,24 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "zelisp.h"
+
 namespace zelisp {
 
-// dev_path, then the formatted text, then the line end; flushed.
-void DeviceMessage(const char *dev_path, const char *format, ...) __attribute__((format(printf, 2, 3)));
-void VDeviceMessage(const char *dev_path, const char *format, va_list arguments)
-    __attribute__((format(printf, 2, 0)));
+// dev_path, then the formatted text.
+void DeviceMessage(IspMessageKind kind, const char *dev_path, const char *format, ...)
+    __attribute__((format(printf, 3, 4)));
+void VDeviceMessage(IspMessageKind kind, const char *dev_path, const char *format, va_list arguments)
+    __attribute__((format(printf, 3, 0)));
 
-// A device line built from pieces without printf's format parsing, for the
-// lines of the frame loop (a refused frame is printed while frames keep
-// coming). Prints the same bytes "%s%u" would.
+// A failure line of the camera at dev_path built from pieces without
+// printf's format parsing, for the lines of the frame loop (a refused frame
+// is reported while frames keep coming). Holds the same bytes "%s%u" would.
 class MessageLine {
 public:
+    // A node path is at most this long, its end included.
+    static constexpr size_t kMaxDevPath = 32;
+
     MessageLine &Text(const char *text);
     MessageLine &Number(uint64_t value);
     void Print(const char *dev_path) const;

@@ -6,9 +6,9 @@
 #include "driver/driver_request.h"
 
 #include <cstdarg>
-#include <cstdio>
 
 #include "driver/device_message.h"
+#include "library/messages.h"
 #include "zelisp.h"
 
 namespace zelisp {
@@ -27,18 +27,14 @@ int ReportedRequest(int fd, const char *dev_path, unsigned long request, void *r
 {
     if (DriverRequest(fd, request, record, Retry::WhileInterrupted) >= 0)
         return ISP_OK;
-    // The stderr line must name the driver's refusal, not whatever writing
-    // the stdout line may have left in errno.
-    const int refusal = errno;
+    // Delivering a line keeps errno, so the system-error line names the
+    // driver's refusal and the caller still finds it.
     va_list arguments;
     va_start(arguments, failure);
-    VDeviceMessage(dev_path, failure, arguments);
+    VDeviceMessage(ISP_MESSAGE_FAILURE, dev_path, failure, arguments);
     va_end(arguments);
-    if (label != nullptr) {
-        errno = refusal;
-        perror(label);
-    }
-    errno = refusal;
+    if (label != nullptr)
+        EmitSystemError(label, dev_path);
     return ISP_ERR_REQUEST;
 }
 

@@ -37,9 +37,9 @@ inline int DriverRequest(int fd, unsigned long request, void *record, Retry retr
 }
 
 // A device request reported the library's way when the driver refuses it:
-// the node path followed by the failure text as one line on standard
-// output, then perror(label) on standard error naming the driver's refusal
-// (unless label is null). 0, or -11 after the report. Video nodes only:
+// the node path followed by the failure text as one failure line, then the
+// system-error line of label naming the driver's refusal (unless label is
+// null), on the console as perror(label) would print it. 0, or -11 after the report. Video nodes only:
 // repeated while interrupted.
 int ReportedRequest(int fd, const char *dev_path, unsigned long request, void *record, const char *label,
                     const char *failure, ...) __attribute__((format(printf, 6, 7)));

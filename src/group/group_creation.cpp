@@ -6,11 +6,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstring>
 #include <new>
 
 #include "group/isp_video_group.h"
+#include "library/messages.h"
 
 namespace zelisp {
 namespace {
@@ -23,16 +23,16 @@ int RunCreationStep(IspVideoGroup &group, uint32_t group_type, const char *name,
         return ISP_ERR_MISSING;
     // Signed on purpose: 0 and negative counts make a group without members.
     if (camera_count > kMaxGroupMembers) {
-        printf("camera_count greater than MAX_GROUP_NAME_LEN : %d !! \n", kMaxGroupMembers);
+        PrintLine(ISP_MESSAGE_FAILURE, nullptr, "camera_count greater than MAX_GROUP_NAME_LEN : %d !! ", kMaxGroupMembers);
         return ISP_ERR_MISSING;
     }
     group.misc_fd = open(kMiscNodePath, O_RDWR);
     if (group.misc_fd < 0) {
-        perror("open isp_misc error\n");
+        EmitSystemError("open isp_misc error\n");
         return ISP_ERR_OPEN;
     }
     if (isp_get_all_valid_camera_info(group.valid_cameras, &group.valid_camera_count) != 0) {
-        puts("isp_get_all_valid_camera_info failed! ");
+        EmitLine(ISP_MESSAGE_FAILURE, Console::Stdio, nullptr, "isp_get_all_valid_camera_info failed! ");
         close(group.misc_fd);
         return ISP_ERR_NO_NODE;
     }
@@ -53,7 +53,7 @@ int MakeMembers(IspVideoGroup &group, const int *camera_index_list)
         const int camera_index = camera_index_list[position];
         group.members[position] = camera_index;
         if (camera_index < 0 || camera_index >= kMaxCameras) {
-            printf("video %d is invalid !\n", camera_index);
+            PrintLine(ISP_MESSAGE_FAILURE, nullptr, "video %d is invalid !", camera_index);
             group.Teardown(position);
             return ISP_ERR_INVALID;
         }

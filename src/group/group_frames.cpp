@@ -6,9 +6,9 @@
  * timestamps across members. Frames taken together come from the same
  * sensor period only when the trigger mode locks the sensors' clocks.
  */
-#include <cstdio>
 
 #include "group/isp_video_group.h"
+#include "library/messages.h"
 
 namespace zelisp {
 namespace {
@@ -18,7 +18,7 @@ bool FrameArrayFits(const IspVideoGroup &group, int frame_count)
 {
     if (group.camera_count <= frame_count)
         return true;
-    puts("buffers sum less than camera_count!");
+    EmitLine(ISP_MESSAGE_FAILURE, Console::Stdio, nullptr, "buffers sum less than camera_count!");
     return false;
 }
 

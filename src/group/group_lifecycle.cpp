@@ -7,9 +7,8 @@
  * repeat of the same group step then fails at member 0, whose camera refuses
  * a step it already made, while the group close still closes them all.
  */
-#include <cstdio>
-
 #include "group/isp_video_group.h"
+#include "library/messages.h"
 
 namespace zelisp {
 namespace {
@@ -22,7 +21,8 @@ int RunOnMembersUntilFailure(IspVideoGroup &group, const char *step_name, Step s
     for (int32_t position = 0; position < group.camera_count; ++position) {
         const int result = step(*group.Member(position));
         if (result != ISP_OK) {
-            printf("camera %d %s failed\n", group.members[position], step_name);
+            PrintLine(ISP_MESSAGE_FAILURE, group.MemberPath(position), "camera %d %s failed", group.members[position],
+                      step_name);
             return result;
         }
     }
@@ -45,7 +45,7 @@ int IspVideoGroup::OpenVideo(int mode, int *open_results)
             open_results[position] = ISP_OK;
             continue;
         }
-        printf("%s : open %d failed\n", "OpenVideo", members[position]);
+        PrintLine(ISP_MESSAGE_FAILURE, MemberPath(position), "%s : open %d failed", "OpenVideo", members[position]);
         open_results[position] = ISP_ERR_OPEN;
         any_failed = true;
     }
@@ -98,7 +98,7 @@ int IspVideoGroup::CloseVideo()
     // (the group owns them until it is destroyed).
     for (int32_t position = 0; position < camera_count; ++position) {
         if (Member(position)->Close() != ISP_OK)
-            printf("camera %d close failed\n", members[position]);
+            PrintLine(ISP_MESSAGE_FAILURE, MemberPath(position), "camera %d close failed", members[position]);
     }
     state = GROUP_NONE;
     return ISP_OK;

@@ -2,9 +2,8 @@
  * group_membership.cpp - looking a camera up in a group: among its members
  * (by camera index) and in the valid-camera table copied at creation.
  */
-#include <cstdio>
-
 #include "group/isp_video_group.h"
+#include "library/messages.h"
 
 namespace zelisp {
 namespace {
@@ -13,11 +12,11 @@ namespace {
 int RefuseWithoutMembers(const IspVideoGroup &group)
 {
     if (group.state == GROUP_NONE) {
-        perror("Haven't create group !!!\n");
+        EmitSystemError("Haven't create group !!!\n");
         return ISP_ERR_STATE;
     }
     if (group.state == GROUP_CREATED) {
-        perror("Empty group !!!\n");
+        EmitSystemError("Empty group !!!\n");
         return ISP_ERR_STATE;
     }
     return ISP_OK;
@@ -34,7 +33,7 @@ int IspVideoGroup::LookUpMember(int camera_index) const
         if (members[position] == camera_index)
             return ISP_OK;
     }
-    perror("camera_index is invailed !!!\n");
+    EmitSystemError("camera_index is invailed !!!\n");
     return ISP_ERR_INVALID;
 }
 
@@ -52,7 +51,7 @@ int IspVideoGroup::GetVideoInfo(int camera_index, zelvideo::_camera_info_t *info
     if (result != ISP_OK)
         return result;
     if (valid_camera_count < 1) {
-        puts("none valied camera!");
+        EmitLine(ISP_MESSAGE_FAILURE, Console::Stdio, nullptr, "none valied camera!");
         return ISP_ERR_NO_VALID_CAMERA;
     }
     // The driver may report more cameras than its table has slots.
@@ -65,7 +64,7 @@ int IspVideoGroup::GetVideoInfo(int camera_index, zelvideo::_camera_info_t *info
     }
     // A camera the platform does not list is refused like a non-member, so
     // that a caller never mistakes an untouched record for the camera's.
-    perror("camera_index is invailed !!!\n");
+    EmitSystemError("camera_index is invailed !!!\n");
     return ISP_ERR_INVALID;
 }
 

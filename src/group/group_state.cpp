@@ -9,7 +9,7 @@ namespace zelisp {
 
 bool IspVideoGroup::StateAllows(const char *operation, uint32_t accepted_mask) const
 {
-    return zelisp::StateAllows(operation, state, accepted_mask);
+    return zelisp::StateAllows(operation, state, accepted_mask, nullptr);
 }
 
 } // namespace zelisp

@@ -3,9 +3,8 @@
  * current format of a view. A member's failure is reported and the walk goes
  * on: the caller sees it only in the output, the result stays 0.
  */
-#include <cstdio>
-
 #include "group/isp_video_group.h"
+#include "library/messages.h"
 
 namespace zelisp {
 
@@ -16,26 +15,27 @@ int IspVideoGroup::SetViewFormat(int view, zelvideo::_view_format_t view_format)
     // One format for all members only makes sense when they are the same
     // sensor model.
     if (group_type != 0) {
-        printf("Only the same camera is supported");
+        EmitLine(ISP_MESSAGE_FAILURE, Console::StdioWithoutEnd, nullptr, "Only the same camera is supported");
         return ISP_ERR_STATE;
     }
     for (int32_t position = 0; position < camera_count; ++position) {
         const int result = Member(position)->SetViewFormat(view, view_format);
         if (result != ISP_OK)
-            printf("camera %d SetViewFormat failed error code: %d\n", members[position], result);
+            PrintLine(ISP_MESSAGE_FAILURE, MemberPath(position), "camera %d SetViewFormat failed error code: %d",
+                      members[position], result);
     }
     return ISP_OK;
 }
 
 int IspVideoGroup::GetViewFormat(int view, zelvideo::_view_format_t *formats)
 {
-    puts("GetViewFormat ");
+    EmitLine(ISP_MESSAGE_PROGRESS, Console::Stdio, nullptr, "GetViewFormat ");
     if (!StateAllows("GetViewFormat", StateBit(GROUP_OPENED) | StateBit(GROUP_INITED) | StateBit(GROUP_CAPTURING)))
         return ISP_ERR_STATE;
     for (int32_t position = 0; position < camera_count; ++position) {
-        printf("video %d \n", members[position]);
+        PrintLine(ISP_MESSAGE_PROGRESS, MemberPath(position), "video %d ", members[position]);
         if (Member(position)->GetViewFormat(view, &formats[position]) != ISP_OK)
-            printf("camera %d GetViewFormat failed\n", members[position]);
+            PrintLine(ISP_MESSAGE_FAILURE, MemberPath(position), "camera %d GetViewFormat failed", members[position]);
     }
     return ISP_OK;
 }

@@ -77,6 +77,9 @@ struct IspVideoGroup {
 
     // Camera object of member position i.
     IspVideo *Member(int position) const { return videos[members[position]]; }
+    // The node of the member at position once it has one (for the lines
+    // about that member), null before.
+    const char *MemberPath(int position) const { return Member(position)->NodePath(); }
     // The group's state rule: true when state is accepted; otherwise prints
     // the bad-state line with the operation's name.
     bool StateAllows(const char *operation, uint32_t accepted_mask) const;

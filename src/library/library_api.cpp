@@ -1,8 +1,10 @@
 /*
  * library_api.cpp - what belongs to the library as a whole rather than to a
- * camera: its version string, and the words for each result code, so that
- * applications and tools explain a failure the same way.
+ * camera: its version string, the words for each result code, so that
+ * applications and tools explain a failure the same way, and where its
+ * lines go.
  */
+#include "library/messages.h"
 #include "zelisp.h"
 
 namespace {
@@ -44,4 +46,9 @@ extern "C" ZELISP_API const char *isp_get_result_text(int result)
             return entry.text;
     }
     return "unknown result code";
+}
+
+extern "C" ZELISP_API void isp_set_message_handler(isp_message_handler_t handler, void *user)
+{
+    zelisp::SetMessageRoute(handler, user);
 }

@@ -3,9 +3,9 @@
  * camera slots have a working sensor. Every call reads the driver's current
  * table afresh; groups keep a copy of their own.
  */
-#include <cstdio>
 #include <cstring>
 
+#include "library/messages.h"
 #include "platform/misc_node.h"
 #include "platform/misc_session.h"
 
@@ -20,11 +20,11 @@ int ReadValidCameraTable(CameraInfoTable *table)
 {
     MiscSession node;
     if (!node.opened()) {
-        perror("open error\n");
+        EmitSystemError("open error\n");
         return ISP_ERR_OPEN;
     }
     if (DriverRequest(node.fd(), GET_VAILED_CAMERA_INFO, table, Retry::Once) != 0) {
-        puts("ioctl GET_VAILED_CAMERA_INFO failed! ");
+        EmitLine(ISP_MESSAGE_FAILURE, Console::Stdio, nullptr, "ioctl GET_VAILED_CAMERA_INFO failed! ");
         return ISP_ERR_REQUEST;
     }
     return ISP_OK;
@@ -70,7 +70,7 @@ int GetValidCameraInfo(zelvideo::_camera_info_t *info, uint32_t camera_num, uint
     // still learns how many there are.
     *count = RecordCount(table);
     if (*count < camera_num) {
-        puts("invailed camera_num! ");
+        EmitLine(ISP_MESSAGE_FAILURE, Console::Stdio, nullptr, "invailed camera_num! ");
         return ISP_ERR_INVALID;
     }
     CopyRecords(info, table, camera_num);

@@ -4,8 +4,8 @@
  * sensor directly). The platform driver switches it per camera slot; the
  * camera itself need not be open.
  */
-#include <cstdio>
 
+#include "library/messages.h"
 #include "platform/misc_node.h"
 #include "platform/misc_session.h"
 
@@ -27,7 +27,7 @@ int SetI2cCtrl(uint32_t camera_index, uint32_t i2c_bus_ctrler)
 {
     MiscSession node;
     if (!node.opened()) {
-        perror("open isp_misc error\n");
+        EmitSystemError("open isp_misc error\n");
         return ISP_ERR_OPEN;
     }
     I2cCtrlRecord record = I2cCtrl(camera_index, i2c_bus_ctrler);
@@ -37,10 +37,11 @@ int SetI2cCtrl(uint32_t camera_index, uint32_t i2c_bus_ctrler)
     // failure the application sees and decides about.
     const bool to_isp = i2c_bus_ctrler == kBusIsp;
     if (DriverRequest(node.fd(), IOC_SET_I2C_CTRL, &record, to_isp ? Retry::WhileInterrupted : Retry::Once) != 0) {
-        puts("ioctl IOC_SET_I2C_CTRL failed! ");
+        EmitLine(ISP_MESSAGE_FAILURE, Console::Stdio, nullptr, "ioctl IOC_SET_I2C_CTRL failed! ");
         return ISP_ERR_OPEN;
     }
-    puts(to_isp ? "set ISP to control i2c bus!" : "set ARM to control i2c bus!");
+    EmitLine(ISP_MESSAGE_PROGRESS, Console::Stdio, nullptr,
+             to_isp ? "set ISP to control i2c bus!" : "set ARM to control i2c bus!");
     return ISP_OK;
 }
 

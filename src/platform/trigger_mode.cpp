@@ -4,8 +4,8 @@
  * no camera: the mode is the platform's, so a camera handle only has to be
  * valid, and a group sets it through the descriptor it keeps open.
  */
-#include <cstdio>
 
+#include "library/messages.h"
 #include "platform/misc_node.h"
 #include "platform/misc_session.h"
 
@@ -17,7 +17,7 @@ int SetTrigger(const MipiTriggerRecord &record, Retry retry)
 {
     MiscSession node;
     if (!node.opened()) {
-        perror("open isp_misc error\n");
+        EmitSystemError("open isp_misc error\n");
         return ISP_ERR_OPEN;
     }
     SendTriggerRecord(node.fd(), record, retry);
@@ -51,9 +51,9 @@ void SendTriggerRecord(int misc_fd, const MipiTriggerRecord &record, Retry retry
     if (DriverRequest(misc_fd, IOC_SET_MIPI_TRIGGER_MODE, &sent, retry) == 0)
         return;
     if (record.trigger_mode == kInternalMode)
-        puts("ioctl IOC_SET_MIPI_TRIGGER_MODE failed! ");
+        EmitLine(ISP_MESSAGE_FAILURE, Console::Stdio, nullptr, "ioctl IOC_SET_MIPI_TRIGGER_MODE failed! ");
     else
-        perror("ioctl IOC_SET_MIPI_TRIGGER_MODE failed! \n");
+        EmitSystemError("ioctl IOC_SET_MIPI_TRIGGER_MODE failed! \n");
 }
 
 } // namespace zelisp

@@ -19,9 +19,9 @@
 #include <cerrno>
 #include <climits>
 #include <cstdint>
-#include <cstdio>
 
 #include "camera/isp_video.h"
+#include "library/messages.h"
 #include "wait/camera_wait.h"
 
 namespace zelisp {
@@ -112,8 +112,7 @@ int WaitForCameras(const unsigned long *handles, int *ready, int count, timeval 
     for (int i = 0; i < count; ++i) {
         const int fd = VideoFromHandle(handles[i])->GetVideoFd();
         if (fd < 0) {
-            printf("camera %dnot opened\n", i);
-            fflush(stdout);
+            PrintLine(ISP_MESSAGE_FAILURE, nullptr, "camera %dnot opened", i);
             return ISP_ERR_INVALID;
         }
         ready[i] = 0;

@@ -12,7 +12,7 @@ import textwrap
 import pytest
 
 READER = textwrap.dedent('''
-    import signal, sys, threading, time
+    import signal, sys, threading, time, types
     import zelisp, zsim
 
     how, call = sys.argv[1], sys.argv[2]
@@ -47,21 +47,28 @@ READER = textwrap.dedent('''
         time.sleep(0.001)
 
     class FrameAtShutdown:
-        """Collected while the interpreter finalizes: wakes the reader with a
+        """Freed while the interpreter finalizes: wakes the reader with a
         frame then, and lets it run until it has parked (or, were it to ask
         for the interpreter lock, until CPython ends it)."""
 
         def __init__(self):
             self.push, self.channel, self.reader = zsim.push_frame, wait_channel, reader
+            self.finalizing = sys.is_finalizing
 
         def __del__(self):
+            assert self.finalizing()
             self.push(0, 1, 2_000_000)
             self.push(1, 1, 2_000_000)
             for _ in range(20_000):
                 if "pause" in self.channel(self.reader):
                     break
 
-    _wakes_the_reader_at_shutdown = FrameAtShutdown()
+    # Held by a module only sys.modules knows, which finalization frees (the
+    # main module stays: the reader's function refers to its globals).
+    hook = types.ModuleType("frame_at_shutdown")
+    hook.frame_at_shutdown = FrameAtShutdown()
+    sys.modules[hook.__name__] = hook
+    del hook
     if how == "sigint":
         print("reading", flush=True)
         signal.pause()

@@ -581,9 +581,19 @@ def main():
     parser.add_argument("--quick", action="store_true", help="short runs, for checking the harness")
     parser.add_argument("--report-only", action="store_true",
                         help="rewrite the report from the figures of the last run, without measuring")
+    parser.add_argument("--sections", nargs="+", metavar="NAME",
+                        help="measure only these sections (bench/sections/NAME.py) and rewrite their part of "
+                             "the existing report; each says when it was measured")
     options = parser.parse_args()
     quick = options.quick or os.environ.get("ZELISP_BENCH_QUICK") == "1"
     saved = os.path.join(os.getcwd(), "figures.json")
+    context = {"bin_dir": options.bin_dir, "sim_run": options.sim_run, "sim_lib": options.sim_lib,
+               "cam_tool": options.cam_tool, "build_dir": os.path.dirname(os.getcwd())}  # runs in <build>/bench
+
+    sections = options.sections or os.environ.get("ZELISP_BENCH_SECTIONS", "").split()
+    if sections:
+        remeasure_sections(options.output, sections, context, quick)
+        return
 
     if options.report_only:
         with open(saved, encoding="utf-8") as stream:
@@ -601,8 +611,6 @@ def main():
     figures["groups"] = groups(options.bin_dir, 2 if quick else 10)
     figures["peers"] = peers(options.bin_dir, options.sim_run, options.cam_tool, quick)
     figures["peer_instructions"] = peer_instructions(options.sim_lib, options.cam_tool)
-    context = {"bin_dir": options.bin_dir, "sim_run": options.sim_run, "sim_lib": options.sim_lib,
-               "cam_tool": options.cam_tool, "build_dir": os.path.dirname(os.getcwd())}  # runs in <build>/bench
     figures["sections"] = {}
     for module in section_modules():
         log(f"section: {module.TITLE}")
@@ -612,6 +620,24 @@ def main():
     with open(saved, "w", encoding="utf-8") as stream:
         json.dump(figures, stream)
     write_report(options.output, add_findings(figures), started, finished)
+
+
+def remeasure_sections(path, names, context, quick):
+    """Measures the named sections and puts each report in place of the one
+    the report has, from its heading to the next; the rest stays as it was."""
+    with open(path, encoding="utf-8") as stream:
+        text = stream.read()
+    for module in section_modules():
+        if module.__name__ not in names:
+            continue
+        log(f"section: {module.TITLE}")
+        lines = module.report(module.measure(context, quick))
+        start = text.index(f"## {module.TITLE}\n")
+        end = text.find("\n## ", start)
+        text = text[:start] + "\n".join(lines[1:] + [""]) + (text[end:] if end >= 0 else "")
+    with open(path, "w", encoding="utf-8") as stream:
+        stream.write(text)
+    log(f"wrote {path}")
 
 
 def add_findings(figures):

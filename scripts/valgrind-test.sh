@@ -22,9 +22,10 @@
 # GStreamer's registry scan and type system take minutes per test program
 # and report GLib's lifetime allocations, none of it our code; they run in
 # the plain and sanitizer stages, where ASan and UBSan check the plugin.
-# The Python package's pytest suite is left out too: memcheck would have to
-# run the whole interpreter (and numpy, OpenCV), some 50 times slower and full
-# of the interpreter's own pool-allocator reports; the package's C++ runs
+# The Python package's tests (python.*) are left out too: memcheck would have
+# to run the whole interpreter (and numpy, OpenCV, and for python.wheel the
+# compiler and pip), some 50 times slower and full of the interpreter's own
+# pool-allocator reports, far past the stage's time; the package's C++ runs
 # under AddressSanitizer and UBSan in the sanitizer stage instead. The
 # random API sequences run fewer sequences here
 # (ZELISP_RANDOM_SEQUENCES) because every call is some 30 times slower.

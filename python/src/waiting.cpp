@@ -60,14 +60,15 @@ void WaitCancel::cancel(const char *by)
         return;
     // The interpreter lock stays held: no new wait can begin meanwhile, and
     // a waiter leaves its poll without needing the lock.
+    // Adding 1 fails only with the count at its limit, readable anyway.
     const uint64_t one = 1;
-    if (write(wake_fd_, &one, sizeof one) != ssize_t(sizeof one))
-        return; // only a counter at its limit fails, and that is readable already
+    const ssize_t written = write(wake_fd_, &one, sizeof one);
     left_.wait(lock, [this] { return waiting_ == 0; });
+    // Back to unreadable for the waits to come.
     uint64_t count;
-    if (read(wake_fd_, &count, sizeof count) < 0) {
-        // Nothing to drain: another cancel drained it.
-    }
+    const ssize_t drained = read(wake_fd_, &count, sizeof count);
+    (void)written;
+    (void)drained;
 }
 
 void WaitCancel::enter()

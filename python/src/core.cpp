@@ -412,8 +412,10 @@ std::vector<std::shared_ptr<FrameCore>> GroupCore::take_frame_set(int timeout_ms
     // Wait until every member holds a filled buffer, so that the library's
     // member-by-member read, given no time of its own, takes all of them.
     if (timeout_ms != 0 && !cameras_.empty() && cameras_[0]->capturing()) {
+        // The members outlive the wait even when destroy() drops them meanwhile.
+        const std::vector<std::shared_ptr<CameraCore>> members = cameras_;
         std::vector<WaitTarget> targets;
-        for (const auto &camera : cameras_)
+        for (const auto &camera : members)
             targets.push_back(WaitTarget{camera->fileno(), &camera->waits(), camera->waits().epoch()});
         if (!wait_for_nodes(targets, WaitFor::All, Deadline(timeout_ms), call))
             fail(ISP_ERR_TIMEOUT, call);

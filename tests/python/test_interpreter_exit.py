@@ -43,7 +43,10 @@ READER = textwrap.dedent('''
 
     reader = threading.Thread(target=read, daemon=True)
     reader.start()
+    deadline = time.monotonic() + 60  # generous, for a loaded machine
     while "poll" not in wait_channel(reader):
+        if time.monotonic() > deadline:
+            sys.exit("the reader never began to wait")
         time.sleep(0.001)
 
     class FrameAtShutdown:
@@ -88,10 +91,15 @@ def run_reader(script, how, call):
     # The child inherits the preloaded simulator and the package's path.
     child = subprocess.Popen([sys.executable, script, how, call], stdout=subprocess.PIPE,
                              stderr=subprocess.PIPE, text=True)
-    if how == "sigint":
-        assert child.stdout.readline() == "reading\n"
-        os.kill(child.pid, signal.SIGINT)
-    stdout, stderr = child.communicate(timeout=120)
+    try:
+        if how == "sigint":
+            assert child.stdout.readline() == "reading\n"
+            os.kill(child.pid, signal.SIGINT)
+        stdout, stderr = child.communicate(timeout=120)
+    finally:
+        if child.poll() is None:  # hung: no process is left behind
+            child.kill()
+            child.communicate()
     return child.returncode, stdout, stderr
 
 

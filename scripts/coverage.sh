@@ -12,10 +12,11 @@ minimum=${ZELISP_COVERAGE_MIN:-90}
 
 # Coverage is measured on the library. The GStreamer plugin is its client and
 # is tested in the plain and sanitizer stages; the Python package's tests run
-# here too, on the library they exercise.
+# here too, on the library they exercise. The extension and the tests' helper
+# are loadable modules, linked with the module flags.
 cmake -S . -B "$build_dir" -DCMAKE_BUILD_TYPE=Debug -DZELISP_BUILD_GST=OFF \
   -DCMAKE_C_FLAGS=--coverage -DCMAKE_CXX_FLAGS=--coverage -DCMAKE_EXE_LINKER_FLAGS=--coverage \
-  -DCMAKE_SHARED_LINKER_FLAGS=--coverage >/dev/null
+  -DCMAKE_SHARED_LINKER_FLAGS=--coverage -DCMAKE_MODULE_LINKER_FLAGS=--coverage >/dev/null
 cmake --build "$build_dir" -j"$jobs"
 find "$build_dir" -name '*.gcda' -delete
 # A failing test still leaves its coverage; the report comes first.

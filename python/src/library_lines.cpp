@@ -85,8 +85,11 @@ void forget_python() { python_gone = true; }
 void route_library_lines(py::object zelisp_logger)
 {
     logger = zelisp_logger.release().ptr();
+    // After the interpreter is gone (an embedding program may go on calling
+    // the library), lines must not reach it. Py_AtExit fails only when its
+    // table is full; the finalizing check still covers the shutdown itself.
     if (Py_AtExit(forget_python) != 0)
-        throw py::error_already_set();
+        PyErr_WarnEx(PyExc_RuntimeWarning, "zelisp: no room left in Py_AtExit", 1);
     // A handler call in progress on another thread is waited for, and it
     // may be waiting for the lock.
     PyThreadState *state = release_interpreter();

@@ -89,7 +89,8 @@ void route_library_lines(py::object zelisp_logger)
     // the library), lines must not reach it. Py_AtExit fails only when its
     // table is full; the finalizing check still covers the shutdown itself.
     if (Py_AtExit(forget_python) != 0)
-        PyErr_WarnEx(PyExc_RuntimeWarning, "zelisp: no room left in Py_AtExit", 1);
+        if (PyErr_WarnEx(PyExc_RuntimeWarning, "zelisp: no room left in Py_AtExit", 1) < 0)
+            throw py::error_already_set(); // warnings made errors (-W error)
     // A handler call in progress on another thread is waited for, and it
     // may be waiting for the lock.
     PyThreadState *state = release_interpreter();

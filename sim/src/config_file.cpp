@@ -6,7 +6,10 @@
 //   [camera 2]           fps, view0..view2 ("NV12 1920x1080"), sensor,
 //                        supported_combination, max_buffers, mode
 //   [node /dev/video5]   kind, open_errno, close_errno
-//   [platform]           valid_camera_count
+//   [platform]           valid_camera_count, trigger_mode
+//   [board]              clock_offset_ms, clock_drift_ppm, trigger_line,
+//                        trigger_delay_us
+//   [trigger_line NAME]  fps, phase_us
 //
 // The whole file is checked before anything is applied, so a file with an
 // error changes nothing; the error names the file and the line.
@@ -40,6 +43,10 @@ constexpr uint32_t kMaxNoise = 64;
 constexpr uint32_t kMaxDimension = 65535; // the driver reports view sizes in 16-bit words
 constexpr size_t kMaxLineLength = 200;     // libinih's line buffer holds 199 characters
 constexpr off_t kMaxFileSize = 1 << 20;    // a board description is a few hundred bytes
+constexpr int64_t kMaxClockOffsetNs = 86400000000000; // a day
+constexpr int64_t kMaxClockDriftPpb = 1000000;        // 1000 ppm
+constexpr int64_t kMaxLineMilliHz = 1000000;          // 1000 pulses per second
+constexpr int64_t kMaxDelayNs = 1000000000;           // a second
 
 struct CameraPlan {
     bool configured = false;
@@ -61,6 +68,15 @@ struct NodePlan {
     int close_errno = 0;
 };
 
+// A [trigger_line NAME] section.
+struct LinePlan {
+    std::string name;
+    int line = 0; // of the section header
+    uint64_t period_ns = 0;
+    uint64_t phase_ns = 0;
+    int phase_line = 0;
+};
+
 struct Plan {
     bool has_present = false;
     bool present[kCameras] = {};
@@ -68,9 +84,17 @@ struct Plan {
     std::vector<NodePlan> nodes;
     bool has_valid_count = false;
     int valid_count = -1;
+    bool has_clock = false;
+    BoardClock clock;
+    bool has_trigger_mode = false;
+    TriggerMode trigger_mode = TriggerMode::None;
+    TriggerLine line; // the name only, until the file has been read
+    int line_key_line = 0;
+    int delay_key_line = 0;
+    std::vector<LinePlan> lines;
 };
 
-enum class Section { None, Cameras, Camera, Node, Platform };
+enum class Section { None, Cameras, Camera, Node, Platform, Board, Line };
 
 struct Parser {
     FILE *file = nullptr;
@@ -108,6 +132,28 @@ bool parse_uint(const std::string &text, uint32_t max, uint32_t *value)
     if (parsed > max)
         return false;
     *value = uint32_t(parsed);
+    return true;
+}
+
+// A decimal number ("-12.5") as a whole number of 10^-decimals units
+// (12.5 ms with 6 decimals: 12500000 ns), within -limit..limit units.
+bool parse_fixed(const std::string &text, int decimals, int64_t limit, int64_t *value)
+{
+    const bool negative = !text.empty() && text[0] == '-';
+    const std::string digits = text.substr(negative || (!text.empty() && text[0] == '+') ? 1 : 0);
+    const size_t point = digits.find('.');
+    const std::string whole = digits.substr(0, point);
+    const std::string fraction = point == std::string::npos ? "" : digits.substr(point + 1);
+    if ((whole.empty() && fraction.empty()) || whole.size() > 12 || int(fraction.size()) > decimals ||
+        (whole + fraction).find_first_not_of("0123456789") != std::string::npos ||
+        (point != std::string::npos && fraction.empty()))
+        return false;
+    int64_t units = whole.empty() ? 0 : std::stoll(whole);
+    for (int i = 0; i < decimals; ++i)
+        units = units * 10 + (i < int(fraction.size()) ? fraction[size_t(i)] - '0' : 0);
+    if (units > limit)
+        return false;
+    *value = negative ? -units : units;
     return true;
 }
 
@@ -196,6 +242,13 @@ bool valid_node_path(const std::string &path)
            path.size() <= 12;
 }
 
+bool valid_line_name(const std::string &name)
+{
+    return !name.empty() && name.size() <= 64 &&
+           name.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789._-") ==
+               std::string::npos;
+}
+
 // ------------------------------------------------------------- sections
 
 bool begin_section(Parser *parser, const std::string &name)
@@ -205,6 +258,16 @@ bool begin_section(Parser *parser, const std::string &name)
         parser->section = Section::Cameras;
     } else if (name == "platform") {
         parser->section = Section::Platform;
+    } else if (name == "board") {
+        parser->section = Section::Board;
+    } else if (name.compare(0, 13, "trigger_line ") == 0) {
+        const std::string line = trim(name.substr(13));
+        if (!valid_line_name(line))
+            return parser->fail("trigger line name in [" + name + "] must be letters, digits, '.', '-' or '_'");
+        parser->section = Section::Line;
+        parser->plan.lines.push_back(LinePlan{});
+        parser->plan.lines.back().name = line;
+        parser->plan.lines.back().line = parser->line;
     } else if (name.compare(0, 7, "camera ") == 0) {
         uint32_t camera;
         if (!parse_uint(trim(name.substr(7)), kCameras - 1, &camera))
@@ -412,9 +475,27 @@ bool node_key(Parser *parser, const std::string &key, const std::string &value)
     return true;
 }
 
+bool trigger_mode_key(Parser *parser, const std::string &value)
+{
+    static const struct {
+        const char *name;
+        TriggerMode mode;
+    } kModes[] = {{"none", TriggerMode::None}, {"internal", TriggerMode::Internal}, {"external", TriggerMode::External}};
+    for (const auto &each : kModes) {
+        if (value == each.name) {
+            parser->plan.has_trigger_mode = true;
+            parser->plan.trigger_mode = each.mode;
+            return true;
+        }
+    }
+    return parser->fail("bad value '" + value + "' for trigger_mode: none, internal or external");
+}
+
 bool platform_key(Parser *parser, const std::string &key, const std::string &value)
 {
     uint32_t count;
+    if (key == "trigger_mode")
+        return trigger_mode_key(parser, value);
     if (key != "valid_camera_count")
         return parser->fail("unknown key '" + key + "' in [platform]");
     if (value == "auto") {
@@ -424,6 +505,58 @@ bool platform_key(Parser *parser, const std::string &key, const std::string &val
     }
     parser->plan.has_valid_count = true;
     parser->plan.valid_count = int(count);
+    return true;
+}
+
+bool board_key(Parser *parser, const std::string &key, const std::string &value)
+{
+    Plan &plan = parser->plan;
+    const std::string bad = "bad value '" + value + "' for " + key + ": ";
+    int64_t number;
+    if (key == "clock_offset_ms") {
+        if (!parse_fixed(value, 6, kMaxClockOffsetNs, &number))
+            return parser->fail(bad + "milliseconds, -86400000 to 86400000 (a day), to the nanosecond");
+        plan.clock.offset_ns = number;
+    } else if (key == "clock_drift_ppm") {
+        if (!parse_fixed(value, 3, kMaxClockDriftPpb, &number))
+            return parser->fail(bad + "parts per million, -1000 to 1000, to the thousandth");
+        plan.clock.drift_ppb = int32_t(number);
+    } else if (key == "trigger_line") {
+        if (!valid_line_name(value))
+            return parser->fail(bad + "a line name: letters, digits, '.', '-' or '_'");
+        plan.line.name = value;
+        plan.line_key_line = parser->line;
+        return true;
+    } else if (key == "trigger_delay_us") {
+        if (!parse_fixed(value, 3, kMaxDelayNs, &number) || number < 0)
+            return parser->fail(bad + "microseconds, 0 to 1000000, to the nanosecond");
+        plan.line.delay_ns = uint64_t(number);
+        plan.delay_key_line = parser->line;
+        return true;
+    } else {
+        return parser->fail("unknown key '" + key + "' in [board]");
+    }
+    plan.has_clock = true;
+    return true;
+}
+
+bool line_key(Parser *parser, const std::string &key, const std::string &value)
+{
+    LinePlan &line = parser->plan.lines.back();
+    const std::string bad = "bad value '" + value + "' for " + key + ": ";
+    int64_t number;
+    if (key == "fps") {
+        if (!parse_fixed(value, 3, kMaxLineMilliHz, &number) || number <= 0)
+            return parser->fail(bad + "pulses per second, 0.001 to 1000, to the thousandth");
+        line.period_ns = uint64_t((1000000000000 + number / 2) / number);
+    } else if (key == "phase_us") {
+        if (!parse_fixed(value, 3, INT64_MAX / 1000, &number) || number < 0)
+            return parser->fail(bad + "microseconds from 0, to the nanosecond");
+        line.phase_ns = uint64_t(number);
+        line.phase_line = parser->line;
+    } else {
+        return parser->fail("unknown key '" + key + "' in [trigger_line " + line.name + "]");
+    }
     return true;
 }
 
@@ -441,6 +574,10 @@ int on_key(void *user, const char *, const char *name, const char *value)
         return node_key(parser, key, text);
     case Section::Platform:
         return platform_key(parser, key, text);
+    case Section::Board:
+        return board_key(parser, key, text);
+    case Section::Line:
+        return line_key(parser, key, text);
     case Section::None:
         break;
     }
@@ -448,10 +585,43 @@ int on_key(void *user, const char *, const char *name, const char *value)
     return parser->error.empty() ? parser->fail("key '" + key + "' outside a known section") : 0;
 }
 
+// The board's trigger line must be described, with a rate, and its phase
+// must fall within one period; the description becomes the board's line.
+bool check_line(Parser *parser)
+{
+    Plan &plan = parser->plan;
+    for (const LinePlan &line : plan.lines) {
+        parser->line = line.line;
+        if (!line.period_ns)
+            return parser->fail("[trigger_line " + line.name + "] needs fps, its pulses per second");
+        parser->line = line.phase_line;
+        if (line.phase_ns >= line.period_ns)
+            return parser->fail("phase_us of [trigger_line " + line.name + "] must be less than its period, " +
+                                std::to_string(line.period_ns / 1000) + " us");
+    }
+    if (plan.line.name.empty() && plan.delay_key_line) {
+        parser->line = plan.delay_key_line;
+        return parser->fail("trigger_delay_us without a trigger_line the delay would apply to");
+    }
+    if (plan.line.name.empty())
+        return true;
+    for (const LinePlan &line : plan.lines) {
+        if (line.name != plan.line.name)
+            continue;
+        plan.line.period_ns = line.period_ns;
+        plan.line.phase_ns = line.phase_ns;
+        return true;
+    }
+    parser->line = plan.line_key_line;
+    return parser->fail("trigger line '" + plan.line.name + "' has no [trigger_line " + plan.line.name + "] section");
+}
+
 // Checks that need the whole file: a configured camera must be present,
 // and its views must fit its sensor.
 bool check_plan(Parser *parser)
 {
+    if (!check_line(parser))
+        return false;
     const Plan &plan = parser->plan;
     for (int camera = 0; camera < kCameras; ++camera) {
         const CameraPlan &each = plan.cameras[camera];
@@ -498,6 +668,12 @@ void apply(const Plan &plan)
     }
     if (plan.has_valid_count)
         set_valid_camera_count(plan.valid_count);
+    if (plan.has_clock)
+        set_board_clock(plan.clock);
+    if (!plan.line.name.empty())
+        set_trigger_line(plan.line);
+    if (plan.has_trigger_mode)
+        set_trigger_mode(plan.trigger_mode);
     // Node settings last: adding a camera makes its nodes character devices.
     for (const NodePlan &node : plan.nodes) {
         if (node.has_kind)

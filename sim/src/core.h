@@ -53,6 +53,9 @@ struct Plane {
 
 enum class BufferState { User, Queued, Filled };
 
+// What ends a free-running camera's frames (hardware_thread.cpp).
+enum class FramePacing { Sensor, BoardTick, LinePulse };
+
 struct OpenFile;
 
 struct Buffer {
@@ -78,9 +81,10 @@ struct Node {
     std::deque<int> filled; // in the order the hardware filled them
     bool streaming = false;
     uint32_t next_sequence = 0;
-    uint64_t period_ns = 0;
-    uint64_t next_due_ns = 0;
-    bool on_shared_clock = false;
+    uint64_t period_ns = 0;            // of the sensor, board time
+    FramePacing pacing = FramePacing::Sensor;
+    uint64_t next_due_ns = 0;          // the host's time the next frame ends
+    int64_t frame_end_board_ns = 0;    // the same on the board's monotonic clock
     std::deque<ScriptedFrame> script;
     Counters counters{0, 0, 0};
     // The open file that allocated the buffers: only it may use the queue
@@ -148,6 +152,7 @@ struct State {
     pid_t hardware_pid = 0;
     time_t created = time(nullptr); // the nodes' times: when the driver loaded
     bool stopping = false;
+    TriggerLine line; // the trigger line the board is wired to (none: empty name)
 };
 
 // The one state, created on first use (interposed calls can come before
@@ -257,8 +262,16 @@ void prepare_node_buffers(CoreLock &held, int node);
 bool events_pending(int fd);
 
 // ---- hardware_thread.cpp
-uint64_t monotonic_ns();
 int ensure_hardware_thread(State &s); // 0, or ENOMEM when the thread cannot start
+// A node starts streaming: its first frame's end, as its pacing sets it.
+void start_frame_clock(State &s, Node &n, uint32_t fps, uint64_t host_now);
+
+// ---- trigger_line.cpp
+// The first pulse of the line at or after host time `at`, as this board's
+// sensors see it (its delay added).
+uint64_t next_line_pulse(const TriggerLine &line, uint64_t at);
+// How long after a frame a sensor is ready for the next pulse.
+uint64_t ready_after_frame(uint64_t period_ns);
 
 } // namespace zsim::detail
 

@@ -42,15 +42,6 @@ mode_t mode_argument(int flags, va_list args)
     return 0;
 }
 
-// glibc declares some pointer arguments never null, which lets the
-// compiler drop a check of them; a program may pass null all the same.
-template <typename T>
-T *unchecked(T *pointer)
-{
-    asm volatile("" : "+r"(pointer));
-    return pointer;
-}
-
 // No exception may leave an interposed call: the program is C, or C++ that
 // expects errno. A failure inside the simulator (memory) answers ENOMEM.
 template <typename Result, typename Call>
@@ -249,8 +240,8 @@ int fstatat64(int dirfd, const char *path, struct stat64 *st, int flags) noexcep
 
 int statx(int dirfd, const char *given_path, int flags, unsigned int mask, struct statx *given_out) noexcept
 {
-    const char *path = unchecked(given_path);
-    struct statx *out = unchecked(given_out);
+    const char *path = real::unchecked(given_path);
+    struct statx *out = real::unchecked(given_out);
     // A null path is the kernel's to refuse (EFAULT), or with AT_EMPTY_PATH
     // (Linux 6.11 and later) names dirfd itself.
     if (!inside_core() && out && (path || (flags & AT_EMPTY_PATH))) {

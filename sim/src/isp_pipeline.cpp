@@ -28,6 +28,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "board_clock.h"
 #include "core.h"
 #include "real_libc.h"
 #include "video_requests.h"
@@ -145,6 +146,7 @@ void run_worker()
     // first, so a rebuild on a busy machine delays new settings rather than
     // frames. Where lowering it is refused, the thread runs as it is.
     (void)setpriority(PRIO_PROCESS, id_t(syscall(SYS_gettid)), 19);
+    keep_host_time_on_this_thread();
     Worker &w = worker();
     std::unique_lock<std::mutex> guard(w.lock);
     for (;;) {

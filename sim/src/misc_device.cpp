@@ -167,4 +167,6 @@ std::vector<uint8_t> camera_info_record(int slot)
 
 TriggerMode trigger_mode() { return TriggerMode(g_trigger.load()); }
 
+void set_trigger_mode(TriggerMode mode) { g_trigger.store(int(mode)); }
+
 } // namespace zsim

@@ -12,6 +12,7 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include "board_clock.h"
 #include "core.h"
 
 namespace zsim::detail {
@@ -31,6 +32,7 @@ void apply_defaults(State &s)
     s.log.clear();
     s.log_limit = kTestLogLimit;
     s.faults.clear();
+    s.line = TriggerLine{};
 }
 
 State &state()
@@ -102,6 +104,7 @@ namespace {
 // to run on the defaults instead. The error already names the file.
 __attribute__((constructor)) void load_environment_config()
 {
+    establish_board_start();
     const char *path = std::getenv("ZELISP_SIM_CONFIG");
     if (!path || !*path)
         return;
@@ -162,6 +165,7 @@ void reset()
     }
     reset_controls();
     reset_misc();
+    set_board_clock(BoardClock{});
 }
 
 size_t live_descriptors()

@@ -14,6 +14,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include "board_clock.h"
 #include "core.h"
 #include "video_requests.h"
 
@@ -79,21 +80,14 @@ void deliver_scripted(Node &n)
     }
 }
 
-void start_stream(State &s, int node, uint64_t now_ns, bool shared_clock)
+void start_stream(State &s, int node)
 {
     Node &n = s.nodes[node];
     n.streaming = true;
-    n.period_ns = 1000000000u / s.cameras[camera_of_node(node)].config.fps;
     if (n.quirks.restart_sequence_on_streamon)
         n.next_sequence = 0;
-    // The first frame ends one frame time after the sensor starts; on a
-    // shared trigger every camera's frames end on the same ticks.
-    n.next_due_ns = now_ns + n.period_ns;
-    if (shared_clock)
-        n.next_due_ns = (n.next_due_ns + n.period_ns - 1) / n.period_ns * n.period_ns;
-    n.on_shared_clock = shared_clock;
+    start_frame_clock(s, n, s.cameras[camera_of_node(node)].config.fps, host_monotonic_ns());
     deliver_scripted(n);
-    s.wake.notify_all();
 }
 
 void stop_stream(Node &n)
@@ -214,7 +208,7 @@ int stream_on(State &s, int node, const int *type, LogNote *note)
     if (int err = n.streaming ? 0 : ensure_hardware_thread(s))
         return err;
     if (!n.streaming)
-        start_stream(s, node, monotonic_ns(), trigger_mode() != TriggerMode::None);
+        start_stream(s, node);
     return 0;
 }
 

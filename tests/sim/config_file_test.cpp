@@ -78,7 +78,18 @@ TEST_F(ConfigFileTest, GoodFileDescribesCamerasNodesAndPlatform)
           "[node /dev/video17]\n"
           "kind = missing\n"
           "[platform]\n"
-          "valid_camera_count = 12\n");
+          "valid_camera_count = 12\n"
+          "trigger_mode = external\n"
+          "[board]\n"
+          "clock_offset_ms = -12.5\n"
+          "clock_drift_ppm = +3.25\n"
+          "trigger_line = rig.1\n"
+          "trigger_delay_us = 12.5\n"
+          "[trigger_line rig.1]\n"
+          "fps = 29.97\n"
+          "phase_us = 100\n"
+          "[trigger_line spare]   ; lines the board is not wired to may be described too\n"
+          "fps = 1\n");
     std::string error;
     ASSERT_TRUE(zsim::load_config(path_, &error)) << error;
 
@@ -100,6 +111,14 @@ TEST_F(ConfigFileTest, GoodFileDescribesCamerasNodesAndPlatform)
     EXPECT_EQ(OpenErrno("/dev/video0"), EACCES);
     EXPECT_EQ(OpenErrno("/dev/video2"), 0);
     EXPECT_EQ(ValidCount(), 12u);
+    EXPECT_EQ(zsim::board_clock().offset_ns, -12500000);
+    EXPECT_EQ(zsim::board_clock().drift_ppb, 3250);
+    const zsim::TriggerLine line = zsim::trigger_line();
+    EXPECT_EQ(line.name, "rig.1");
+    EXPECT_EQ(line.period_ns, 33366700u); // 1 / 29.97 Hz, to the nanosecond
+    EXPECT_EQ(line.phase_ns, 100000u);
+    EXPECT_EQ(line.delay_ns, 12500u);
+    EXPECT_EQ(zsim::trigger_mode(), zsim::TriggerMode::External);
 }
 
 TEST_F(ConfigFileTest, ErrorsNameTheLineAndChangeNothing)
@@ -120,6 +139,25 @@ TEST_F(ConfigFileTest, ErrorsNameTheLineAndChangeNothing)
         {"[cameras]\npresent = 1\nthis line has no value\n", ":3: syntax error"},
         {"[lights]\non = 1\n", ":1: unknown section [lights]"},
         {"fps = 30\n", ":1: key 'fps' outside a known section"},
+        {"[board]\nclock_offset_ms = 1.5x\n",
+         ":2: bad value '1.5x' for clock_offset_ms: milliseconds, -86400000 to 86400000 (a day), to the nanosecond"},
+        {"[board]\nclock_offset_ms = 86400000.000001\n", ":2: bad value '86400000.000001' for clock_offset_ms"},
+        {"[board]\nclock_offset_ms = 5.\n", ":2: bad value '5.' for clock_offset_ms"},
+        {"[board]\nclock_drift_ppm = -1000.001\n",
+         ":2: bad value '-1000.001' for clock_drift_ppm: parts per million, -1000 to 1000, to the thousandth"},
+        {"[board]\nclock_drift_ppm = 0.0005\n", ":2: bad value '0.0005' for clock_drift_ppm"},
+        {"[board]\nclock = fast\n", ":2: unknown key 'clock' in [board]"},
+        {"[board]\ntrigger_line = rig\n", ":2: trigger line 'rig' has no [trigger_line rig] section"},
+        {"[board]\ntrigger_line = a b\n", ":2: bad value 'a b' for trigger_line: a line name"},
+        {"[trigger_line rig]\nphase_us = 5\n", ":1: [trigger_line rig] needs fps, its pulses per second"},
+        {"[trigger_line rig]\nfps = 100\n\nphase_us = 10000\n",
+         ":4: phase_us of [trigger_line rig] must be less than its period, 10000 us"},
+        {"[trigger_line r/g]\nfps = 1\n", ":1: trigger line name in [trigger_line r/g] must be letters"},
+        {"[trigger_line rig]\nfps = 0\n", ":2: bad value '0' for fps: pulses per second, 0.001 to 1000"},
+        {"[trigger_line rig]\nfps = 30\nwidth = 3\n", ":3: unknown key 'width' in [trigger_line rig]"},
+        {"[board]\ntrigger_delay_us = 5\n", ":2: trigger_delay_us without a trigger_line the delay would apply to"},
+        {"[board]\ntrigger_line = rig\ntrigger_delay_us = -1\n", ":3: bad value '-1' for trigger_delay_us"},
+        {"[platform]\ntrigger_mode = sometimes\n", ":2: bad value 'sometimes' for trigger_mode: none, internal or external"},
     };
     for (const auto &[text, message] : cases) {
         std::string error;
@@ -131,6 +169,9 @@ TEST_F(ConfigFileTest, ErrorsNameTheLineAndChangeNothing)
     EXPECT_EQ(ValidCount(), 4u);
     EXPECT_EQ(Kind("/dev/video1"), mode_t(S_IFCHR));
     EXPECT_EQ(zsim::camera_config(2).fps, 30u);
+    EXPECT_EQ(zsim::board_clock().offset_ns, 0);
+    EXPECT_TRUE(zsim::trigger_line().name.empty());
+    EXPECT_EQ(zsim::trigger_mode(), zsim::TriggerMode::None);
 
     std::string error;
     EXPECT_FALSE(zsim::load_config("/nonexistent/zelisp.ini", &error));

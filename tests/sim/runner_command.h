@@ -28,6 +28,44 @@ inline std::string RunnerPath()
     return access(path.c_str(), X_OK) == 0 ? path : "";
 }
 
+// A program built beside the test program (the board probe); empty when
+// it is not there.
+inline std::string BesideTests(const std::string &name)
+{
+    char self[4096];
+    const ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
+    if (length <= 0)
+        return "";
+    self[length] = '\0';
+    std::string path = self;
+    path = path.substr(0, path.rfind('/') + 1) + name;
+    return access(path.c_str(), X_OK) == 0 ? path : "";
+}
+
+#ifdef __SANITIZE_ADDRESS__
+extern "C" void __asan_init();
+#endif
+
+// The environment that puts the simulator in front of a command by hand,
+// without the runner: LD_PRELOAD (led by the sanitizer's runtime in a
+// sanitized build, which must load first) and no leak check of programs
+// that are not ours.
+inline std::string PreloadByHand()
+{
+    Dl_info info{};
+    if (!dladdr(reinterpret_cast<void *>(&zsim::reset), &info) || !info.dli_fname)
+        return "";
+    std::string preload = info.dli_fname;
+#ifdef __SANITIZE_ADDRESS__
+    Dl_info runtime{};
+    if (dladdr(reinterpret_cast<void *>(&__asan_init), &runtime) && runtime.dli_fname)
+        preload = std::string(runtime.dli_fname) + ":" + preload;
+    return "ASAN_OPTIONS=detect_leaks=0 LD_PRELOAD=" + preload + " ";
+#else
+    return "LD_PRELOAD=" + preload + " ";
+#endif
+}
+
 // Runs command with sh, collecting standard output and error; returns the
 // wait status.
 inline int RunCommand(const std::string &command, std::string *output)

@@ -154,8 +154,54 @@ std::vector<uint8_t> camera_info_record(int slot);
 
 enum class TriggerMode { None, Internal, External };
 /* The trigger mode set last through /dev/isp_misc; with a mode set, every
- * camera's frame clock runs in lock-step (identical frame timestamps). */
+ * camera's frame clock runs in lock-step (identical frame timestamps), on
+ * the board's trigger ticks, or in external mode on the pulses of the
+ * trigger line the board is wired to (set_trigger_line). */
 TriggerMode trigger_mode();
+/* Sets the mode as the platform driver's request does (None: no mode). */
+void set_trigger_mode(TriggerMode mode);
+
+/* ---------------------------------------------------------- board clock */
+
+/* The board's clocks against the host's: offset_ns ahead when the board
+ * started (negative: behind), then running drift_ppb parts per billion fast
+ * (negative: slow), as an undisciplined oscillator does. The monotonic,
+ * boot-time, real-time and TAI clocks that the process reads through the C
+ * library (clock_gettime, gettimeofday, time, timespec_get) follow it, and
+ * so do the frames' timestamps; deadlines of absolute waits (clock_nanosleep
+ * with TIMER_ABSTIME, timed condition, semaphore, mutex and futex waits) are
+ * taken on the board's clocks. Relative waits are not scaled. Drift is held
+ * within 1000 ppm. reset() puts the board back on the host's time. */
+struct BoardClock {
+    int64_t offset_ns = 0;
+    int32_t drift_ppb = 0;
+};
+void set_board_clock(const BoardClock &clock);
+BoardClock board_clock();
+/* The host's CLOCK_MONOTONIC time, in nanoseconds, at which the board
+ * started: its clocks drift from there. Every process of a board has the
+ * same (zelisp-sim-run sets it; a process started without it starts a board
+ * of its own and hands the instant down to its children). */
+int64_t board_start_ns();
+
+/* --------------------------------------------------------- trigger line */
+
+/* The board's sensors wired to a trigger line shared by boards: a
+ * sync-pulse generator whose pulses come at the host's CLOCK_MONOTONIC
+ * instants phase_ns + k x period_ns (k whole), the same for every board
+ * (every runner on the machine) that names the line. In external trigger
+ * mode the board's cameras take their frames on its pulses, delay_ns after
+ * them, each camera at the first pulse once 99% of its frame period has
+ * passed since its last frame; the frames are stamped with the board's
+ * clock. An empty name (or a period of 0) unwires the board. */
+struct TriggerLine {
+    std::string name;
+    uint64_t period_ns = 0;
+    uint64_t phase_ns = 0; /* taken modulo the period */
+    uint64_t delay_ns = 0;
+};
+void set_trigger_line(const TriggerLine &line);
+TriggerLine trigger_line();
 
 /* ---------------------------------------------------------- request log */
 

@@ -316,7 +316,9 @@ def write_report(path, figures, started, finished):
     add("")
     add("In a tree configured with `-DZELISP_BUILD_BENCH=ON`, `cmake --build <dir> --target bench` does the")
     add("same; the runner it calls (`bench/run_benchmarks.py`, see `bench/CMakeLists.txt`) given")
-    add("`--report-only` rewrites the report from the figures of the last run without measuring.")
+    add("`--report-only` rewrites the report from the figures of the last run without measuring; given")
+    add("`--only SECTION` (a file of `bench/sections/`, such as `web_console`), it measures that section alone")
+    add("and rewrites its part of this file.")
     add("")
     add(f"Last run: {started:%Y-%m-%d %H:%M} to {finished:%H:%M} UTC, on {figures['machine']}, x86-64, build type")
     add("RelWithDebInfo (-O2). The machine was shared with other jobs: time figures are CPU time of the")
@@ -579,20 +581,16 @@ def main():
     parser.add_argument("--cam-tool", default="")
     parser.add_argument("--output", required=True)
     parser.add_argument("--quick", action="store_true", help="short runs, for checking the harness")
+    parser.add_argument("--only", metavar="SECTION",
+                        help="measure one section of bench/sections/ alone and rewrite its part of the report")
     parser.add_argument("--report-only", action="store_true",
                         help="rewrite the report from the figures of the last run, without measuring")
-    parser.add_argument("--sections", nargs="+", metavar="NAME",
-                        help="measure only these sections (bench/sections/NAME.py) and rewrite their part of "
-                             "the existing report; each says when it was measured")
     options = parser.parse_args()
     quick = options.quick or os.environ.get("ZELISP_BENCH_QUICK") == "1"
     saved = os.path.join(os.getcwd(), "figures.json")
-    context = {"bin_dir": options.bin_dir, "sim_run": options.sim_run, "sim_lib": options.sim_lib,
-               "cam_tool": options.cam_tool, "build_dir": os.path.dirname(os.getcwd())}  # runs in <build>/bench
-
-    sections = options.sections or os.environ.get("ZELISP_BENCH_SECTIONS", "").split()
-    if sections:
-        remeasure_sections(options.output, sections, context, quick)
+    options.only = options.only or os.environ.get("ZELISP_BENCH_ONLY")  # scripts/bench.sh --only SECTION
+    if options.only:
+        measure_one_section(options, quick, saved)
         return
 
     if options.report_only:
@@ -611,6 +609,8 @@ def main():
     figures["groups"] = groups(options.bin_dir, 2 if quick else 10)
     figures["peers"] = peers(options.bin_dir, options.sim_run, options.cam_tool, quick)
     figures["peer_instructions"] = peer_instructions(options.sim_lib, options.cam_tool)
+    context = {"bin_dir": options.bin_dir, "sim_run": options.sim_run, "sim_lib": options.sim_lib,
+               "cam_tool": options.cam_tool, "build_dir": os.path.dirname(os.getcwd())}  # runs in <build>/bench
     figures["sections"] = {}
     for module in section_modules():
         log(f"section: {module.TITLE}")
@@ -622,22 +622,31 @@ def main():
     write_report(options.output, add_findings(figures), started, finished)
 
 
-def remeasure_sections(path, names, context, quick):
-    """Measures the named sections and puts each report in place of the one
-    the report has, from its heading to the next; the rest stays as it was."""
-    with open(path, encoding="utf-8") as stream:
+def measure_one_section(options, quick, saved):
+    """Measures one section and puts its part into the report as it stands
+    (and into the saved figures, when there are any)."""
+    module = next((m for m in section_modules() if m.__name__ == options.only), None)
+    if module is None:
+        raise SystemExit(f"no section {options.only} in bench/sections/")
+    context = {"bin_dir": options.bin_dir, "sim_run": options.sim_run, "sim_lib": options.sim_lib,
+               "cam_tool": options.cam_tool, "build_dir": os.path.dirname(os.getcwd())}
+    log(f"section: {module.TITLE}")
+    section = module.measure(context, quick)
+    if os.path.exists(saved):
+        with open(saved, encoding="utf-8") as stream:
+            figures = json.load(stream)
+        figures.setdefault("sections", {})[module.__name__] = section
+        with open(saved, "w", encoding="utf-8") as stream:
+            json.dump(figures, stream)
+    with open(options.output, encoding="utf-8") as stream:
         text = stream.read()
-    for module in section_modules():
-        if module.__name__ not in names:
-            continue
-        log(f"section: {module.TITLE}")
-        lines = module.report(module.measure(context, quick))
-        start = text.index(f"## {module.TITLE}\n")
-        end = text.find("\n## ", start)
-        text = text[:start] + "\n".join(lines[1:] + [""]) + (text[end:] if end >= 0 else "")
-    with open(path, "w", encoding="utf-8") as stream:
+    start = text.index(f"## {module.TITLE}\n")
+    end = text.find("\n## ", start)
+    part = "\n".join(module.report(section)) + "\n\n"
+    text = text[:start] + part + (text[end + 1:] if end >= 0 else "")
+    with open(options.output, "w", encoding="utf-8") as stream:
         stream.write(text)
-    log(f"wrote {path}")
+    log(f"rewrote the section {module.TITLE} of {options.output}")
 
 
 def add_findings(figures):

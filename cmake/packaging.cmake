@@ -102,8 +102,14 @@ set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "libc6-dev")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_RECOMMENDS "g++ | c++-compiler, cmake, pkgconf")
 # zelisp-cam labels its contact sheet with DejaVu Sans Mono; the libraries
-# (libfreetype6 among them) come from dpkg-shlibdeps.
-set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "fonts-dejavu-core")
+# (libfreetype6 among them) come from dpkg-shlibdeps. The web console's
+# WebRTC view loads GStreamer elements at run time, which no library link
+# names: webrtcbin, its ICE, DTLS and SRTP (bad, nice), RTP and the V4L2
+# encoder (good), videoconvert and appsrc (base); x264enc is recommended
+# where the board has no H.264 encoder of its own.
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "fonts-dejavu-core, gstreamer1.0-plugins-base, gstreamer1.0-plugins-good, \
+gstreamer1.0-plugins-bad, gstreamer1.0-nice")
+set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS "gstreamer1.0-plugins-ugly")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS "zelisp-sim")
 set(CPACK_DEBIAN_SIM_PACKAGE_SUGGESTS "zelisp-tools")
 # The extension is built for one interpreter version and against numpy 1.x's

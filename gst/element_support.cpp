@@ -2,7 +2,11 @@
 // source elements.
 #include "element_support.h"
 
+#include "library_messages.h"
+#include "property_syntax.h"
+
 #include <sys/mman.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 
@@ -16,7 +20,9 @@ std::string library_error_text(const char *call, int result)
 void post_library_error(GstElement *element, const char *call, int result)
 {
     std::string text = library_error_text(call, result);
-    GST_ELEMENT_ERROR(element, RESOURCE, FAILED, ("%s", text.c_str()), (nullptr));
+    std::string lines = library_lines();
+    GST_ELEMENT_ERROR(element, RESOURCE, FAILED, ("%s", text.c_str()),
+                      ("%s", lines.empty() ? "the library printed nothing" : lines.c_str()));
 }
 
 void refuse_property(GObject *object, const char *property, const std::string &reason)
@@ -24,23 +30,60 @@ void refuse_property(GObject *object, const char *property, const std::string &r
     g_warning("%s: refused %s: %s; the value stays as it was", GST_OBJECT_NAME(object), property, reason.c_str());
 }
 
-GstClockTime capture_running_time(GstElement *element, uint64_t timestamp_us)
+bool platform_cameras(std::vector<int> *cameras)
 {
-    GstClock *clock = gst_element_get_clock(element);
+    uint32_t count = 0;
+    if (isp_get_valid_camera_count(&count) != ISP_OK)
+        return false;
+    // The table holds 12 records at most, whatever count the driver gives.
+    zelvideo::_camera_info_t records[12];
+    const uint32_t wanted = count < 12 ? count : 12;
+    uint32_t filled = 0;
+    if (wanted > 0 && isp_get_valid_camera_info(records, wanted, &filled) != ISP_OK)
+        return false;
+    cameras->clear();
+    for (uint32_t i = 0; i < wanted; ++i)
+        cameras->push_back(records[i].camera_index);
+    return true;
+}
+
+bool check_camera_present(GstElement *element, int camera, int mode)
+{
+    std::vector<int> cameras;
+    if (platform_cameras(&cameras)) {
+        for (int listed : cameras)
+            if (listed == camera)
+                return true;
+        GST_ELEMENT_ERROR(element, RESOURCE, NOT_FOUND,
+                          ("camera %d does not exist: the platform lists camera%s %s", camera,
+                           cameras.size() == 1 ? "" : "s", cameras.empty() ? "none" : format_number_list(cameras).c_str()),
+                          (nullptr));
+        return false;
+    }
+    // Without the platform's table, the node itself tells.
+    std::string node = "/dev/video" + std::to_string(camera + (mode == 2 ? 12 : 0));
+    struct stat status {};
+    if (stat(node.c_str(), &status) == 0 && S_ISCHR(status.st_mode))
+        return true;
+    GST_ELEMENT_ERROR(element, RESOURCE, NOT_FOUND, ("camera %d does not exist: %s is missing", camera, node.c_str()),
+                      (nullptr));
+    return false;
+}
+
+GstClockTime running_time_ago(GstElement *element, gint64 age_us)
+{
+    GST_OBJECT_LOCK(element);
+    GstClock *clock = element->clock ? GST_CLOCK(gst_object_ref(element->clock)) : nullptr;
+    GstClockTime base = element->base_time;
+    GST_OBJECT_UNLOCK(element);
     if (!clock)
         return GST_CLOCK_TIME_NONE;
-    // Read both clocks back to back: the capture happened (now_monotonic -
-    // capture) ago on the pipeline clock as well.
     GstClockTime now = gst_clock_get_time(clock);
-    gint64 monotonic_ns = g_get_monotonic_time() * 1000;
     gst_object_unref(clock);
-    gint64 age = monotonic_ns - gint64(timestamp_us * 1000);
-    GstClockTime base = gst_element_get_base_time(element);
-    if (age < 0)
-        age = 0;
-    if (now < base + GstClockTime(age))
+    GstClockTime age = GstClockTime(MAX(age_us, 0)) * GST_USECOND;
+    if (now < base + age)
         return 0;
-    return now - GstClockTime(age) - base;
+    return now - age - base;
 }
 
 WaitResult wait_readable(GstPoll *poll, GstClockTime timeout)
@@ -58,7 +101,8 @@ WaitResult wait_readable(GstPoll *poll, GstClockTime timeout)
     }
 }
 
-GstBuffer *view_buffer(Stream *stream, Stream::Frame *frame, ViewOutput &output, bool copy)
+GstBuffer *view_buffer(Stream *stream, Stream::Frame *frame, ViewOutput &output, bool copy, int most_copies,
+                       bool *copy_limit)
 {
     const zelvideo::_isp_view_buf_t &plane = frame->buf.views[output.view];
     gsize size = GST_VIDEO_INFO_SIZE(&output.info);
@@ -66,7 +110,10 @@ GstBuffer *view_buffer(Stream *stream, Stream::Frame *frame, ViewOutput &output,
         return nullptr;
     GstBuffer *buffer = nullptr;
     if (copy) {
-        buffer = output.copies.copy(plane.addr, size, output.dmabuf);
+        CopyPool::Result result = output.copies.copy(plane.addr, size, output.dmabuf, most_copies, &buffer);
+        *copy_limit = result == CopyPool::Result::Full;
+        if (result != CopyPool::Result::Copied)
+            return nullptr;
     } else {
         GstMemory *memory = stream->wrap(frame, output.view, size, output.dmabuf);
         if (memory) {

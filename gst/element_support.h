@@ -1,8 +1,8 @@
 /*
- * element_support.h - what both source elements share: the library's words
- * in element errors, the capture time on the pipeline clock, the wait for a
- * camera node that a state change can interrupt, and the buffers made from
- * one view of one frame.
+ * element_support.h - what the source elements share: the library's words
+ * in element errors, whether a camera exists, running time on the pipeline
+ * clock, the wait for a camera node that a state change can interrupt, and
+ * the buffers made from one view of one frame.
  */
 #ifndef GST_ZELISP_ELEMENT_SUPPORT_H
 #define GST_ZELISP_ELEMENT_SUPPORT_H
@@ -11,6 +11,7 @@
 #include <gst/video/video.h>
 
 #include <string>
+#include <vector>
 
 #include "frame_memory.h"
 #include "zelisp.h"
@@ -23,10 +24,17 @@ void post_library_error(GstElement *element, const char *call, int result);
 // A refused property value: the element's warning, the old value kept.
 void refuse_property(GObject *object, const char *property, const std::string &reason);
 
-// The capture time (CLOCK_MONOTONIC microseconds) as running time of the
-// element's pipeline; GST_CLOCK_TIME_NONE without a clock. A capture that
-// precedes the pipeline's start becomes 0.
-GstClockTime capture_running_time(GstElement *element, uint64_t timestamp_us);
+// The cameras the platform lists as valid, in its order; false when its
+// table cannot be read (no ISP platform node).
+bool platform_cameras(std::vector<int> *cameras);
+// NULL to READY: false, after posting the error, when the platform does not
+// list `camera` (or, without a platform node, its video node is missing).
+bool check_camera_present(GstElement *element, int camera, int mode);
+
+// The running time of the element's pipeline `age_us` microseconds ago
+// (clock and base time read together under the object lock);
+// GST_CLOCK_TIME_NONE without a clock, 0 for a moment before the start.
+GstClockTime running_time_ago(GstElement *element, gint64 age_us);
 
 // Waits until the node's descriptor is readable (a filled buffer waits).
 enum class WaitResult { Ready, TimedOut, Flushing, Failed };
@@ -42,9 +50,12 @@ struct ViewOutput {
 };
 
 // The buffer of one view of `frame`: its wrapped plane or, when `copy`, a
-// pooled copy of it; with the ISP's plane layout in a video meta, the
-// sequence number as offset. NULL when the plane cannot hold the image.
-GstBuffer *view_buffer(Stream *stream, Stream::Frame *frame, ViewOutput &output, bool copy);
+// pooled copy of it (at most `most_copies` held downstream); with the ISP's
+// plane layout in a video meta, the sequence number as offset. NULL when the
+// plane cannot hold the image, or with *copy_limit set when every copy is
+// held downstream.
+GstBuffer *view_buffer(Stream *stream, Stream::Frame *frame, ViewOutput &output, bool copy, int most_copies,
+                       bool *copy_limit);
 
 } // namespace gstzelisp
 

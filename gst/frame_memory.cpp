@@ -2,6 +2,7 @@
 // driver when GStreamer frees the last of them.
 #include "frame_memory.h"
 
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -10,6 +11,65 @@
 #include <gst/allocators/allocators.h>
 
 namespace gstzelisp {
+
+// ---- Plane mappings ----
+
+std::shared_ptr<PlaneMaps> PlaneMaps::map(unsigned long handle, const std::vector<int> &views)
+{
+    auto maps = std::make_shared<PlaneMaps>();
+    // A camera has at most 8 buffers; an index past its last is refused.
+    for (uint32_t index = 0; index < 8; ++index) {
+        std::array<Plane, 3> planes{};
+        bool past_last = false;
+        for (int view : views) {
+            int export_fd = isp_get_view_buf_fd(handle, index, uint32_t(view));
+            if (export_fd == ISP_ERR_INVALID) {
+                past_last = true;
+                break;
+            }
+            if (export_fd < 0)
+                return nullptr;
+            off_t length = lseek(export_fd, 0, SEEK_END);
+            if (length <= 0)
+                return nullptr;
+            Plane &plane = planes[size_t(view)];
+            plane.fd = fcntl(export_fd, F_DUPFD_CLOEXEC, 0);
+            if (plane.fd < 0)
+                return nullptr;
+            plane.length = size_t(length);
+            plane.address = mmap(nullptr, plane.length, PROT_READ | PROT_WRITE, MAP_SHARED, plane.fd, 0);
+            if (plane.address == MAP_FAILED) {
+                plane.address = nullptr;
+                maps->buffers_.push_back(planes); // closes the descriptor with the rest
+                return nullptr;
+            }
+        }
+        if (past_last)
+            break;
+        maps->buffers_.push_back(planes);
+    }
+    return maps->buffers_.empty() ? nullptr : maps;
+}
+
+PlaneMaps::~PlaneMaps()
+{
+    for (auto &planes : buffers_)
+        for (Plane &plane : planes) {
+            if (plane.address)
+                munmap(plane.address, plane.length);
+            if (plane.fd >= 0)
+                close(plane.fd);
+        }
+}
+
+const PlaneMaps::Plane *PlaneMaps::plane(uint32_t index, int view) const
+{
+    if (index >= buffers_.size() || !buffers_[index][size_t(view)].address)
+        return nullptr;
+    return &buffers_[index][size_t(view)];
+}
+
+// ---- The stream and its frames ----
 
 Stream *Stream::create(std::function<void()> close) { return new Stream(std::move(close)); }
 
@@ -23,39 +83,57 @@ void Stream::unref()
     delete this;
 }
 
+int &Stream::Returns::held_of(unsigned long handle)
+{
+    for (auto &[camera, count] : held)
+        if (camera == handle)
+            return count;
+    held.emplace_back(handle, 0);
+    return held.back().second;
+}
+
+void Stream::use_planes(unsigned long handle, std::shared_ptr<PlaneMaps> planes)
+{
+    planes_.emplace_back(handle, std::move(planes));
+}
+
 void Stream::stop()
 {
-    std::lock_guard<std::mutex> guard(returned_lock_);
-    running_ = false;
-    returned_.clear();
+    std::lock_guard<std::mutex> guard(returns_->lock);
+    returns_->running = false;
+    returns_->returned.clear();
 }
 
 void Stream::put_back_released()
 {
-    std::vector<std::pair<unsigned long, zelvideo::_isp_buf_t>> frames;
     {
-        std::lock_guard<std::mutex> guard(returned_lock_);
-        frames.swap(returned_);
+        std::lock_guard<std::mutex> guard(returns_->lock);
+        giving_back_.swap(returns_->returned);
     }
-    for (const auto &[handle, buf] : frames)
+    for (const auto &[handle, buf] : giving_back_)
         isp_put_frame_buf(handle, &buf);
+    giving_back_.clear();
 }
 
 int Stream::held(unsigned long handle)
 {
-    std::lock_guard<std::mutex> guard(returned_lock_);
-    auto found = held_.find(handle);
-    return found == held_.end() ? 0 : found->second;
+    std::lock_guard<std::mutex> guard(returns_->lock);
+    return returns_->held_of(handle);
 }
 
 Stream::Frame *Stream::hold(unsigned long handle, const zelvideo::_isp_buf_t &buf)
 {
-    ref();
     {
-        std::lock_guard<std::mutex> guard(returned_lock_);
-        ++held_[handle];
+        std::lock_guard<std::mutex> guard(returns_->lock);
+        ++returns_->held_of(handle);
     }
-    return new Frame{this, handle, buf, {1}};
+    std::shared_ptr<PlaneMaps> planes;
+    for (const auto &[camera, maps] : planes_)
+        if (camera == handle)
+            planes = maps;
+    if (!planes)
+        ref();
+    return new Frame{returns_, planes, planes ? nullptr : this, handle, buf, {1}};
 }
 
 void Stream::done(Frame *frame) { frame_released(frame); }
@@ -64,39 +142,40 @@ void Stream::frame_released(Frame *frame)
 {
     if (frame->refs.fetch_sub(1) != 1)
         return;
-    Stream *stream = frame->stream;
     {
-        std::lock_guard<std::mutex> guard(stream->returned_lock_);
-        --stream->held_[frame->handle];
-        if (stream->running_)
-            stream->returned_.emplace_back(frame->handle, frame->buf);
+        std::lock_guard<std::mutex> guard(frame->returns->lock);
+        --frame->returns->held_of(frame->handle);
+        if (frame->returns->running)
+            frame->returns->returned.emplace_back(frame->handle, frame->buf);
     }
+    Stream *kept_open = frame->stream;
     delete frame;
-    stream->unref();
+    if (kept_open)
+        kept_open->unref();
 }
 
-void Stream::memory_freed(gpointer data, GstMiniObject *)
-{
-    Frame *frame = static_cast<Frame *>(data);
-    frame->stream->frame_released(frame);
-}
+void Stream::memory_freed(gpointer data, GstMiniObject *) { frame_released(static_cast<Frame *>(data)); }
 
 void Stream::system_memory_freed(gpointer data) { memory_freed(data, nullptr); }
 
 GstMemory *Stream::wrap(Frame *frame, int view, gsize size, bool dmabuf)
 {
     const zelvideo::_isp_view_buf_t &plane = frame->buf.views[view];
-    if (plane.length < size)
+    const PlaneMaps::Plane *own = frame->planes ? frame->planes->plane(frame->buf.index, view) : nullptr;
+    void *address = own ? own->address : plane.addr;
+    int fd = own ? own->fd : plane.fd;
+    gsize length = own ? own->length : plane.length;
+    if (length < size || plane.length < size)
         return nullptr;
     GstMemory *memory = nullptr;
     if (dmabuf) {
-        if (plane.fd < 0)
+        if (fd < 0)
             return nullptr;
         if (!dmabuf_allocator_)
             dmabuf_allocator_ = gst_dmabuf_allocator_new();
-        // The descriptor stays the camera's: it is closed at isp_close_video.
-        memory = gst_dmabuf_allocator_alloc_with_flags(dmabuf_allocator_, plane.fd, plane.length,
-                                                       GST_FD_MEMORY_FLAG_DONT_CLOSE);
+        // The descriptor stays ours (or the camera's): closed with the
+        // mappings, never by GStreamer.
+        memory = gst_dmabuf_allocator_alloc_with_flags(dmabuf_allocator_, fd, length, GST_FD_MEMORY_FLAG_DONT_CLOSE);
         if (!memory)
             return nullptr;
         gst_memory_resize(memory, 0, size);
@@ -104,74 +183,122 @@ GstMemory *Stream::wrap(Frame *frame, int view, gsize size, bool dmabuf)
         gst_mini_object_weak_ref(GST_MINI_OBJECT_CAST(memory), memory_freed, frame);
         return memory;
     }
-    if (!plane.addr || plane.addr == MAP_FAILED)
+    if (!address || address == MAP_FAILED)
         return nullptr;
     frame->refs.fetch_add(1);
-    return gst_memory_new_wrapped(GstMemoryFlags(0), plane.addr, plane.length, 0, size, frame,
-                                  system_memory_freed);
+    return gst_memory_new_wrapped(GstMemoryFlags(0), address, length, 0, size, frame, system_memory_freed);
 }
+
+// ---- Copies ----
+
+namespace {
+
+// A buffer pool whose buffers hold one memfd each, handed on as DMA-buf
+// memory: what DMA-buf caps promise, for the copies as for the camera's own
+// planes. In system memory the stock pool serves.
+struct MemfdPool {
+    GstBufferPool parent;
+    gsize size;
+    GstAllocator *allocator;
+};
+struct MemfdPoolClass {
+    GstBufferPoolClass parent_class;
+};
+
+GType memfd_pool_get_type();
+G_DEFINE_TYPE(MemfdPool, memfd_pool, GST_TYPE_BUFFER_POOL)
+
+GstFlowReturn memfd_pool_alloc_buffer(GstBufferPool *pool, GstBuffer **buffer, GstBufferPoolAcquireParams *)
+{
+    auto *self = reinterpret_cast<MemfdPool *>(pool);
+    int fd = memfd_create("zelisp-copy", MFD_CLOEXEC);
+    if (fd < 0)
+        return GST_FLOW_ERROR;
+    if (ftruncate(fd, off_t(self->size)) != 0) {
+        close(fd);
+        return GST_FLOW_ERROR;
+    }
+    GstMemory *memory = gst_dmabuf_allocator_alloc(self->allocator, fd, self->size);
+    if (!memory) {
+        close(fd);
+        return GST_FLOW_ERROR;
+    }
+    *buffer = gst_buffer_new();
+    gst_buffer_append_memory(*buffer, memory);
+    return GST_FLOW_OK;
+}
+
+void memfd_pool_finalize(GObject *object)
+{
+    gst_object_unref(reinterpret_cast<MemfdPool *>(object)->allocator);
+    G_OBJECT_CLASS(memfd_pool_parent_class)->finalize(object);
+}
+
+void memfd_pool_class_init(MemfdPoolClass *klass)
+{
+    G_OBJECT_CLASS(klass)->finalize = memfd_pool_finalize;
+    GST_BUFFER_POOL_CLASS(klass)->alloc_buffer = memfd_pool_alloc_buffer;
+}
+
+void memfd_pool_init(MemfdPool *self) { self->allocator = gst_dmabuf_allocator_new(); }
+
+} // namespace
 
 void CopyPool::reset()
 {
-    if (pool_) {
-        gst_buffer_pool_set_active(pool_, FALSE);
-        gst_object_unref(pool_);
-        pool_ = nullptr;
-    }
-    if (dmabuf_allocator_) {
-        gst_object_unref(dmabuf_allocator_);
-        dmabuf_allocator_ = nullptr;
-    }
+    if (!pool_)
+        return;
+    gst_buffer_pool_set_active(pool_, FALSE);
+    gst_object_unref(pool_);
+    pool_ = nullptr;
 }
 
-GstBuffer *CopyPool::copy(const void *data, gsize size, bool dmabuf)
+bool CopyPool::make_pool(gsize size, bool dmabuf, int most)
 {
-    GstBuffer *buffer = nullptr;
+    reset();
     if (dmabuf) {
-        // DMA-buf caps promise a descriptor: the copy goes into a memfd.
-        int fd = memfd_create("zelisp-copy", MFD_CLOEXEC);
-        if (fd < 0)
-            return nullptr;
-        if (ftruncate(fd, off_t(size)) != 0) {
-            close(fd);
-            return nullptr;
-        }
-        if (!dmabuf_allocator_)
-            dmabuf_allocator_ = gst_dmabuf_allocator_new();
-        GstMemory *memory = gst_dmabuf_allocator_alloc(dmabuf_allocator_, fd, size);
-        if (!memory) {
-            close(fd);
-            return nullptr;
-        }
-        buffer = gst_buffer_new();
-        gst_buffer_append_memory(buffer, memory);
+        auto *memfd_pool = static_cast<MemfdPool *>(g_object_new(memfd_pool_get_type(), nullptr));
+        memfd_pool->size = size;
+        pool_ = GST_BUFFER_POOL(gst_object_ref_sink(memfd_pool));
     } else {
-        if (!pool_ || pool_size_ != size) {
-            if (pool_) {
-                gst_buffer_pool_set_active(pool_, FALSE);
-                gst_object_unref(pool_);
-            }
-            pool_ = gst_buffer_pool_new();
-            pool_size_ = size;
-            GstStructure *config = gst_buffer_pool_get_config(pool_);
-            gst_buffer_pool_config_set_params(config, nullptr, guint(size), 2, 0);
-            if (!gst_buffer_pool_set_config(pool_, config) || !gst_buffer_pool_set_active(pool_, TRUE)) {
-                gst_object_unref(pool_);
-                pool_ = nullptr;
-                return nullptr;
-            }
-        }
-        if (gst_buffer_pool_acquire_buffer(pool_, &buffer, nullptr) != GST_FLOW_OK)
-            return nullptr;
+        pool_ = gst_buffer_pool_new();
     }
+    GstStructure *config = gst_buffer_pool_get_config(pool_);
+    gst_buffer_pool_config_set_params(config, nullptr, guint(size), 0, guint(most));
+    if (!gst_buffer_pool_set_config(pool_, config) || !gst_buffer_pool_set_active(pool_, TRUE)) {
+        gst_object_unref(pool_);
+        pool_ = nullptr;
+        return false;
+    }
+    pool_size_ = size;
+    pool_dmabuf_ = dmabuf;
+    pool_most_ = most;
+    return true;
+}
+
+CopyPool::Result CopyPool::copy(const void *data, gsize size, bool dmabuf, int most, GstBuffer **buffer)
+{
+    if (most <= 0)
+        return Result::Full;
+    if ((!pool_ || pool_size_ != size || pool_dmabuf_ != dmabuf || pool_most_ != most) &&
+        !make_pool(size, dmabuf, most))
+        return Result::Failed;
+    // Never wait for downstream to give a copy back: the camera would wait.
+    GstBufferPoolAcquireParams params{};
+    params.flags = GST_BUFFER_POOL_ACQUIRE_FLAG_DONTWAIT;
+    GstFlowReturn flow = gst_buffer_pool_acquire_buffer(pool_, buffer, &params);
+    if (flow == GST_FLOW_EOS)
+        return Result::Full;
+    if (flow != GST_FLOW_OK)
+        return Result::Failed;
     GstMapInfo map;
-    if (!gst_buffer_map(buffer, &map, GST_MAP_WRITE)) {
-        gst_buffer_unref(buffer);
-        return nullptr;
+    if (!gst_buffer_map(*buffer, &map, GST_MAP_WRITE)) {
+        gst_buffer_unref(*buffer);
+        return Result::Failed;
     }
     std::memcpy(map.data, data, size);
-    gst_buffer_unmap(buffer, &map);
-    return buffer;
+    gst_buffer_unmap(*buffer, &map);
+    return Result::Copied;
 }
 
 } // namespace gstzelisp

@@ -2,34 +2,62 @@
  * frame_memory.h - the lifetime of the camera buffers the elements hand to
  * GStreamer.
  *
- * A frame's views are wrapped, not copied: each GstMemory points at the
- * plane the library mapped (system memory) or carries the plane's exported
- * DMA-buf descriptor, which stays the camera's (GStreamer never closes it).
- * The library buffer goes back to the driver when the last memory of the
- * frame is freed, never earlier. Memories are freed on whatever thread
- * downstream drops them, while the library wants one thread per camera, so a
- * freed frame is only listed here and the element's streaming thread gives
- * it back (isp_put_frame_buf) before it takes the next one.
+ * A frame's views are wrapped, not copied. Each plane's exported DMA-buf is
+ * mapped (and its descriptor duplicated) once when the stream is set up,
+ * and a GstMemory points at that mapping (system memory) or carries that
+ * descriptor (DMA-buf memory). The library buffer goes back to the driver
+ * when the last memory of the frame is freed, never earlier. Memories are
+ * freed on whatever thread downstream drops them, while the library wants
+ * one thread per camera, so a freed frame is only listed here and the
+ * element's streaming thread gives it back (isp_put_frame_buf) before it
+ * takes the next one.
  *
- * The stream (camera or group) is shared by the element and by every frame
- * still out: it is closed when the element has stopped and the last frame
- * has come back, so a buffer held past the pipeline's stop still points at
- * mapped memory.
+ * The mappings belong to the frames still out, not to the camera: the
+ * camera closes as soon as the element stops, and a buffer held past the
+ * stop (an appsink keeps the last sample it handed out) still reads the
+ * frame it was given, as a V4L2 driver lets orphaned buffers live. The
+ * camera can be set up again at once. Where a plane has no usable export,
+ * the frame wraps the library's own mapping and keeps the camera open
+ * until it comes back.
  */
 #ifndef GST_ZELISP_FRAME_MEMORY_H
 #define GST_ZELISP_FRAME_MEMORY_H
 
 #include <gst/gst.h>
 
+#include <array>
 #include <atomic>
 #include <functional>
-#include <map>
+#include <memory>
 #include <mutex>
 #include <vector>
 
 #include "zelisp.h"
 
 namespace gstzelisp {
+
+// The planes of one camera's buffers, mapped through their exported
+// DMA-bufs; unmapped (and the duplicated descriptors closed) with the last
+// frame that uses them.
+class PlaneMaps {
+public:
+    struct Plane {
+        void *address = nullptr;
+        size_t length = 0;
+        int fd = -1; // our duplicate of the export
+    };
+    // Maps views `views` of every buffer of a set-up camera; nullptr when a
+    // plane has no export or it cannot be mapped.
+    static std::shared_ptr<PlaneMaps> map(unsigned long handle, const std::vector<int> &views);
+    PlaneMaps() = default;
+    PlaneMaps(const PlaneMaps &) = delete;
+    PlaneMaps &operator=(const PlaneMaps &) = delete;
+    ~PlaneMaps();
+    const Plane *plane(uint32_t index, int view) const;
+
+private:
+    std::vector<std::array<Plane, 3>> buffers_; // by V4L2 buffer index, then view
+};
 
 class Stream {
 public:
@@ -43,8 +71,11 @@ public:
     // thread takes frames while the application changes a control.
     std::mutex &library_lock() { return library_; }
 
+    // Frames of camera `handle` are wrapped from these mappings (set before
+    // streaming starts).
+    void use_planes(unsigned long handle, std::shared_ptr<PlaneMaps> planes);
     // The element gives the stream up: frames still out are not given back
-    // any more (the close unmaps them all at once).
+    // any more.
     void stop();
     // Gives back the frames downstream has released since the last call.
     // Streaming thread only, with library_lock() held.
@@ -53,8 +84,7 @@ public:
     int held(unsigned long handle);
 
     // Wraps view `view` of `frame` (taken from `handle`) as memory. Every
-    // memory made for one frame keeps it out; call release_unwrapped() when
-    // the frame ends up with no memory at all.
+    // memory made for one frame keeps it out.
     struct Frame;
     Frame *hold(unsigned long handle, const zelvideo::_isp_buf_t &frame);
     GstMemory *wrap(Frame *frame, int view, gsize size, bool dmabuf);
@@ -63,43 +93,67 @@ public:
     void done(Frame *frame);
 
 private:
+    // What frames report back to, shared with them: it outlives the stream.
+    struct Returns {
+        std::mutex lock;
+        bool running = true;
+        std::vector<std::pair<unsigned long, zelvideo::_isp_buf_t>> returned;
+        // Frames out, by camera handle: a handful of cameras, searched in
+        // order.
+        std::vector<std::pair<unsigned long, int>> held;
+        int &held_of(unsigned long handle);
+    };
+
     explicit Stream(std::function<void()> close) : close_(std::move(close)) {}
-    void frame_released(Frame *frame);
+    static void frame_released(Frame *frame);
     static void memory_freed(gpointer data, GstMiniObject *memory);
     static void system_memory_freed(gpointer data);
 
     std::atomic<int> refs_{1};
     std::function<void()> close_;
     std::mutex library_;
-    std::mutex returned_lock_;
-    bool running_ = true;
-    std::vector<std::pair<unsigned long, zelvideo::_isp_buf_t>> returned_;
-    std::map<unsigned long, int> held_;
+    std::shared_ptr<Returns> returns_ = std::make_shared<Returns>();
+    // Taken from returns_ and given back in turns, so that neither list
+    // allocates once it has grown (streaming thread).
+    std::vector<std::pair<unsigned long, zelvideo::_isp_buf_t>> giving_back_;
+    std::vector<std::pair<unsigned long, std::shared_ptr<PlaneMaps>>> planes_;
     GstAllocator *dmabuf_allocator_ = nullptr;
 };
 
 struct Stream::Frame {
-    Stream *stream;
+    std::shared_ptr<Returns> returns;
+    std::shared_ptr<PlaneMaps> planes; // null: the frame keeps `stream` open
+    Stream *stream;                    // a reference, when planes is null
     unsigned long handle;
     zelvideo::_isp_buf_t buf;
     std::atomic<int> refs;
 };
 
 // Copies used when downstream holds so many frames that the camera would
-// starve: one pool per view, of the view's image size.
+// starve: one pool per view, of the view's image size, holding at most
+// `most` copies. Memory stays flat however long downstream holds them.
 class CopyPool {
 public:
+    CopyPool() = default;
+    CopyPool(const CopyPool &) = delete;
+    CopyPool &operator=(const CopyPool &) = delete;
     ~CopyPool() { reset(); }
-    // Frees the pool (the stream stopped).
+    // Frees the pool (the stream stopped); copies still held downstream
+    // free themselves.
     void reset();
-    // A buffer holding a copy of `size` bytes from `data`; DMA-buf memory
-    // (a memfd) when the negotiated caps asked for it. NULL on failure.
-    GstBuffer *copy(const void *data, gsize size, bool dmabuf);
+    enum class Result { Copied, Full, Failed };
+    // A copy of `size` bytes from `data` in *buffer; DMA-buf memory (a
+    // memfd) when the negotiated caps asked for it. Full when `most` copies
+    // are held downstream already.
+    Result copy(const void *data, gsize size, bool dmabuf, int most, GstBuffer **buffer);
 
 private:
+    bool make_pool(gsize size, bool dmabuf, int most);
+
     GstBufferPool *pool_ = nullptr;
     gsize pool_size_ = 0;
-    GstAllocator *dmabuf_allocator_ = nullptr;
+    bool pool_dmabuf_ = false;
+    int pool_most_ = 0;
 };
 
 } // namespace gstzelisp

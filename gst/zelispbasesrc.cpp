@@ -1,18 +1,42 @@
 /*
- * zelispbasesrc.cpp - the streaming thread, state changes, queries and
+ * zelispbasesrc.cpp - the streaming thread, live state changes, queries and
  * common properties of the source elements.
+ *
+ * A live source produces only in PLAYING, and no state change may wait for
+ * a streaming thread that is itself waiting: for the sensor, or inside a
+ * push that a prerolling sink holds until the pipeline plays again. So the
+ * task runs from PAUSED to READY: PLAYING to PAUSED only wakes it (it then
+ * waits for PLAYING again, holding nothing the state change needs), and
+ * PAUSED to READY wakes it for good once downstream flushes, before the pads
+ * are deactivated and the task is joined.
+ *
+ * Locks, in the order they may be taken (never the other way round):
+ *   1. the task pad's stream lock, held by the streaming thread while it
+ *      runs; taken by others only through pad deactivation and the task
+ *      calls of PAUSED to READY, after the thread has been woken;
+ *   2. live_lock_: the playing and stopping flags; held only to read or
+ *      set them and to wait on them;
+ *   3. Stream::library_lock(): every library call on the stream's cameras
+ *      (the library's message handler may post from inside a call, which
+ *      takes GST_OBJECT_LOCK);
+ *   4. GST_OBJECT_LOCK(element): properties, the output list, the stream
+ *      pointer, the counters; no call out of the element while held;
+ *   5. the Stream's own lock of frames given back.
  *
  * A camera has only a few buffers. When downstream holds so many that fewer
  * than two would stay queued in the driver, a frame is copied into a pooled
  * buffer and given back at once: the sensor keeps its rate and the copies
- * are counted in "stats".
+ * are counted in "stats". The pool holds at most "max-copies"; past that the
+ * frame is dropped and counted, so memory stays flat behind a downstream
+ * that never lets go.
  */
 #include "zelispbasesrc.h"
 
 #include <algorithm>
-#include <mutex>
+#include <array>
 
 #include "formats.h"
+#include "library_messages.h"
 
 GST_DEBUG_CATEGORY_STATIC(zelispbasesrc_debug);
 #define GST_CAT_DEFAULT zelispbasesrc_debug
@@ -22,6 +46,7 @@ using namespace gstzelisp;
 namespace {
 
 constexpr int kDefaultBuffers = 4;
+constexpr int kDefaultMaxCopies = 16;
 constexpr int kDefaultTimeoutMs = 2000;
 // A failing dequeue and a refused frame both return -11: give up after this
 // many in a row.
@@ -32,10 +57,13 @@ constexpr int kQueuedReserve = 2;
 enum {
     PROP_0,
     PROP_BUFFERS,
+    PROP_MAX_COPIES,
     PROP_TIMEOUT_MS,
     PROP_NUM_BUFFERS,
     PROP_STATS,
 };
+
+void stream_loop(gpointer element);
 
 } // namespace
 
@@ -60,10 +88,23 @@ void gst_zelisp_base_src_set_source(GstZelispBaseSrc *element, Source *source)
 
 namespace gstzelisp {
 
+PadOutput::~PadOutput()
+{
+    if (caps)
+        gst_caps_unref(caps);
+    if (pad)
+        gst_object_unref(pad);
+}
+
 void Source::refuse_while_set_up(GObject *object, const char *property) const
 {
     refuse_property(object, property,
                     std::string("the ") + noun_ + " is set up; change it in the READY or NULL state");
+}
+
+void Source::sync_controlled_values(GstClockTime running_time)
+{
+    gst_object_sync_values(GST_OBJECT(element_), running_time);
 }
 
 // ---- Pads ----
@@ -82,18 +123,32 @@ GstPad *Source::make_pad(GstPadTemplate *templ, const std::string &name, std::un
     GstPad *pad = gst_pad_new_from_template(templ, name.c_str());
     gst_pad_set_query_function(pad, pad_query);
     gst_pad_use_fixed_caps(pad);
-    output->pad = pad;
+    output->pad = GST_PAD(gst_object_ref(pad));
     GST_OBJECT_LOCK(element_);
     outputs_.push_back(std::move(output));
+    ++outputs_version_;
     GST_OBJECT_UNLOCK(element_);
     return pad;
+}
+
+void Source::set_caps(PadOutput &output, GstCaps *caps)
+{
+    GST_OBJECT_LOCK(element_);
+    GstCaps *old = output.caps;
+    output.caps = caps;
+    output.output.dmabuf = caps_want_dmabuf(caps);
+    GST_OBJECT_UNLOCK(element_);
+    if (old)
+        gst_caps_unref(old);
 }
 
 void Source::forget_pad(GstPad *pad)
 {
     for (auto it = outputs_.begin(); it != outputs_.end(); ++it)
         if ((*it)->pad == pad) {
+            (*it)->released = true;
             outputs_.erase(it);
+            ++outputs_version_;
             return;
         }
 }
@@ -105,8 +160,8 @@ gboolean Source::query(GstPad *pad, GstObject *parent, GstQuery *query)
         GstCaps *caps = nullptr;
         GST_OBJECT_LOCK(element_);
         for (auto &output : outputs_)
-            if (output->pad == pad && is_set_up())
-                caps = view_caps(output->output.format);
+            if (output->pad == pad && is_set_up() && output->caps)
+                caps = gst_caps_ref(output->caps);
         GST_OBJECT_UNLOCK(element_);
         if (!caps)
             caps = gst_pad_get_pad_template_caps(pad);
@@ -122,12 +177,16 @@ gboolean Source::query(GstPad *pad, GstObject *parent, GstQuery *query)
         return TRUE;
     }
     case GST_QUERY_LATENCY: {
-        if (!is_set_up())
+        GST_OBJECT_LOCK(element_);
+        bool set_up = is_set_up();
+        int count = buffers;
+        GST_OBJECT_UNLOCK(element_);
+        if (!set_up)
             return FALSE;
         // A frame is complete one frame period after its capture time, and
         // the driver can hold the frames of all but two buffers.
         GstClockTime interval = frame_interval_;
-        gst_query_set_latency(query, TRUE, interval, interval * guint64(buffers - kQueuedReserve + 1));
+        gst_query_set_latency(query, TRUE, interval, interval * guint64(count - kQueuedReserve + 1));
         return TRUE;
     }
     default:
@@ -135,44 +194,31 @@ gboolean Source::query(GstPad *pad, GstObject *parent, GstQuery *query)
     }
 }
 
-// Stream start, caps (the view's format in the memory the peer takes) and
-// segment on every pad.
-bool Source::start_pads()
+// Stream start, the caps negotiated at set-up and segment on every pad.
+// Downstream agreed to the caps already; one that changed its mind since
+// refuses the first buffer (not-negotiated), and a pad flushing on the way
+// down refuses the events: neither is for here to judge.
+void Source::start_pads()
 {
+    refresh_outputs();
     guint group_id = gst_util_group_id_next();
-    for (auto &output : outputs_) {
+    for (auto &output : streaming_outputs_) {
         output->eos = false;
         gchar *id = gst_pad_create_stream_id(output->pad, element_, output->stream_name.c_str());
         GstEvent *start = gst_event_new_stream_start(id);
         gst_event_set_group_id(start, group_id);
         gst_pad_push_event(output->pad, start);
         g_free(id);
-        GstCaps *ours = view_caps(output->output.format);
-        GstCaps *peer = gst_pad_peer_query_caps(output->pad, ours);
-        gst_caps_unref(ours);
-        if (gst_caps_is_empty(peer)) {
-            gst_caps_unref(peer);
-            if (!gst_pad_is_linked(output->pad))
-                continue;
-            GST_ELEMENT_ERROR(element_, CORE, NEGOTIATION,
-                              ("%s: downstream takes no caps of %s", GST_PAD_NAME(output->pad), output->label.c_str()),
-                              (nullptr));
-            return false;
-        }
-        GstCaps *chosen = gst_caps_fixate(peer);
-        output->output.dmabuf = caps_want_dmabuf(chosen);
         GST_DEBUG_OBJECT(element_, "%s: %s in %s memory: %" GST_PTR_FORMAT, GST_PAD_NAME(output->pad),
-                         output->label.c_str(), output->output.dmabuf ? "DMA-buf" : "system", chosen);
-        gst_pad_push_event(output->pad, gst_event_new_caps(chosen));
-        gst_caps_unref(chosen);
+                         output->label.c_str(), output->output.dmabuf ? "DMA-buf" : "system", output->caps);
+        gst_pad_push_event(output->pad, gst_event_new_caps(output->caps));
         GstSegment segment;
         gst_segment_init(&segment, GST_FORMAT_TIME);
         gst_pad_push_event(output->pad, gst_event_new_segment(&segment));
     }
-    return true;
 }
 
-// ---- Set-up and teardown ----
+// ---- Set-up, live state and teardown ----
 
 bool Source::set_up()
 {
@@ -194,23 +240,103 @@ bool Source::set_up()
         gst_poll_fd_init(&fds[i]);
         fds[i].fd = int(fd);
     }
+    // The frames' own mappings, so that the camera closes at once when the
+    // element stops, whatever downstream still holds.
+    for (unsigned long handle : handles) {
+        std::vector<int> views;
+        GST_OBJECT_LOCK(element_);
+        for (auto &output : outputs_)
+            if (std::find(views.begin(), views.end(), output->output.view) == views.end())
+                views.push_back(output->output.view);
+        GST_OBJECT_UNLOCK(element_);
+        std::shared_ptr<PlaneMaps> planes = PlaneMaps::map(handle, views);
+        if (!planes)
+            GST_INFO_OBJECT(element_, "a plane has no export that maps: frames held past the stop keep the camera open");
+        stream->use_planes(handle, std::move(planes));
+    }
     GstPoll *poll = gst_poll_new(TRUE);
     poll_fds_ = std::move(fds);
     for (auto &fd : poll_fds_)
         gst_poll_add_fd(poll, &fd);
     handles_ = std::move(handles);
-    have_sequence_ = false;
-    refused_since_pushed_ = 0;
     capturing_ = false;
     started_pads_ = false;
-    eos_pending_ = false;
+    resumes_seen_ = 0;
+    resumed_ = false;
+    discont_pending_ = false;
     pushed_ = 0;
+    have_sequence_ = false;
+    unpushed_since_pushed_ = 0;
+    have_pts_ = false;
+    {
+        std::lock_guard<std::mutex> guard(live_lock_);
+        playing_ = false;
+        stopping_ = false;
+        resumes_ = 0;
+        eos_pending_ = false;
+    }
     GST_OBJECT_LOCK(element_);
     poll_ = poll;
     stream_ = stream;
     counters_ = SourceCounters();
+    task_pad_ = GST_PAD(gst_object_ref(outputs_[0]->pad));
     GST_OBJECT_UNLOCK(element_);
     return true;
+}
+
+// READY to PAUSED, pads active: the thread starts and waits for PLAYING.
+void Source::start_streaming() { gst_pad_start_task(task_pad_, stream_loop, element_, nullptr); }
+
+void Source::play()
+{
+    {
+        std::lock_guard<std::mutex> guard(live_lock_);
+        playing_ = true;
+        ++resumes_;
+        resumed_at_us_ = g_get_monotonic_time();
+    }
+    live_changed_.notify_all();
+    wake_streaming_thread(FALSE);
+}
+
+void Source::pause()
+{
+    {
+        std::lock_guard<std::mutex> guard(live_lock_);
+        playing_ = false;
+    }
+    wake_streaming_thread(TRUE);
+}
+
+// PAUSED to READY, before the pads are deactivated: the thread stops
+// waiting for good, so that deactivation gets its stream lock.
+void Source::begin_stop()
+{
+    {
+        std::lock_guard<std::mutex> guard(live_lock_);
+        playing_ = false;
+        stopping_ = true;
+    }
+    live_changed_.notify_all();
+    wake_streaming_thread(TRUE);
+}
+
+// After deactivation: the thread has paused itself; join it, close.
+void Source::finish_stop()
+{
+    if (task_pad_)
+        gst_pad_stop_task(task_pad_);
+    tear_down();
+}
+
+// A woken wait for the sensor returns at once (and keeps returning until
+// woken is cleared).
+void Source::wake_streaming_thread(gboolean woken)
+{
+    GST_OBJECT_LOCK(element_);
+    if (poll_)
+        gst_poll_set_flushing(poll_, woken);
+    GST_OBJECT_UNLOCK(element_);
 }
 
 void Source::tear_down()
@@ -218,9 +344,17 @@ void Source::tear_down()
     GST_OBJECT_LOCK(element_);
     Stream *stream = stream_;
     stream_ = nullptr;
+    GstPad *task_pad = task_pad_;
+    task_pad_ = nullptr;
+    GstPoll *poll = poll_;
+    poll_ = nullptr;
+    std::vector<std::shared_ptr<PadOutput>> outputs = outputs_;
     GST_OBJECT_UNLOCK(element_);
+    if (task_pad)
+        gst_object_unref(task_pad);
     if (!stream)
         return;
+    stream_closing();
     stream->stop();
     if (capturing_) {
         std::lock_guard<std::mutex> guard(stream->library_lock());
@@ -229,30 +363,24 @@ void Source::tear_down()
     capturing_ = false;
     // Closes the camera now, or when downstream frees the last frame.
     stream->unref();
-    GST_OBJECT_LOCK(element_);
-    GstPoll *poll = poll_;
-    poll_ = nullptr;
-    GST_OBJECT_UNLOCK(element_);
     gst_poll_free(poll);
     poll_fds_.clear();
-    for (auto &output : outputs_)
+    for (auto &output : outputs)
         output->output.copies.reset();
+    streaming_outputs_.clear();
+    streaming_version_ = G_MAXUINT64;
 }
 
 // An EOS sent to the element (gst-launch-1.0 -e, an application ending a
-// recording) ends the stream after the frame in flight.
+// recording) ends the stream after the frame in flight, also while paused.
 void Source::request_eos()
 {
-    eos_pending_ = true;
-    request_flush(TRUE);
-}
-
-void Source::request_flush(gboolean flushing)
-{
-    GST_OBJECT_LOCK(element_);
-    if (poll_)
-        gst_poll_set_flushing(poll_, flushing);
-    GST_OBJECT_UNLOCK(element_);
+    {
+        std::lock_guard<std::mutex> guard(live_lock_);
+        eos_pending_ = true;
+    }
+    live_changed_.notify_all();
+    wake_streaming_thread(TRUE);
 }
 
 GstStructure *Source::stats() const
@@ -264,6 +392,28 @@ GstStructure *Source::stats() const
 }
 
 // ---- Streaming ----
+
+// False when the element stops.
+bool Source::wait_until_playing()
+{
+    std::unique_lock<std::mutex> lock(live_lock_);
+    live_changed_.wait(lock, [this] { return playing_ || stopping_ || eos_pending_; });
+    note_resume();
+    return !stopping_;
+}
+
+// A pause and resume may come and go while the thread waits for the
+// sensor, unseen: checked again with every set taken. Frames captured
+// before the resume belong to the pause: the running time has moved on
+// without them. With live_lock_ held.
+void Source::note_resume()
+{
+    if (resumes_ == resumes_seen_)
+        return;
+    resumes_seen_ = resumes_;
+    resume_floor_us_ = resumed_at_us_;
+    resumed_ = have_sequence_;
+}
 
 // Waits until every camera of the set has a filled buffer waiting.
 WaitResult Source::wait_for_all(int timeout, gint64 deadline)
@@ -280,7 +430,8 @@ WaitResult Source::wait_for_all(int timeout, gint64 deadline)
     return WaitResult::Ready;
 }
 
-// Takes the next set the library accepts; the flow return on failure.
+// Takes the next set the library accepts; the flow return on failure,
+// FLUSHING when a state change or an EOS request woke the wait.
 GstFlowReturn Source::take_set(FrameSet *set)
 {
     GST_OBJECT_LOCK(element_);
@@ -319,12 +470,70 @@ GstFlowReturn Source::take_set(FrameSet *set)
             GST_OBJECT_LOCK(element_);
             ++counters_.refused;
             GST_OBJECT_UNLOCK(element_);
-            ++refused_since_pushed_;
+            ++unpushed_since_pushed_;
             continue;
         }
         post_library_error(element_, take_call(), result);
         return GST_FLOW_ERROR;
     }
+}
+
+// The capture time of a set is its earliest frame's.
+static uint64_t earliest_capture(const FrameSet &set, int view)
+{
+    uint64_t first = UINT64_MAX;
+    for (size_t i = 0; i < set.count; ++i)
+        first = std::min<uint64_t>(first, set.frames[i].views[view].timestamp);
+    return first;
+}
+
+// A driver timestamp before the stream started or in the future is not a
+// capture time this element can place; such a frame counts as captured
+// when it arrived.
+static bool trusted_capture(uint64_t capture_us, gint64 stream_on_us, gint64 now_us)
+{
+    return gint64(capture_us) >= stream_on_us && gint64(capture_us) <= now_us;
+}
+
+bool Source::captured_before_resume(const FrameSet &set) const
+{
+    uint64_t capture = earliest_capture(set, streaming_outputs_[0]->output.view);
+    return trusted_capture(capture, stream_on_us_, g_get_monotonic_time()) && gint64(capture) < resume_floor_us_;
+}
+
+void Source::give_back(const FrameSet &set)
+{
+    for (size_t i = 0; i < set.count; ++i)
+        stream_->done(stream_->hold(handles_[i], set.frames[i]));
+}
+
+// The PTS: the running time of the capture, after the previous set's.
+GstClockTime Source::set_pts(uint64_t capture_us)
+{
+    gint64 now_us = g_get_monotonic_time();
+    gint64 age_us = trusted_capture(capture_us, stream_on_us_, now_us) ? now_us - gint64(capture_us) : 0;
+    GstClockTime pts = running_time_ago(element_, age_us);
+    if (pts == GST_CLOCK_TIME_NONE)
+        return pts;
+    if (have_pts_ && pts <= last_pts_)
+        pts = last_pts_ + 1;
+    have_pts_ = true;
+    last_pts_ = pts;
+    return pts;
+}
+
+// The streaming thread's copy of the output list, renewed when a pad came
+// or went. An output dropped from the copy is freed outside the lock.
+void Source::refresh_outputs()
+{
+    std::vector<std::shared_ptr<PadOutput>> old;
+    GST_OBJECT_LOCK(element_);
+    if (streaming_version_ != outputs_version_) {
+        old.swap(streaming_outputs_);
+        streaming_outputs_ = outputs_;
+        streaming_version_ = outputs_version_;
+    }
+    GST_OBJECT_UNLOCK(element_);
 }
 
 void Source::pause_streaming(GstFlowReturn flow)
@@ -333,17 +542,34 @@ void Source::pause_streaming(GstFlowReturn flow)
     if (flow == GST_FLOW_EOS || flow <= GST_FLOW_NOT_NEGOTIATED) {
         if (flow != GST_FLOW_EOS && flow != GST_FLOW_ERROR)
             GST_ELEMENT_FLOW_ERROR(element_, flow);
-        for (auto &output : outputs_)
+        refresh_outputs();
+        for (auto &output : streaming_outputs_)
             gst_pad_push_event(output->pad, gst_event_new_eos());
     }
-    gst_pad_pause_task(outputs_[0]->pad);
+    gst_pad_pause_task(task_pad_);
 }
 
 void Source::loop()
 {
+    // The frame loop's lines (a refused frame) are logged; what matters is
+    // counted in stats or posted as the error.
+    LibraryCalls calls(GST_OBJECT(element_), false);
+    if (!wait_until_playing())
+        return pause_streaming(GST_FLOW_FLUSHING);
+    if (!started_pads_) {
+        start_pads();
+        started_pads_ = true;
+    }
+    GST_OBJECT_LOCK(element_);
+    int most = num_buffers;
+    GST_OBJECT_UNLOCK(element_);
+    // Also an EOS sent before the first frame: the camera need not start.
+    if (eos_pending_ || (most >= 0 && pushed_ >= guint64(most)))
+        return pause_streaming(GST_FLOW_EOS);
     if (!capturing_) {
         const char *call = "";
         int result;
+        stream_on_us_ = g_get_monotonic_time();
         {
             std::lock_guard<std::mutex> guard(stream_->library_lock());
             result = start_capture(&call);
@@ -354,55 +580,56 @@ void Source::loop()
         }
         capturing_ = true;
     }
-    if (!started_pads_) {
-        if (!start_pads())
-            return pause_streaming(GST_FLOW_NOT_NEGOTIATED);
-        started_pads_ = true;
-    }
-    GST_OBJECT_LOCK(element_);
-    int most = num_buffers;
-    GST_OBJECT_UNLOCK(element_);
-    if (eos_pending_ || (most >= 0 && pushed_ >= guint64(most)))
-        return pause_streaming(GST_FLOW_EOS);
 
     FrameSet set;
     GstFlowReturn flow = take_set(&set);
-    if (flow == GST_FLOW_FLUSHING && eos_pending_)
-        flow = GST_FLOW_EOS;
+    if (flow == GST_FLOW_FLUSHING)
+        return; // woken: the next round waits for PLAYING, stops or ends
     if (flow != GST_FLOW_OK)
         return pause_streaming(flow);
+    refresh_outputs();
+    {
+        std::lock_guard<std::mutex> guard(live_lock_);
+        note_resume();
+    }
+    if (captured_before_resume(set)) {
+        GST_LOG_OBJECT(element_, "frame %u was captured before the resume: not pushed",
+                       set.frames[0].views[streaming_outputs_[0]->output.view].sequence);
+        return give_back(set);
+    }
     push_set(set);
 }
 
 void Source::push_set(FrameSet &set)
 {
+    const auto &outputs = streaming_outputs_;
     // One PTS for the whole set: its earliest capture; the spread of the
     // capture times is the set's skew.
-    const int view = outputs_[0]->output.view;
-    uint64_t first = UINT64_MAX, last = 0;
-    for (size_t i = 0; i < set.count; ++i) {
-        first = std::min<uint64_t>(first, set.frames[i].views[view].timestamp);
+    const int view = outputs[0]->output.view;
+    uint64_t first = earliest_capture(set, view), last = 0;
+    for (size_t i = 0; i < set.count; ++i)
         last = std::max<uint64_t>(last, set.frames[i].views[view].timestamp);
-    }
     uint32_t sequence = set.frames[0].views[view].sequence;
-    bool discont = !have_sequence_;
+    // After a resume the frames of the pause are missing on purpose.
+    bool discont = !have_sequence_ || discont_pending_ || resumed_;
     guint64 missing = 0;
-    if (have_sequence_ && sequence > last_sequence_ + 1) {
-        // Not pushed: what decimation skipped on purpose (no gap), what the
-        // library refused (counted as refused), and what was lost.
+    if (have_sequence_ && !resumed_ && sequence > last_sequence_ + 1) {
+        // Not pushed: what decimation skipped on purpose (no gap), what was
+        // refused or found no copy (counted already), and what was lost.
         guint64 gap = guint64(sequence - last_sequence_ - 1) - skipped_between(last_sequence_ + 1, sequence - 1);
-        missing = gap > refused_since_pushed_ ? gap - refused_since_pushed_ : 0;
-        discont = gap > 0;
+        missing = gap > unpushed_since_pushed_ ? gap - unpushed_since_pushed_ : 0;
+        discont = discont || gap > 0;
     }
-    refused_since_pushed_ = 0;
-    if (have_sequence_ && first > last_timestamp_us_) {
+    if (have_sequence_ && first > last_timestamp_us_ && !resumed_) {
         guint64 steps = sequence > last_sequence_ ? sequence - last_sequence_ : 1;
         frame_interval_ = (first - last_timestamp_us_) * GST_USECOND / steps;
     }
     have_sequence_ = true;
     last_sequence_ = sequence;
     last_timestamp_us_ = first;
-    GstClockTime pts = capture_running_time(element_, first);
+    resumed_ = false;
+    unpushed_since_pushed_ = 0;
+    GstClockTime pts = set_pts(first);
 
     // Wrap unless that would leave the driver fewer than two buffers.
     Stream::Frame *frames[kMostFramesInSet];
@@ -414,14 +641,21 @@ void Source::push_set(FrameSet &set)
         frames[i] = stream_->hold(handles_[i], set.frames[i]);
     }
     GstFlowReturn flow = GST_FLOW_OK;
-    std::vector<GstBuffer *> out;
-    for (auto &output : outputs_) {
-        GstBuffer *buffer =
-            output->eos ? nullptr : view_buffer(stream_, frames[output->frame], output->output, copy[output->frame]);
+    bool no_copy_left = false;
+    // A pad per view (three) or per member (eight) at most.
+    std::array<GstBuffer *, kMostFramesInSet> out{};
+    size_t made = 0;
+    for (auto &output : outputs) {
+        bool copy_limit = false;
+        GstBuffer *buffer = output->eos ? nullptr
+                                        : view_buffer(stream_, frames[output->frame], output->output,
+                                                      copy[output->frame], max_copies, &copy_limit);
         if (buffer) {
             GST_BUFFER_PTS(buffer) = pts;
             if (discont)
                 GST_BUFFER_FLAG_SET(buffer, GST_BUFFER_FLAG_DISCONT);
+        } else if (copy_limit) {
+            no_copy_left = true;
         } else if (!output->eos) {
             GST_ELEMENT_ERROR(element_, RESOURCE, READ,
                               ("%s: the plane cannot hold a %ux%u image", output->label.c_str(),
@@ -429,15 +663,25 @@ void Source::push_set(FrameSet &set)
                               (nullptr));
             flow = GST_FLOW_ERROR;
         }
-        out.push_back(buffer);
+        out[made++] = buffer;
     }
     for (size_t i = 0; i < set.count; ++i)
         stream_->done(frames[i]);
-    if (flow != GST_FLOW_OK) {
-        for (GstBuffer *buffer : out)
-            if (buffer)
-                gst_buffer_unref(buffer);
-        return pause_streaming(flow);
+    if (flow != GST_FLOW_OK || no_copy_left) {
+        for (size_t i = 0; i < made; ++i)
+            if (out[i])
+                gst_buffer_unref(out[i]);
+        if (flow != GST_FLOW_OK)
+            return pause_streaming(flow);
+        // Downstream holds every copy: this set is lost, the camera keeps
+        // its rate.
+        GST_OBJECT_LOCK(element_);
+        counters_.dropped += missing + 1;
+        ++counters_.copy_limit_drops;
+        GST_OBJECT_UNLOCK(element_);
+        discont_pending_ = true;
+        GST_LOG_OBJECT(element_, "frame %u dropped: downstream holds all %d copies", sequence, max_copies);
+        return;
     }
     GST_OBJECT_LOCK(element_);
     ++counters_.frames;
@@ -446,20 +690,26 @@ void Source::push_set(FrameSet &set)
     counters_.skew_us = last - first;
     counters_.max_skew_us = std::max<guint64>(counters_.max_skew_us, last - first);
     GST_OBJECT_UNLOCK(element_);
+    discont_pending_ = false;
     ++pushed_;
+    check_skew(last - first, frame_interval_);
     GST_LOG_OBJECT(element_, "frame %u%s%s, skew %" G_GUINT64_FORMAT " us, pts %" GST_TIME_FORMAT, sequence,
                    copies ? " (copied)" : "", missing ? " after a gap" : "", last - first, GST_TIME_ARGS(pts));
+    if (GST_CLOCK_TIME_IS_VALID(pts))
+        sync_controlled_values(pts);
 
     // The last pads first: the always pad's peer is often the slowest.
     size_t finished = 0, unlinked = 0;
-    for (size_t i = outputs_.size(); i-- > 0;) {
-        PadOutput &output = *outputs_[i];
+    for (size_t i = outputs.size(); i-- > 0;) {
+        PadOutput &output = *outputs[i];
         if (!out[i]) {
             ++finished;
             continue;
         }
         GstFlowReturn pushed = gst_pad_push(output.pad, out[i]);
-        if (pushed == GST_FLOW_EOS) {
+        if (output.released) {
+            ++unlinked; // released while this set went out: whatever it answered
+        } else if (pushed == GST_FLOW_EOS) {
             output.eos = true;
             ++finished;
         } else if (pushed == GST_FLOW_NOT_LINKED) {
@@ -468,9 +718,9 @@ void Source::push_set(FrameSet &set)
             flow = pushed;
         }
     }
-    if (flow == GST_FLOW_OK && finished == outputs_.size())
+    if (flow == GST_FLOW_OK && finished == outputs.size())
         flow = GST_FLOW_EOS;
-    else if (flow == GST_FLOW_OK && unlinked + finished == outputs_.size())
+    else if (flow == GST_FLOW_OK && unlinked + finished == outputs.size())
         flow = GST_FLOW_NOT_LINKED;
     if (flow != GST_FLOW_OK)
         pause_streaming(flow);
@@ -489,15 +739,21 @@ void stream_loop(gpointer element) { source_of(element).loop(); }
 GstStateChangeReturn change_state(GstElement *element, GstStateChange transition)
 {
     Source &source = source_of(element);
+    LibraryCalls calls(GST_OBJECT(element), true);
     switch (transition) {
+    case GST_STATE_CHANGE_NULL_TO_READY:
+        if (!source.check_present())
+            return GST_STATE_CHANGE_FAILURE;
+        break;
     case GST_STATE_CHANGE_READY_TO_PAUSED:
         if (!source.set_up())
             return GST_STATE_CHANGE_FAILURE;
         break;
     case GST_STATE_CHANGE_PLAYING_TO_PAUSED:
+        source.pause();
+        break;
     case GST_STATE_CHANGE_PAUSED_TO_READY:
-        // Wakes the streaming thread out of its wait for the sensor.
-        source.request_flush(TRUE);
+        source.begin_stop();
         break;
     default:
         break;
@@ -505,26 +761,23 @@ GstStateChangeReturn change_state(GstElement *element, GstStateChange transition
     GstStateChangeReturn result =
         GST_ELEMENT_CLASS(gst_zelisp_base_src_parent_class)->change_state(element, transition);
     if (result == GST_STATE_CHANGE_FAILURE) {
-        if (transition == GST_STATE_CHANGE_READY_TO_PAUSED)
-            source.tear_down();
+        if (transition == GST_STATE_CHANGE_READY_TO_PAUSED) {
+            source.begin_stop();
+            source.finish_stop();
+        }
         return result;
     }
-    // The streaming thread is the first pad's task (set up means a pad).
     switch (transition) {
     case GST_STATE_CHANGE_READY_TO_PAUSED:
-        result = GST_STATE_CHANGE_NO_PREROLL; // live: frames only in PLAYING
-        break;
+        source.start_streaming();
+        return GST_STATE_CHANGE_NO_PREROLL; // live: frames only in PLAYING
     case GST_STATE_CHANGE_PAUSED_TO_PLAYING:
-        source.request_flush(FALSE);
-        gst_pad_start_task(source.outputs()[0]->pad, stream_loop, element, nullptr);
+        source.play();
         break;
     case GST_STATE_CHANGE_PLAYING_TO_PAUSED:
-        gst_pad_pause_task(source.outputs()[0]->pad);
-        result = GST_STATE_CHANGE_NO_PREROLL;
-        break;
+        return GST_STATE_CHANGE_NO_PREROLL;
     case GST_STATE_CHANGE_PAUSED_TO_READY:
-        gst_pad_stop_task(source.outputs()[0]->pad);
-        source.tear_down();
+        source.finish_stop();
         break;
     default:
         break;
@@ -544,7 +797,7 @@ gboolean send_event(GstElement *element, GstEvent *event)
 void set_property(GObject *object, guint id, const GValue *value, GParamSpec *pspec)
 {
     Source &source = source_of(object);
-    if (id == PROP_BUFFERS && source.is_set_up()) {
+    if ((id == PROP_BUFFERS || id == PROP_MAX_COPIES) && source.is_set_up()) {
         source.refuse_while_set_up(object, pspec->name);
         return;
     }
@@ -552,6 +805,9 @@ void set_property(GObject *object, guint id, const GValue *value, GParamSpec *ps
     switch (id) {
     case PROP_BUFFERS:
         source.buffers = g_value_get_int(value);
+        break;
+    case PROP_MAX_COPIES:
+        source.max_copies = g_value_get_int(value);
         break;
     case PROP_TIMEOUT_MS:
         source.timeout_ms = g_value_get_int(value);
@@ -577,6 +833,9 @@ void get_property(GObject *object, guint id, GValue *value, GParamSpec *pspec)
     switch (id) {
     case PROP_BUFFERS:
         g_value_set_int(value, source.buffers);
+        break;
+    case PROP_MAX_COPIES:
+        g_value_set_int(value, source.max_copies);
         break;
     case PROP_TIMEOUT_MS:
         g_value_set_int(value, source.timeout_ms);
@@ -615,6 +874,13 @@ static void gst_zelisp_base_src_class_init(GstZelispBaseSrcClass *klass)
                                                      "Capture buffers the driver fills, for each camera", 3, 8,
                                                      kDefaultBuffers, flags));
     g_object_class_install_property(
+        object_class, PROP_MAX_COPIES,
+        g_param_spec_int("max-copies", "Most copies",
+                         "Frame copies downstream may hold at once, for each view, when it holds so many frames "
+                         "that fewer than two buffers would stay with the driver; past that a frame is dropped "
+                         "and counted in stats (0: drop instead of copying)",
+                         0, 256, kDefaultMaxCopies, flags));
+    g_object_class_install_property(
         object_class, PROP_TIMEOUT_MS,
         g_param_spec_int("timeout-ms", "Timeout",
                          "How long to wait for a frame before posting an error, in milliseconds (-1: forever)", -1,
@@ -628,7 +894,8 @@ static void gst_zelisp_base_src_class_init(GstZelispBaseSrcClass *klass)
     g_object_class_install_property(
         object_class, PROP_STATS,
         g_param_spec_boxed("stats", "Statistics",
-                           "frames (frame sets of a group) pushed, dropped (sequence gaps), refused by the library, "
+                           "frames (frame sets of a group) pushed; dropped (lost: sequence gaps, and frames for which "
+                           "downstream held every copy, also counted as copies-exhausted); refused by the library; "
                            "copied under buffer pressure; a group adds the spread of its members' capture times in "
                            "the last set and at most (skew-us, max-skew-us)",
                            GST_TYPE_STRUCTURE, GParamFlags(G_PARAM_READABLE | G_PARAM_STATIC_STRINGS)));

@@ -3,13 +3,14 @@
  * from: a live source whose streaming thread waits for the driver, takes a
  * frame (one camera) or a frame set (a group), wraps it zero copy on every
  * pad with one PTS and pushes it. It owns what every such source does the
- * same way: the state changes, EOS on request, caps and latency queries,
- * the pressure rule that copies instead of starving the camera, sequence
- * gaps, errors in the library's words, and the properties "buffers",
- * "timeout-ms", "num-buffers" and "stats".
+ * same way: the live state changes (frames only in PLAYING, no state change
+ * ever waits for the streaming thread), EOS on request, caps and latency
+ * queries, the pressure rule that copies instead of starving the camera,
+ * sequence gaps, errors in the library's words, and the properties
+ * "buffers", "max-copies", "timeout-ms", "num-buffers" and "stats".
  *
  * An element adds, as a gstzelisp::Source, how its camera or group is
- * opened, started, read and stopped.
+ * opened, negotiated, started, read and stopped.
  */
 #ifndef GST_ZELISP_BASE_SRC_H
 #define GST_ZELISP_BASE_SRC_H
@@ -17,7 +18,9 @@
 #include <gst/gst.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -41,14 +44,23 @@ namespace gstzelisp {
 // A group has up to 8 members, one frame each in a set.
 constexpr int kMostFramesInSet = 8;
 
-// One pad and the view it carries.
+// One pad and the view it carries. Shared by the element's list and the
+// streaming thread's copy of it, so that a pad released while a frame is
+// pushed stays valid until that push is over.
 struct PadOutput {
-    GstPad *pad = nullptr;
+    PadOutput() = default;
+    PadOutput(const PadOutput &) = delete;
+    PadOutput &operator=(const PadOutput &) = delete;
+    ~PadOutput();
+
+    GstPad *pad = nullptr;   // a reference of its own
     std::string label;       // in messages: "view 1", "camera 3"
     std::string stream_name; // in the stream id: "view1", "camera3"
     size_t frame = 0;        // the frame of the set it carries
     ViewOutput output;
-    bool eos = false;
+    GstCaps *caps = nullptr; // negotiated when the stream is set up
+    bool eos = false;        // streaming thread only
+    std::atomic<bool> released{false};
 };
 
 // What the streaming thread takes at once: one frame of each camera.
@@ -58,12 +70,13 @@ struct FrameSet {
 };
 
 struct SourceCounters {
-    guint64 frames = 0; // frames, or frame sets of a group, pushed
-    guint64 dropped = 0;
+    guint64 frames = 0;  // frames, or frame sets of a group, pushed
+    guint64 dropped = 0; // lost: sequence gaps, and frames no copy was left for
     guint64 refused = 0;
     guint64 copied = 0;
-    guint64 skew_us = 0;     // spread of a set's capture times, the last set
-    guint64 max_skew_us = 0; // and the largest since the stream was set up
+    guint64 copy_limit_drops = 0; // the part of `dropped` that found every copy held
+    guint64 skew_us = 0;          // spread of a set's capture times, the last set
+    guint64 max_skew_us = 0;      // and the largest since the stream was set up
 };
 
 class Source {
@@ -76,10 +89,14 @@ public:
 
     // ---- What an element provides ----
 
-    // READY to PAUSED: opens and sets up the camera or group and the format
-    // of every output; returns the stream that closes them, with the camera
-    // handle each frame of a set comes from, or nullptr after posting the
-    // error.
+    // NULL to READY: whether the camera (or every member) exists, after
+    // posting the error when not. An element that fails here lets
+    // autovideosrc and device pickers move on to another source.
+    virtual bool check_present() = 0;
+    // READY to PAUSED: opens and sets up the camera or group, negotiates and
+    // sets the format of every output (its caps); returns the stream that
+    // closes them, with the camera handle each frame of a set comes from,
+    // or nullptr after posting the error.
     virtual Stream *open(std::vector<unsigned long> *handles) = 0;
     // With the stream's library lock held.
     virtual int start_capture(const char **call) = 0;
@@ -92,6 +109,15 @@ public:
     // Frames of [first, last] the ISP's decimation skipped on purpose: not
     // a gap.
     virtual guint64 skipped_between(uint32_t, uint32_t) const { return 0; }
+    // A pushed set's spread of capture times against the frame period (a
+    // group checks its trigger with it).
+    virtual void check_skew(guint64, GstClockTime) {}
+    // PAUSED to READY: the stream is about to be given up (tunings that
+    // hold it let go).
+    virtual void stream_closing() {}
+    // Applies the values of the element's controlled properties (and its
+    // children's) for the running time of the next buffers.
+    virtual void sync_controlled_values(GstClockTime running_time);
     virtual GstStructure *stats_structure(const SourceCounters &counters) const = 0;
 
     // ---- Shared ----
@@ -106,21 +132,29 @@ public:
     // A pad answering caps and latency queries, not yet added to the
     // element; its output is listed (GST_OBJECT_LOCK taken).
     GstPad *make_pad(GstPadTemplate *templ, const std::string &name, std::unique_ptr<PadOutput> output);
-    // Unlists the output of `pad` (GST_OBJECT_LOCK held by the caller).
+    // The caps negotiated for an output, with their memory (takes `caps`).
+    void set_caps(PadOutput &output, GstCaps *caps);
+    // Unlists the output of `pad`, which the streaming thread stops pushing
+    // to with its next frame (GST_OBJECT_LOCK held by the caller).
     void forget_pad(GstPad *pad);
-    std::vector<std::unique_ptr<PadOutput>> &outputs() { return outputs_; }
+    // The outputs, in pad order (GST_OBJECT_LOCK held by the caller, or
+    // the element in NULL or READY).
+    const std::vector<std::shared_ptr<PadOutput>> &outputs() const { return outputs_; }
 
     int buffers = 4;
+    int max_copies = 16;
     int timeout_ms = 2000;
     int num_buffers = -1;
 
     // The GObject side (zelispbasesrc.cpp).
     bool set_up();
-    void tear_down();
+    void start_streaming();
+    void play();
+    void pause();
+    void begin_stop();
+    void finish_stop();
     void loop();
     void request_eos();
-    // Wakes the streaming thread out of its wait for the sensor (TRUE).
-    void request_flush(gboolean flushing);
     gboolean query(GstPad *pad, GstObject *parent, GstQuery *query);
     GstStructure *stats() const;
 
@@ -128,27 +162,60 @@ protected:
     GstElement *element_;
 
 private:
-    bool start_pads();
+    void start_pads();
+    bool wait_until_playing();
+    void note_resume();
+    void wake_streaming_thread(gboolean woken);
     GstFlowReturn take_set(FrameSet *set);
     WaitResult wait_for_all(int timeout_ms, gint64 deadline);
+    bool captured_before_resume(const FrameSet &set) const;
+    void give_back(const FrameSet &set);
+    GstClockTime set_pts(uint64_t capture_us);
+    void refresh_outputs();
     void push_set(FrameSet &set);
     void pause_streaming(GstFlowReturn flow);
+    void tear_down();
 
     const char *noun_;
-    std::vector<std::unique_ptr<PadOutput>> outputs_; // GST_OBJECT_LOCK for the list; [0] runs the task
+    // The element's list (GST_OBJECT_LOCK), changed only with a new version
+    // number, and the streaming thread's copy of it.
+    std::vector<std::shared_ptr<PadOutput>> outputs_;
+    guint64 outputs_version_ = 0;
+    std::vector<std::shared_ptr<PadOutput>> streaming_outputs_;
+    guint64 streaming_version_ = G_MAXUINT64;
+    GstPad *task_pad_ = nullptr; // runs the streaming thread, a reference while set up
     Stream *stream_ = nullptr;
     std::vector<unsigned long> handles_; // the camera of each frame of a set
     GstPoll *poll_ = nullptr;
     std::vector<GstPollFD> poll_fds_;
+
+    // Live state, set by the state changes and waited for by the streaming
+    // thread (live_lock_).
+    std::mutex live_lock_;
+    std::condition_variable live_changed_;
+    bool playing_ = false;
+    bool stopping_ = false;
+    uint64_t resumes_ = 0;      // PAUSED to PLAYING transitions since set-up
+    gint64 resumed_at_us_ = 0;  // CLOCK_MONOTONIC of the last one
+    std::atomic<bool> eos_pending_{false};
+
+    // Streaming thread only.
     bool capturing_ = false;
     bool started_pads_ = false;
-    std::atomic<bool> eos_pending_{false};
+    uint64_t resumes_seen_ = 0;
+    gint64 resume_floor_us_ = 0;   // frames captured before it belong to the pause
+    bool resumed_ = false;         // no set pushed since a resume: the gap is the pause's
+    bool discont_pending_ = false; // a set was lost since the last push
+    gint64 stream_on_us_ = 0;
     guint64 pushed_ = 0;
     bool have_sequence_ = false;
-    guint64 refused_since_pushed_ = 0;
+    guint64 unpushed_since_pushed_ = 0; // refused, or dropped without a copy
     uint32_t last_sequence_ = 0;
     uint64_t last_timestamp_us_ = 0;
-    GstClockTime frame_interval_ = 33 * GST_MSECOND;
+    bool have_pts_ = false;
+    GstClockTime last_pts_ = 0;
+    std::atomic<GstClockTime> frame_interval_{33 * GST_MSECOND}; // also read by the latency query
+
     SourceCounters counters_; // GST_OBJECT_LOCK
 };
 

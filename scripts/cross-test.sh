@@ -17,7 +17,8 @@
 #    host shell, nor an Arm64 library preloaded into a host tool;
 #  - web.* start an Arm64 zelisp-sim-run from the host's Python and drive the
 #    host's Chromium, for the same reason as RunnerTest.* (and the web
-#    console is only built where cpp-httplib and libturbojpeg exist for Arm64);
+#    console is only built where libmicrohttpd, libturbojpeg and GStreamer's
+#    WebRTC library exist for Arm64);
 #  - SimulatorRobustnessTest.StreamOnAnswersEnomemWhenTheFrameThreadCannotStart
 #    limits the address space, which under qemu-user is the emulator's own;
 #  - CoreNodesTest.DuplicatesAreTrackedAndShareTheOpenFile sends a V4L2

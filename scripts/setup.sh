@@ -16,13 +16,18 @@ packages=(
   libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev libgstrtspserver-1.0-dev gstreamer1.0-tools
   gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad gstreamer1.0-plugins-ugly
   gstreamer1.0-rtsp
+  gstreamer1.0-plugins-base-apps   # gst-device-monitor-1.0, which the device provider's test runs
+  ffmpeg                 # ffprobe and ffmpeg as RTSP clients of zelisp-rtsp's tests
   # Python package (python/): Debian's interpreter, numpy, OpenCV for the recipes, pytest;
   # the wheel built and installed offline (build, setuptools, wheel, pybind11's Python side, venv
   # with its pip), and mypy for checking the stubs against the module
   pybind11-dev python3-dev python3-numpy python3-opencv python3-pytest
   python3-build python3-setuptools python3-wheel python3-pybind11 python3-venv mypy
   # web console (zelisp-cam serve) and its browser test
-  libcpp-httplib-dev libturbojpeg0-dev chromium chromium-driver python3-selenium
+  libmicrohttpd-dev libturbojpeg0-dev chromium chromium-driver python3-selenium
+  # its WebRTC view: webrtcbin (bad plugins), the ICE elements and libnice, the H.264 encoders
+  libgstreamer-plugins-bad1.0-dev gstreamer1.0-nice libnice-dev
+  openssl iproute2       # its tests: a TLS certificate, a network namespace for a console beyond loopback
   # man pages and Debian packages
   help2man dpkg-dev file lintian
 )

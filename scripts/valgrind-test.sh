@@ -46,10 +46,11 @@ MemoryCheckCommandOptions: --tool=memcheck --error-exitcode=97 --leak-check=full
 MemoryCheckSuppressionFile: $suppressions
 CONF
 
-# web.* (the web console's HTTP and browser tests) run pytest and Chromium;
-# under memcheck ctest would check the Python interpreter, not our code, and
-# the browser's timing; the console's C++ is checked by the plain and
-# sanitizer stages, where the same tests run. The second run of the library's
+# web.* (the web console over HTTP, under attack and load, in Chromium and
+# over WebRTC) run pytest and Chromium; under memcheck ctest would check the
+# Python interpreter, not our code, and the browser's timing; the console's
+# C++ is checked by the plain and sanitizer stages, where the same tests
+# run (its server core's own tests, console.*, run here too). The second run of the library's
 # tests with a message handler (routed.*) checks texts, not memory: the
 # handler's own path runs under memcheck in MessageHandler.*.
 excluded='^routed\.|^web\.|^gst\.|^python\.|^packaging\.|^StreamFreeRunningTest\.TriggeredCamerasShareOneFrameClock$|^SimulatorRobustnessTest\.|^CoreNodesTest\.CallsWithoutOptionalArgumentsAreSafe$|^StandardClientsTest\.'

@@ -142,6 +142,7 @@ Worker &worker()
 
 void run_worker()
 {
+    pthread_setname_np(pthread_self(), "zsim-isp");
     // Background work: the frame clocks and the program's own threads come
     // first, so a rebuild on a busy machine delays new settings rather than
     // frames. Where lowering it is refused, the thread runs as it is.

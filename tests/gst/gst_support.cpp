@@ -1,6 +1,9 @@
 // gst_support.cpp - GStreamer set-up and readers for the plugin's tests.
 #include "gst_support.h"
 
+#include "library_messages.h"
+
+#include <gst/video/video.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -44,10 +47,20 @@ void GstTest::SetUp()
 {
     SimTest::SetUp();
     start_gstreamer();
+    // As the plugin does when it loads (the fixture's teardown gives the
+    // console back after every test).
+    gstzelisp::route_library_messages();
     clear_warnings();
 }
 
-void GstTest::TearDown() { SimTest::TearDown(); }
+void GstTest::TearDown()
+{
+    // A frame comes back on whichever thread drops it last, and a
+    // pipeline's last reference may be a GStreamer thread's for a moment
+    // after the test let go: its frames' mappings follow shortly.
+    eventually([] { return zsim::live_descriptors() == 0 && zsim::live_mappings() == 0; });
+    SimTest::TearDown();
+}
 
 std::vector<std::string> GstTest::warnings() const
 {
@@ -104,6 +117,21 @@ std::string error_text(GstElement *element, GstClockTime wait)
     return text;
 }
 
+std::vector<std::string> warning_texts(GstElement *element)
+{
+    std::vector<std::string> texts;
+    GstBus *bus = gst_element_get_bus(element);
+    while (GstMessage *message = gst_bus_pop_filtered(bus, GST_MESSAGE_WARNING)) {
+        GError *error = nullptr;
+        gst_message_parse_warning(message, &error, nullptr);
+        texts.push_back(error->message);
+        g_error_free(error);
+        gst_message_unref(message);
+    }
+    gst_object_unref(bus);
+    return texts;
+}
+
 void push_frames(int node, uint32_t first_sequence, int count, uint64_t first_time_us)
 {
     for (int i = 0; i < count; ++i) {
@@ -115,28 +143,69 @@ void push_frames(int node, uint32_t first_sequence, int count, uint64_t first_ti
     }
 }
 
+namespace {
+
+// Reads the 32 cells of the painted number from a luma (or any one
+// component) lookup.
+template <typename Luma> std::optional<uint32_t> read_cells(int width, int height, Luma luma_at)
+{
+    // Cells of a 48th of the width, even; the upper row one cell down,
+    // the lower row its complement.
+    uint32_t cell = std::min<uint32_t>(uint32_t(width) / 48, (uint32_t(height) - 2) / 5) & ~1u;
+    if (cell < 2)
+        return std::nullopt;
+    uint32_t value = 0;
+    for (uint32_t bit = 0; bit < 32; ++bit) {
+        bool upper = luma_at(cell * (bit + 1) + cell / 2, cell + cell / 2) >= 128;
+        bool lower = luma_at(cell * (bit + 1) + cell / 2, 2 * cell + cell / 2) >= 128;
+        if (upper == lower)
+            return std::nullopt;
+        value = value << 1 | (upper ? 1u : 0u);
+    }
+    return value;
+}
+
+} // namespace
+
+std::optional<uint32_t> painted_number(GstBuffer *buffer, GstCaps *caps)
+{
+    GstVideoInfo info;
+    GstVideoFrame frame;
+    if (!gst_video_info_from_caps(&info, caps) || !gst_video_frame_map(&frame, &info, buffer, GST_MAP_READ))
+        return std::nullopt;
+    const uint8_t *data = static_cast<const uint8_t *>(GST_VIDEO_FRAME_COMP_DATA(&frame, 0));
+    const int stride = GST_VIDEO_FRAME_COMP_STRIDE(&frame, 0);
+    const int step = GST_VIDEO_FRAME_COMP_PSTRIDE(&frame, 0);
+    std::optional<uint32_t> number = read_cells(GST_VIDEO_INFO_WIDTH(&info), GST_VIDEO_INFO_HEIGHT(&info),
+                                                [&](uint32_t x, uint32_t y) { return data[y * stride + x * step]; });
+    gst_video_frame_unmap(&frame);
+    return number;
+}
+
+std::vector<int> rgb_at(GstBuffer *buffer, GstCaps *caps, int x, int y)
+{
+    GstVideoInfo info;
+    GstVideoFrame frame;
+    if (!gst_video_info_from_caps(&info, caps) || !gst_video_frame_map(&frame, &info, buffer, GST_MAP_READ))
+        return {};
+    std::vector<int> rgb;
+    for (int component = 0; component < 3; ++component) {
+        const uint8_t *data = static_cast<const uint8_t *>(GST_VIDEO_FRAME_COMP_DATA(&frame, component));
+        rgb.push_back(data[y * GST_VIDEO_FRAME_COMP_STRIDE(&frame, component) +
+                           x * GST_VIDEO_FRAME_COMP_PSTRIDE(&frame, component)]);
+    }
+    gst_video_frame_unmap(&frame);
+    return rgb;
+}
+
 std::optional<uint32_t> painted_number(GstBuffer *buffer, int width, int height)
 {
     GstMapInfo map;
     if (!gst_buffer_map(buffer, &map, GST_MAP_READ))
         return std::nullopt;
     std::optional<uint32_t> number;
-    if (map.size >= size_t(width) * height) {
-        // Cells of a 48th of the width, even; the upper row one cell down,
-        // the lower row its complement.
-        uint32_t cell = std::min<uint32_t>(uint32_t(width) / 48, (uint32_t(height) - 2) / 5) & ~1u;
-        auto luma = [&](uint32_t x, uint32_t y) { return map.data[size_t(y + cell / 2) * width + x + cell / 2]; };
-        uint32_t value = 0;
-        bool valid = cell >= 2;
-        for (uint32_t bit = 0; bit < 32 && valid; ++bit) {
-            bool upper = luma(cell * (bit + 1), cell) >= 128;
-            bool lower = luma(cell * (bit + 1), 2 * cell) >= 128;
-            valid = upper != lower;
-            value = value << 1 | (upper ? 1u : 0u);
-        }
-        if (valid)
-            number = value;
-    }
+    if (map.size >= size_t(width) * height)
+        number = read_cells(width, height, [&](uint32_t x, uint32_t y) { return map.data[size_t(y) * width + x]; });
     gst_buffer_unmap(buffer, &map);
     return number;
 }
@@ -168,6 +237,17 @@ std::string descriptor_target(int fd)
     std::string link = "/proc/self/fd/" + std::to_string(fd);
     ssize_t length = readlink(link.c_str(), target, sizeof target - 1);
     return length > 0 ? std::string(target, size_t(length)) : "";
+}
+
+bool eventually(const std::function<bool()> &done)
+{
+    const gint64 until = g_get_monotonic_time() + 60 * G_TIME_SPAN_SECOND;
+    while (!done()) {
+        if (g_get_monotonic_time() > until)
+            return false;
+        g_usleep(1000);
+    }
+    return true;
 }
 
 std::string caps_field(GstCaps *caps, const char *field)

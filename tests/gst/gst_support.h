@@ -11,6 +11,7 @@
 #include <gst/check/gstharness.h>
 #include <gst/gst.h>
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -38,6 +39,8 @@ GstHarness *playing_harness(const std::string &description, int node, uint32_t f
 // when none.
 std::string error_text(GstElement *element, GstClockTime wait = 0);
 std::string error_text(GstHarness *harness);
+// The texts of the warning messages on the element's bus so far.
+std::vector<std::string> warning_texts(GstElement *element);
 
 // Pushes scripted frames with painted sequence numbers, 40 ms apart (past
 // the library's 12 ms rule), onto node `node`.
@@ -46,12 +49,21 @@ void push_frames(int node, uint32_t first_sequence, int count, uint64_t first_ti
 // The frame number painted into the luma plane at the start of a buffer
 // (NV12, NV21, NV16, GRAY8: the first width*height bytes are luma).
 std::optional<uint32_t> painted_number(GstBuffer *buffer, int width, int height);
+// The same in a buffer of any format the elements deliver, laid out as
+// `caps` and its video meta say (YUY2 luma every other byte, RGB's red).
+std::optional<uint32_t> painted_number(GstBuffer *buffer, GstCaps *caps);
+// Red, green and blue of the pixel at (x, y) of an RGB buffer.
+std::vector<int> rgb_at(GstBuffer *buffer, GstCaps *caps, int x, int y);
 
 // The name of the mapping an address lies in, from /proc/self/maps
 // ("/memfd:zelisp-sim-plane (deleted)", "[heap]", "" for anonymous).
 std::string mapping_of(const void *address);
 // What a descriptor refers to (/proc/self/fd).
 std::string descriptor_target(int fd);
+
+// Whether `done` becomes true within a generous minute, for what the
+// streaming thread does with no sign of its own (a frame dropped).
+bool eventually(const std::function<bool()> &done);
 
 // A field of a caps' first structure, as text.
 std::string caps_field(GstCaps *caps, const char *field);

@@ -19,6 +19,7 @@
 #include <sstream>
 
 #include "../tools/tool_run.h"
+#include "launch_support.h"
 
 namespace fs = std::filesystem;
 using zelisp_tool_test::files_in;
@@ -29,63 +30,7 @@ using zelisp_tool_test::test_folder;
 
 namespace {
 
-// Every command runs on the simulated driver, as "zelisp-sim-run -- ...":
-// also the clients, so that every process loading the plugin has the same
-// preloads (a sanitizer build needs its runtime first in each of them).
-// GStreamer itself is not ours to check for leaks.
-std::string on_simulator(const std::string &command, const std::string &config = "")
-{
-    std::string prefix = "env ASAN_OPTIONS=detect_leaks=0 ";
-    if (!config.empty())
-        prefix += "ZELISP_SIM_CONFIG='" + config + "' ";
-    return prefix + "'" ZELISP_SIM_RUN "' -- " + command;
-}
-
-struct Launch {
-    int status = -1;
-    std::string out;
-};
-
-std::string read_text(const std::string &path)
-{
-    std::ifstream file(path);
-    std::stringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
-
-// Runs a command in `folder` with stdout and stderr together; `timeout 120`
-// bounds a run that hangs, far beyond any normal run.
-Launch run(const std::string &folder, const std::string &command)
-{
-    std::string log = folder + "/output.txt";
-    std::string line = "cd '" + folder + "' && timeout 120 " + command + " >'" + log + "' 2>&1 </dev/null";
-    int status = std::system(line.c_str());
-    Launch result;
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    result.out = read_text(log);
-    return result;
-}
-
-std::string write_config(const std::string &folder, const std::string &text)
-{
-    std::string path = folder + "/sim.ini";
-    std::ofstream(path) << text;
-    return path;
-}
-
-std::vector<uint32_t> painted_numbers(const std::vector<std::string> &files)
-{
-    std::vector<uint32_t> numbers;
-    for (const std::string &file : files) {
-        auto image = read_png_luma(file);
-        EXPECT_TRUE(image.has_value()) << file;
-        auto number = image ? frame_number(*image) : std::nullopt;
-        EXPECT_TRUE(number.has_value()) << file << " carries no frame number";
-        numbers.push_back(number.value_or(0));
-    }
-    return numbers;
-}
+using namespace zelisp_launch_test;
 
 // fakesink silent=false -v: (sink name, offset) -> pts text of every buffer.
 std::map<std::pair<std::string, uint64_t>, std::string> chained_buffers(const std::string &out)
@@ -97,63 +42,6 @@ std::map<std::pair<std::string, uint64_t>, std::string> chained_buffers(const st
     return buffers;
 }
 
-int free_port(int type)
-{
-    int fd = socket(AF_INET, type, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address);
-    getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length);
-    close(fd);
-    return ntohs(address.sin_port);
-}
-
-// A process in the background with its output on a pipe.
-struct Background {
-    pid_t pid = -1;
-    FILE *out = nullptr;
-
-    explicit Background(const std::string &folder, const std::string &command)
-    {
-        int pipe_fds[2];
-        if (pipe(pipe_fds) != 0)
-            return;
-        pid = fork();
-        if (pid == 0) {
-            dup2(pipe_fds[1], 1);
-            close(pipe_fds[0]);
-            close(pipe_fds[1]);
-            std::string line = "cd '" + folder + "' && exec " + command + " 2>'" + folder + "/background.err'";
-            execl("/bin/sh", "sh", "-c", line.c_str(), static_cast<char *>(nullptr));
-            _exit(127);
-        }
-        close(pipe_fds[1]);
-        out = fdopen(pipe_fds[0], "r");
-    }
-    // The next line it prints ("" when it ended).
-    std::string line()
-    {
-        char text[512];
-        return out && std::fgets(text, sizeof text, out) ? std::string(text) : std::string();
-    }
-    int stop()
-    {
-        int status = -1;
-        if (pid > 0) {
-            kill(pid, SIGTERM);
-            waitpid(pid, &status, 0);
-            pid = -1;
-        }
-        if (out)
-            std::fclose(out);
-        out = nullptr;
-        return status;
-    }
-    ~Background() { stop(); }
-};
-
 const char *kSmallCamera = "[camera 0]\nview0 = NV12 640x360\n[camera 1]\nview0 = NV12 640x360\nfps = 10\n";
 
 TEST(GstLaunch, InspectDescribesBothElementsFromTheBuildTree)
@@ -162,6 +50,10 @@ TEST(GstLaunch, InspectDescribesBothElementsFromTheBuildTree)
     Launch source = run(folder, on_simulator("gst-inspect-1.0 zelispsrc"));
     ASSERT_EQ(source.status, 0) << source.out;
     for (const char *text : {"ISP camera source", "Filename                 " GST_PLUGIN_DIR "/libgstzelisp.so",
+                             "Rank                     primary + 1 (257)", "License                  LGPL",
+                             "Origin URL               https://github.com/libzelisp/libzelisp",
+                             "GstColorBalance", "colorimetry         :", "wb-gains            :",
+                             "controllable",
                              "SRC template: 'src_%u'", "Availability: On request", "drop                :",
                              "denoise-luma        :", "video/x-raw(memory:DMABuf)", "format: { (string)NV12"})
         EXPECT_NE(source.out.find(text), std::string::npos) << text << "\n" << source.out;
@@ -275,29 +167,117 @@ TEST(GstLaunch, RtpJpegExampleReachesItsReceiverOverLoopback)
     EXPECT_LT(numbers[0], 300u);
 }
 
-TEST(GstLaunch, ZelispRtspServesACameraToRtspsrc)
+// The frame numbers of raw NV12 frames laid end to end in a file.
+std::vector<std::optional<uint32_t>> raw_frame_numbers(const std::string &path, uint32_t width, uint32_t height)
+{
+    std::string bytes = read_text(path);
+    const size_t frame = size_t(width) * height * 3 / 2;
+    std::vector<std::optional<uint32_t>> numbers;
+    for (size_t at = 0; at + frame <= bytes.size(); at += frame) {
+        zelisp_tool_test::LumaImage image;
+        image.width = width;
+        image.height = height;
+        image.luma.assign(bytes.begin() + long(at), bytes.begin() + long(at + size_t(width) * height));
+        numbers.push_back(frame_number(image));
+    }
+    return numbers;
+}
+
+TEST(GstLaunch, FdsinkOnStandardOutputGetsTheFramesAndNothingElse)
 {
     std::string folder = test_folder();
-    std::string config = write_config(folder, kSmallCamera);
-    Background server(folder, on_simulator("'" ZELISP_RTSP "' --cameras 1,0 --port 0", config));
-    std::string first = server.line(), second = server.line();
-    std::smatch url;
-    ASSERT_TRUE(std::regex_match(first, url, std::regex(R"(zelisp-rtsp: serving (rtsp://127\.0\.0\.1:\d+/cam1)\n)")))
-        << first;
-    EXPECT_NE(second.find("/cam0"), std::string::npos) << second;
-    Launch client = run(folder, on_simulator("gst-launch-1.0 rtspsrc location=" + url[1].str() +
-                                          " ! rtph264depay ! h264parse ! decodebin ! videoconvert ! "
-                                          "pngenc snapshot=true ! filesink location=cam1.png"));
-    ASSERT_EQ(client.status, 0) << client.out;
-    auto image = read_png_luma(folder + "/cam1.png");
-    ASSERT_TRUE(image.has_value());
-    EXPECT_EQ(image->width, 640u);
-    EXPECT_TRUE(frame_number(*image).has_value());
-    EXPECT_EQ(server.stop(), 0) << "SIGTERM ends the server cleanly";
+    Launch launch = run(folder, "sh -c \"" +
+                                    on_simulator("gst-launch-1.0 -q zelispsrc view=2 num-buffers=3 ! fdsink fd=1") +
+                                    " >frames.yuv\"");
+    ASSERT_EQ(launch.status, 0) << launch.out;
+    std::string frames = read_text(folder + "/frames.yuv");
+    ASSERT_EQ(frames.size(), 3u * 640 * 360 * 3 / 2) << frames.substr(0, 200);
+    std::vector<std::optional<uint32_t>> numbers = raw_frame_numbers(folder + "/frames.yuv", 640, 360);
+    ASSERT_EQ(numbers.size(), 3u);
+    for (const auto &number : numbers)
+        ASSERT_TRUE(number.has_value()) << "a frame that is not a frame";
+    EXPECT_GT(*numbers[1], *numbers[0]);
+    EXPECT_GT(*numbers[2], *numbers[1]);
+}
 
-    Launch refused = run(folder, on_simulator("'" ZELISP_RTSP "' --cameras 12"));
-    EXPECT_EQ(refused.status, 2);
-    EXPECT_EQ(refused.out, "zelisp-rtsp: --cameras takes numbers 0..11 separated by commas, got '12'\n");
+TEST(GstLaunch, CtrlCStopsAPlayingPipelineAtAnyMomentWithOrWithoutEos)
+{
+    std::string folder = test_folder();
+    for (int round = 0; round < 6; ++round) {
+        const bool eos = round % 2 == 1;
+        const bool after_frames = round >= 2;
+        // A sink that syncs to the clock and prerolls again on the way down:
+        // what used to hold the stop for good.
+        Background launch(folder, on_simulator(std::string("gst-launch-1.0 -v ") + (eos ? "-e " : "") +
+                                               "zelispsrc ! fakesink sync=true silent=false"));
+        ASSERT_TRUE(launch.line_with("New clock")) << read_text(launch.err_path);
+        for (int frame = 0; after_frames && frame < 3; ++frame) {
+            ASSERT_TRUE(launch.line_with("last-message = chain")) << read_text(launch.err_path);
+        }
+        kill(launch.pid, SIGINT);
+        // A limit far past a normal stop (well under a second) that a
+        // deadlocked one never meets.
+        std::optional<int> status = launch.finish(20);
+        ASSERT_TRUE(status.has_value()) << "round " << round << ": still running 20 s after Ctrl-C";
+        EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0)
+            << "round " << round << ": wait status " << *status << "\n" << read_text(launch.err_path);
+    }
+}
+
+TEST(GstLaunch, AutovideosrcPicksTheCameraAndFallsBackWithoutOne)
+{
+    std::string folder = test_folder();
+    Launch board = run(folder, on_simulator("gst-launch-1.0 -v autovideosrc ! fakesink num-buffers=2"));
+    ASSERT_EQ(board.status, 0) << board.out;
+    EXPECT_NE(board.out.find("/GstAutoVideoSrc:autovideosrc0/GstZelispSrc:"), std::string::npos) << board.out;
+    std::string none = write_config(folder, "[cameras]\npresent =\n[node /dev/isp_misc]\nkind = missing\n");
+    Launch elsewhere = run(folder, on_simulator("gst-launch-1.0 -v autovideosrc ! fakesink num-buffers=2", none));
+    ASSERT_EQ(elsewhere.status, 0) << elsewhere.out;
+    EXPECT_EQ(elsewhere.out.find("GstZelispSrc:autovideosrc0-actual-src-zelis.GstPad"), std::string::npos);
+    EXPECT_NE(elsewhere.out.find("camera 0 does not exist: /dev/video0 is missing"), std::string::npos)
+        << elsewhere.out;
+}
+
+TEST(GstLaunch, DeviceMonitorListsTheCamerasWithCapsAndLaunchLines)
+{
+    std::string folder = test_folder();
+    std::string config = write_config(folder, "[camera 1]\nview0 = NV12 640x360\nfps = 10\n");
+    Launch monitor = run(folder, on_simulator("gst-device-monitor-1.0 Video/Source", config));
+    ASSERT_EQ(monitor.status, 0) << monitor.out;
+    for (const char *text :
+         {"\tname  : ISP camera 0\n", "\tname  : ISP camera 3\n",
+          "\tname  : ISP camera 1\n\tclass : Video/Source\n\tcaps  : video/x-raw, format=NV12, colorimetry=bt601, "
+          "width=640, height=360, framerate=[ 1/12, 10/1 ]\n",
+          "\t\tdevice.path = /dev/video1\n", "\tgst-launch-1.0 zelispsrc ! ...\n",
+          "\tgst-launch-1.0 zelispsrc camera=1 ! ...\n"})
+        EXPECT_NE(monitor.out.find(text), std::string::npos) << text << "\n" << monitor.out;
+    EXPECT_EQ(monitor.out.find("ISP camera 4"), std::string::npos);
+}
+
+TEST(GstLaunch, BehindASlowConsumerMemoryStaysFlatAndFramesAreDroppedNotHoarded)
+{
+    // A queue with no limits in front of a consumer three times slower than
+    // the camera: it would hold a copy of every frame. The copies stop at
+    // max-copies, so the peak memory of a run five times longer stays
+    // where the short run's was (each 1080p copy is 3 MB).
+    std::string folder = test_folder();
+    std::string config = write_config(folder, "[camera 0]\nfps = 60\n");
+    long peak_kb[2] = {0, 0};
+    const int frames[2] = {20, 100};
+    for (int i = 0; i < 2; ++i) {
+        Background launch(folder, on_simulator("gst-launch-1.0 -q zelispsrc name=cam buffers=3 max-copies=6 "
+                                               "num-buffers=" + std::to_string(frames[i]) +
+                                                   " ! queue max-size-buffers=0 max-size-bytes=0 max-size-time=0 ! "
+                                                   "identity sleep-time=50000 ! fakesink",
+                                               config));
+        rusage usage{};
+        std::optional<int> status = launch.finish(120, &usage);
+        ASSERT_TRUE(status.has_value());
+        ASSERT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << read_text(launch.err_path);
+        peak_kb[i] = usage.ru_maxrss;
+    }
+    EXPECT_LT(peak_kb[1] - peak_kb[0], 40 * 1024) << "short run " << peak_kb[0] << " kB, long run " << peak_kb[1]
+                                                   << " kB";
 }
 
 } // namespace

@@ -1,8 +1,13 @@
 // zelispsrc_test.cpp - the single-camera source element, in-process on the
 // simulated driver with scripted frames.
 #include <gst/allocators/allocators.h>
+#include <gst/controller/gstdirectcontrolbinding.h>
+#include <gst/controller/gstinterpolationcontrolsource.h>
+#include <gst/video/colorbalance.h>
 #include <gst/video/video.h>
 #include <linux/videodev2.h>
+
+#include <set>
 
 #include <functional>
 
@@ -41,8 +46,8 @@ TEST_F(ZelispSrcTest, RepeatedNullToPlayingToNullDeliversPaintedFramesAndClosesE
             EXPECT_EQ(gst_buffer_get_size(buffer), 1920u * 1080 * 3 / 2);
             gst_buffer_unref(buffer);
         }
-        EXPECT_EQ(harness_caps(harness),
-                  "video/x-raw, format=(string)NV12, width=(int)1920, height=(int)1080, framerate=(fraction)0/1");
+        EXPECT_EQ(harness_caps(harness), "video/x-raw, format=(string)NV12, colorimetry=(string)bt601, "
+                                         "width=(int)1920, height=(int)1080, framerate=(fraction)30/1");
         EXPECT_EQ(stats_field(harness->element, "frames"), 2u);
         ASSERT_EQ(gst_element_set_state(harness->element, GST_STATE_NULL), GST_STATE_CHANGE_SUCCESS);
         EXPECT_EQ(zsim::live_descriptors(), 0u) << "round " << round;
@@ -52,15 +57,26 @@ TEST_F(ZelispSrcTest, RepeatedNullToPlayingToNullDeliversPaintedFramesAndClosesE
     EXPECT_EQ(warnings(), std::vector<std::string>());
 }
 
-TEST_F(ZelispSrcTest, ABufferHeldPastNullKeepsItsMappingUntilReleased)
+TEST_F(ZelispSrcTest, ABufferHeldPastNullStaysReadableWhileTheCameraIsSetUpAgain)
 {
     GstHarness *harness = playing_harness("zelispsrc camera=0", 0, 1, 1);
     GstBuffer *buffer = gst_harness_pull(harness);
     ASSERT_NE(buffer, nullptr);
     ASSERT_EQ(gst_element_set_state(harness->element, GST_STATE_NULL), GST_STATE_CHANGE_SUCCESS);
-    // Still readable: the camera closes with the last frame.
-    EXPECT_GT(zsim::live_mappings(), 0u);
+    // The camera is closed; the held frame keeps only its own mapping and
+    // descriptor of the plane it shows (one of four buffers).
+    EXPECT_EQ(zsim::live_descriptors(), 4u);
+    EXPECT_EQ(zsim::live_mappings(), 4u);
+    // The camera opens again at once, and its new frames do not disturb the
+    // held one.
+    push_frames(0, 7, 1, 2000000);
+    gst_harness_play(harness);
+    GstBuffer *next = gst_harness_pull(harness);
+    ASSERT_NE(next, nullptr);
+    EXPECT_EQ(painted_number(next, 1920, 1080), 7u);
+    gst_buffer_unref(next);
     EXPECT_EQ(painted_number(buffer, 1920, 1080), 1u);
+    ASSERT_EQ(gst_element_set_state(harness->element, GST_STATE_NULL), GST_STATE_CHANGE_SUCCESS);
     gst_buffer_unref(buffer);
     EXPECT_EQ(zsim::live_descriptors(), 0u);
     EXPECT_EQ(zsim::live_mappings(), 0u);
@@ -69,14 +85,17 @@ TEST_F(ZelispSrcTest, ABufferHeldPastNullKeepsItsMappingUntilReleased)
 
 TEST_F(ZelispSrcTest, CapsFollowEveryViewFormatTheDriverReports)
 {
+    // The driver describes its RGB as full-range SMPTE 170M, its YUV as
+    // BT.601 (limited range).
     struct Case {
         uint32_t fourcc;
         const char *format;
+        const char *colorimetry;
         size_t bytes;
     } cases[] = {
-        {zsim::kNV12, "NV12", 640 * 360 * 3 / 2}, {zsim::kNV21, "NV21", 640 * 360 * 3 / 2},
-        {zsim::kYUYV, "YUY2", 640 * 360 * 2},     {zsim::kGREY, "GRAY8", 640 * 360},
-        {zsim::kRGB24, "RGB", 640 * 360 * 3},
+        {zsim::kNV12, "NV12", "bt601", 640 * 360 * 3 / 2}, {zsim::kNV21, "NV21", "bt601", 640 * 360 * 3 / 2},
+        {zsim::kYUYV, "YUY2", "bt601", 640 * 360 * 2},     {zsim::kGREY, "GRAY8", "bt601", 640 * 360},
+        {zsim::kRGB24, "RGB", "1:1:16:4", 640 * 360 * 3},
     };
     for (const Case &c : cases) {
         zsim::CameraConfig config;
@@ -86,14 +105,15 @@ TEST_F(ZelispSrcTest, CapsFollowEveryViewFormatTheDriverReports)
         GstBuffer *buffer = gst_harness_pull(harness);
         ASSERT_NE(buffer, nullptr) << c.format;
         EXPECT_EQ(harness_caps(harness), std::string("video/x-raw, format=(string)") + c.format +
-                                             ", width=(int)640, height=(int)360, framerate=(fraction)0/1");
+                                             ", colorimetry=(string)" + c.colorimetry +
+                                             ", width=(int)640, height=(int)360, framerate=(fraction)30/1");
         EXPECT_EQ(gst_buffer_get_size(buffer), c.bytes) << c.format;
         GstVideoMeta *meta = gst_buffer_get_video_meta(buffer);
         ASSERT_NE(meta, nullptr);
         EXPECT_EQ(meta->stride[0], c.fourcc == zsim::kYUYV ? 1280 : c.fourcc == zsim::kRGB24 ? 1920 : 640);
-        if (c.fourcc == zsim::kNV12 || c.fourcc == zsim::kGREY) {
-            EXPECT_EQ(painted_number(buffer, 640, 360), 5u) << c.format;
-        }
+        GstCaps *caps = gst_pad_get_current_caps(harness->sinkpad);
+        EXPECT_EQ(painted_number(buffer, caps), 5u) << c.format;
+        gst_caps_unref(caps);
         gst_buffer_unref(buffer);
         gst_harness_teardown(harness);
     }
@@ -162,6 +182,60 @@ TEST_F(ZelispSrcTest, DownstreamHoldingBuffersGetsCopiesAndLosesNoFrame)
     }
     EXPECT_EQ(stats_field(harness->element, "copied"), 6u);
     gst_harness_teardown(harness);
+}
+
+TEST_F(ZelispSrcTest, CopiesStopAtMaxCopiesPastWhichFramesAreDroppedAndCounted)
+{
+    for (bool dmabuf : {false, true}) {
+        zsim::reset();
+        zsim::set_frame_mode(0, zsim::FrameMode::Scripted);
+        push_frames(0, 1, 6);
+        GstHarness *harness = source_harness("zelispsrc camera=0 buffers=3 max-copies=2");
+        if (dmabuf)
+            gst_harness_set_sink_caps_str(harness, "video/x-raw(memory:DMABuf)");
+        gst_harness_play(harness);
+        // Frame 1 is wrapped and held: the camera keeps two buffers. Frames
+        // 2 and 3 are copies, also held; 4 to 6 find no copy left.
+        std::vector<GstBuffer *> held;
+        for (int i = 0; i < 3; ++i)
+            held.push_back(gst_harness_pull(harness));
+        ASSERT_TRUE(eventually([&] { return stats_field(harness->element, "copies-exhausted") == 3; }));
+        // One copy comes back: frame 7 reuses its memory.
+        GstMemory *returned = gst_buffer_peek_memory(held[1], 0);
+        int returned_fd = dmabuf ? gst_dmabuf_memory_get_fd(returned) : -1;
+        GstMapInfo map;
+        ASSERT_TRUE(gst_memory_map(returned, &map, GST_MAP_READ));
+        const void *returned_data = map.data;
+        gst_memory_unmap(returned, &map);
+        gst_buffer_unref(held[1]);
+        held.erase(held.begin() + 1);
+        push_frames(0, 7, 1, 2000000);
+        GstBuffer *seventh = gst_harness_pull(harness);
+        ASSERT_NE(seventh, nullptr);
+        EXPECT_EQ(GST_BUFFER_OFFSET(seventh), 7u);
+        EXPECT_TRUE(GST_BUFFER_FLAG_IS_SET(seventh, GST_BUFFER_FLAG_DISCONT));
+        EXPECT_EQ(painted_number(seventh, 1920, 1080), 7u);
+        GstMemory *memory = gst_buffer_peek_memory(seventh, 0);
+        if (dmabuf) {
+            EXPECT_EQ(gst_dmabuf_memory_get_fd(memory), returned_fd);
+            EXPECT_EQ(descriptor_target(returned_fd).rfind("/memfd:zelisp-copy", 0), 0u);
+        } else {
+            ASSERT_TRUE(gst_memory_map(memory, &map, GST_MAP_READ));
+            EXPECT_EQ(map.data, returned_data);
+            gst_memory_unmap(memory, &map);
+        }
+        held.push_back(seventh);
+        EXPECT_EQ(GST_BUFFER_OFFSET(held[0]), 1u);
+        EXPECT_EQ(GST_BUFFER_OFFSET(held[1]), 3u);
+        EXPECT_EQ(stats_field(harness->element, "copied"), 3u);
+        EXPECT_EQ(stats_field(harness->element, "copies-exhausted"), 3u);
+        EXPECT_EQ(stats_field(harness->element, "dropped"), 3u);
+        EXPECT_EQ(stats_field(harness->element, "frames"), 4u);
+        EXPECT_EQ(zsim::counters(0).dropped, 0u) << "the camera never starved";
+        for (GstBuffer *buffer : held)
+            gst_buffer_unref(buffer);
+        gst_harness_teardown(harness);
+    }
 }
 
 TEST_F(ZelispSrcTest, SequenceGapsAreDiscontAndRefusedFramesAreCountedNotPushed)
@@ -300,6 +374,116 @@ TEST_F(ZelispSrcTest, ControlsGoToTheDriverWhilePlayingAndReadBackFromIt)
     gst_harness_teardown(harness);
 }
 
+TEST_F(ZelispSrcTest, ManualExposureGainAndWhiteBalanceGainsReachTheDriver)
+{
+    // The manual records cannot be read back: they show what was sent.
+    GstHarness *harness = playing_harness("zelispsrc camera=0 aec=1 exposure=20000 awb=false "
+                                          "wb-gains=\"<300, 256, 200>\"",
+                                          0, 1, 1);
+    GstBuffer *buffer = gst_harness_pull(harness);
+    ASSERT_NE(buffer, nullptr);
+    gst_buffer_unref(buffer);
+    // 36-byte payloads: the exposure words from byte 4, the gains (three
+    // times over) from byte 16, little-endian.
+    auto word = [](const std::vector<uint8_t> &payload, size_t at) { return payload[at] | payload[at + 1] << 8; };
+    std::vector<uint8_t> exposure = zsim::manual_payload(0, 0x00981992);
+    EXPECT_EQ(word(exposure, 4), 20000);
+    EXPECT_EQ(word(exposure, 6), 0); // gain: the driver's unity
+    std::vector<uint8_t> balance = zsim::manual_payload(0, 0x00981991);
+    EXPECT_EQ(balance[0], 1u); // the manual flag
+    for (size_t triple = 0; triple < 3; ++triple) {
+        EXPECT_EQ(word(balance, 16 + 6 * triple), 300);
+        EXPECT_EQ(word(balance, 18 + 6 * triple), 256);
+        EXPECT_EQ(word(balance, 20 + 6 * triple), 200);
+    }
+    // While playing; the gain goes with the exposure already set.
+    g_object_set(harness->element, "gain", 512u, nullptr);
+    exposure = zsim::manual_payload(0, 0x00981992);
+    EXPECT_EQ(word(exposure, 4), 20000);
+    EXPECT_EQ(word(exposure, 6), 512);
+    guint gain = 0;
+    g_object_get(harness->element, "gain", &gain, nullptr);
+    EXPECT_EQ(gain, 512u);
+    GValue gains = G_VALUE_INIT;
+    g_value_init(&gains, GST_TYPE_ARRAY);
+    g_object_get_property(G_OBJECT(harness->element), "wb-gains", &gains);
+    gchar *text = gst_value_serialize(&gains);
+    EXPECT_STREQ(text, "< (uint)300, (uint)256, (uint)200 >");
+    g_free(text);
+    g_value_unset(&gains);
+    // Not three gains: refused, nothing sent.
+    zsim::clear_log();
+    gst_util_set_object_arg(G_OBJECT(harness->element), "wb-gains", "<1, 2>");
+    EXPECT_TRUE(zsim::requests(VIDIOC_S_EXT_CTRLS).empty());
+    std::vector<std::string> logged = warnings();
+    ASSERT_EQ(logged.size(), 1u);
+    EXPECT_NE(logged[0].find("refused wb-gains: wb-gains takes three gains (red, green, blue), got 2"),
+              std::string::npos)
+        << logged[0];
+    gst_harness_teardown(harness);
+}
+
+TEST_F(ZelispSrcTest, TuningPropertiesAreControllableAndFollowTheirControlSource)
+{
+    GstElement *element = gst_element_factory_make("zelispsrc", nullptr);
+    for (const char *name : {"brightness", "contrast", "saturation", "hue", "gamma", "sharpness", "denoise-luma",
+                             "denoise-chroma", "awb", "aec", "exposure", "gain", "wb-gains"}) {
+        GParamSpec *pspec = g_object_class_find_property(G_OBJECT_GET_CLASS(element), name);
+        ASSERT_NE(pspec, nullptr) << name;
+        EXPECT_TRUE(pspec->flags & GST_PARAM_CONTROLLABLE) << name;
+    }
+    gst_object_unref(element);
+
+    // Brightness 40 from the start, 200 from 10 s: the first frames get 40.
+    zsim::set_frame_mode(0, zsim::FrameMode::Scripted);
+    push_frames(0, 1, 2);
+    GstHarness *harness = source_harness("zelispsrc camera=0");
+    GstControlSource *source = gst_interpolation_control_source_new();
+    g_object_set(source, "mode", GST_INTERPOLATION_MODE_NONE, nullptr);
+    GstTimedValueControlSource *timed = GST_TIMED_VALUE_CONTROL_SOURCE(source);
+    gst_timed_value_control_source_set(timed, 0, 40.0);
+    gst_timed_value_control_source_set(timed, 10 * GST_SECOND, 200.0);
+    gst_object_add_control_binding(GST_OBJECT(harness->element),
+                                   gst_direct_control_binding_new_absolute(GST_OBJECT(harness->element),
+                                                                           "brightness", source));
+    gst_object_unref(source);
+    gst_harness_play(harness);
+    for (int i = 0; i < 2; ++i)
+        gst_buffer_unref(gst_harness_pull(harness));
+    int32_t value = -1;
+    ASSERT_TRUE(zsim::control_value(0, V4L2_CID_BRIGHTNESS, &value));
+    EXPECT_EQ(value, 40);
+    gst_harness_teardown(harness);
+}
+
+TEST_F(ZelispSrcTest, ColourBalanceChannelsAreThePictureControls)
+{
+    GstHarness *harness = playing_harness("zelispsrc camera=0", 0, 1, 1);
+    gst_buffer_unref(gst_harness_pull(harness));
+    ASSERT_TRUE(GST_IS_COLOR_BALANCE(harness->element));
+    GstColorBalance *balance = GST_COLOR_BALANCE(harness->element);
+    EXPECT_EQ(gst_color_balance_get_balance_type(balance), GST_COLOR_BALANCE_HARDWARE);
+    std::vector<std::string> labels;
+    GstColorBalanceChannel *saturation = nullptr;
+    for (const GList *item = gst_color_balance_list_channels(balance); item; item = item->next) {
+        auto *channel = static_cast<GstColorBalanceChannel *>(item->data);
+        labels.push_back(channel->label);
+        EXPECT_EQ(channel->min_value, 0);
+        EXPECT_EQ(channel->max_value, 255);
+        if (labels.back() == "SATURATION")
+            saturation = channel;
+    }
+    EXPECT_EQ(labels, (std::vector<std::string>{"BRIGHTNESS", "CONTRAST", "SATURATION", "HUE"}));
+    ASSERT_NE(saturation, nullptr);
+    gst_color_balance_set_value(balance, saturation, 200);
+    int32_t value = -1;
+    ASSERT_TRUE(zsim::control_value(0, V4L2_CID_SATURATION, &value));
+    EXPECT_EQ(value, 200);
+    zsim::set_control_value(0, V4L2_CID_SATURATION, 90);
+    EXPECT_EQ(gst_color_balance_get_value(balance, saturation), 90); // what the driver holds
+    gst_harness_teardown(harness);
+}
+
 TEST_F(ZelispSrcTest, BadPropertyTextsAreRefusedAndTheOldValueKept)
 {
     GstElement *element = gst_element_factory_make("zelispsrc", "cam");
@@ -330,8 +514,9 @@ TEST_F(ZelispSrcTest, LibraryFailuresPostTheCallAndTheLibraryWords)
         std::function<void()> fault;
         const char *error;
     } cases[] = {
-        {"zelispsrc camera=7", [] {},
-         "isp_open_video: camera 7 could not be opened in mode 1 (see the library's line above)"},
+        {"zelispsrc camera=7", [] {}, "camera 7 does not exist: the platform lists cameras 0,1,2,3"},
+        {"zelispsrc camera=2", [] { zsim::set_open_errno("/dev/video2", EACCES); },
+         "isp_open_video: camera 2 could not be opened in mode 1: video device /dev/video2 open failed"},
         {"zelispsrc camera=0", [] { zsim::fail_request(VIDIOC_REQBUFS, 1, EIO); },
          "isp_init_video: a driver request failed, or the frame was refused (-11)"},
         {"zelispsrc camera=0 drop=30/7", [] {},

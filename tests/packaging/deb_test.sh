@@ -37,8 +37,10 @@ expect_files zelisp-sim /usr/bin/zelisp-sim-run /usr/lib/zelisp/libzelisp-sim.so
 field() { dpkg-deb -f "$(ls "$work"/debs/$1_*.deb)" "$2"; }
 [[ $(field libzelisp1 Depends) == *"libc6 (>="* ]] || fail "libzelisp1 depends on: $(field libzelisp1 Depends)"
 # The library of this version, the shared libraries the tool links (from
-# dpkg-shlibdeps) and the font of the contact sheet's labels.
-for needed in "libzelisp1 (= $version-1)" libpng16-16 libfreetype6 fonts-dejavu-core; do
+# dpkg-shlibdeps), the font of the contact sheet's labels, and the GStreamer
+# elements the web console's WebRTC view loads by name.
+for needed in "libzelisp1 (= $version-1)" libpng16-16 libfreetype6 fonts-dejavu-core libmicrohttpd12 \
+  gstreamer1.0-plugins-bad gstreamer1.0-nice; do
   [[ $(field zelisp-tools Depends) == *"$needed"* ]] ||
     fail "zelisp-tools does not depend on $needed: $(field zelisp-tools Depends)"
 done

@@ -8,9 +8,12 @@ sequence number as 32 cells in two complementary rows near the top.
 import http.client
 import json
 import os
+import re
 import signal
+import ssl
 import subprocess
 import tempfile
+import threading
 
 import cv2
 import numpy as np
@@ -24,7 +27,10 @@ LONG_WAIT_S = 60
 
 
 class Console:
-    def __init__(self, args=(), config=None):
+    """zelisp-cam serve on the simulator. `args` are serve's options; `env`
+    adds to the environment; `listen` replaces 127.0.0.1:0."""
+
+    def __init__(self, args=(), config=None, env=None, listen="127.0.0.1:0"):
         os.makedirs(OUT, exist_ok=True)
         command = [SIM_RUN]
         if config:
@@ -32,46 +38,95 @@ class Console:
             with os.fdopen(fd, "w") as f:
                 f.write(config)
             command += ["--config", path]
-        command += ["--", CAM, "serve", "--listen", "127.0.0.1:0", *args]
-        self.process = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        command += ["--", CAM, "serve", "--listen", listen, *args]
+        self.process = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+                                        env={**os.environ, **(env or {})})
+        # Standard error is read all along, so that the console never waits on a full pipe.
+        self.errors = []
+        self.error_reader = threading.Thread(target=self._read_errors, daemon=True)
+        self.error_reader.start()
         self.output = []
         self.port = None
+        self.scheme = "http"
+        self.token = None
         for line in self.process.stdout:
             self.output.append(line)
-            if line.startswith("zelisp-cam: serving"):
-                self.port = int(line.split("http://127.0.0.1:")[1].split("/")[0])
+            found = re.match(r"zelisp-cam: serving \d+ cameras? on (https?)://[^/]*:(\d+)/", line)
+            if found:
+                self.scheme, self.port = found.group(1), int(found.group(2))
+            made = re.search(r"/login\?token=(\S+)$", line)
+            if made:  # a token made for this run, printed before the serving line
+                self.token = made.group(1)
+            if self.port is not None:
                 break
         if self.port is None:
             self.process.wait(LONG_WAIT_S)
-            raise RuntimeError("server did not start: " + "".join(self.output) + self.process.stderr.read())
+            raise RuntimeError("server did not start: " + "".join(self.output) + self.stderr())
 
-    def stop(self):
-        """Ctrl-C; returns (exit status, the rest of standard output)."""
+    def _read_errors(self):
+        for line in self.process.stderr:
+            self.errors.append(line)
+
+    def stderr(self):
+        self.error_reader.join(timeout=LONG_WAIT_S if self.process.poll() is not None else 0)
+        return "".join(self.errors)
+
+    def rss_kb(self):
+        with open(f"/proc/{self.process.pid}/status") as f:
+            for line in f:
+                if line.startswith("VmRSS:"):
+                    return int(line.split()[1])
+        return 0
+
+    def stop(self, sig=signal.SIGINT):
+        """Ctrl-C (or `sig`); returns (exit status, the rest of standard output)."""
         if self.process.poll() is None:
-            self.process.send_signal(signal.SIGINT)
-        out, _ = self.process.communicate(timeout=LONG_WAIT_S)
+            self.process.send_signal(sig)
+        out = self.process.stdout.read()
+        self.process.wait(LONG_WAIT_S)
+        self.error_reader.join(LONG_WAIT_S)
         return self.process.returncode, out
 
     def __enter__(self):
         return self
 
-    def __exit__(self, *exc):
-        if self.process.poll() is None:
+    def __exit__(self, exc_type=None, *exc):
+        running = self.process.poll() is None
+        if running:
             self.process.send_signal(signal.SIGINT)
             try:
-                self.process.communicate(timeout=LONG_WAIT_S)
+                self.process.wait(LONG_WAIT_S)
             except subprocess.TimeoutExpired:
                 self.process.kill()
-                self.process.communicate()
+                self.process.wait()
+        self.process.stdout.close()
+        self.error_reader.join(LONG_WAIT_S)
+        # A console stopped by Ctrl-C exits 0: a sanitizer's report at the
+        # exit (a leak, say) makes it fail the test that ran it.
+        if running and exc_type is None:
+            assert self.process.returncode == 0, self.stderr()[-3000:]
 
-    def connection(self):
-        return http.client.HTTPConnection("127.0.0.1", self.port, timeout=LONG_WAIT_S)
+    def connection(self, timeout=LONG_WAIT_S):
+        if self.scheme == "https":
+            return http.client.HTTPSConnection("127.0.0.1", self.port, timeout=timeout,
+                                               context=ssl._create_unverified_context())
+        return http.client.HTTPConnection("127.0.0.1", self.port, timeout=timeout)
 
     def request(self, method, path, body=None, headers=None):
-        """Returns (status, headers, body bytes)."""
+        """Returns (status, headers, body bytes). A Host in `headers` replaces the usual one."""
         conn = self.connection()
         try:
-            conn.request(method, path, body=body, headers=headers or {})
+            headers = dict(headers or {})
+            if "Host" in headers:
+                conn.putrequest(method, path, skip_host=True, skip_accept_encoding=True)
+                for key, value in headers.items():
+                    conn.putheader(key, value)
+                data = body.encode() if isinstance(body, str) else body
+                if data is not None:
+                    conn.putheader("Content-Length", str(len(data)))
+                conn.endheaders(data)
+            else:
+                conn.request(method, path, body=body, headers=headers)
             response = conn.getresponse()
             return response.status, dict(response.getheaders()), response.read()
         finally:
@@ -81,17 +136,28 @@ class Console:
         body = raw if raw is not None else (None if value is None else json.dumps(value))
         all_headers = {"Content-Type": "application/json", **(headers or {})} if body is not None else headers
         status, _, data = self.request(method, path, body, all_headers)
-        return status, json.loads(data)
+        return status, json.loads(data) if data else None
 
-    def preview(self, camera, view, after=0, size="preview"):
+    def preview(self, camera, view, after=0, size="preview", headers=None):
         """The next picture newer than `after`: (generation, sequence, BGR image)."""
         for _ in range(LONG_WAIT_S):
-            status, headers, data = self.request("GET", f"/api/preview/{camera}/{view}.jpg?after={after}&size={size}")
+            status, answer, data = self.request(
+                "GET", f"/api/preview/{camera}/{view}.jpg?after={after}&size={size}", headers=headers)
             if status == 200:
                 image = cv2.imdecode(np.frombuffer(data, np.uint8), cv2.IMREAD_COLOR)
-                return int(headers["X-Preview-Generation"]), int(headers["X-Frame-Sequence"]), image
+                return int(answer["X-Preview-Generation"]), int(answer["X-Frame-Sequence"]), image
             assert status == 204, (status, data)
         raise AssertionError("no preview")
+
+    def stats(self, headers=None):
+        status, body = self.json("GET", "/api/stats", headers=headers)
+        assert status == 200, body
+        return body
+
+    def events(self, after=0, headers=None):
+        status, body = self.json("GET", f"/api/events?after={after}&wait=0", headers=headers)
+        assert status == 200, body
+        return body["events"]
 
 
 def luma(image):

@@ -7,15 +7,26 @@
  * stock encoder and payloader: no protocol of our own, any RTSP client
  * (rtspsrc, ffplay, VLC) plays it. A mount is shared: all its clients watch
  * one capture, and the camera is opened while at least one client plays.
- * Without --cameras it serves every camera the platform reports valid.
+ * Without --cameras it serves every camera the platform reports valid; a
+ * camera asked for that the platform does not list is skipped with a line.
+ *
+ * The server runs in the main loop. SIGINT and SIGTERM end it: clients are
+ * closed, their media stopped, and the process exits within two seconds even
+ * if a media pipeline does not stop.
  */
 #include <gst/gst.h>
 #include <gst/rtsp-server/rtsp-server.h>
 #include <glib-unix.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "zelisp.h"
@@ -23,11 +34,14 @@
 namespace {
 
 struct Options {
-    std::vector<int> cameras;
+    std::vector<int> cameras; // empty: every valid camera
     int port = 8554;
     std::string codec = "h264";
     std::string address = "0.0.0.0";
 };
+
+// How long the teardown after SIGINT or SIGTERM may take.
+constexpr auto kMostTeardown = std::chrono::milliseconds(1800);
 
 bool parse_cameras(const char *text, std::vector<int> *cameras)
 {
@@ -48,20 +62,100 @@ bool parse_cameras(const char *text, std::vector<int> *cameras)
     return !cameras->empty();
 }
 
-// The cameras the ISP platform lists as valid, in its order.
-std::vector<int> valid_cameras()
+std::string number_list(const std::vector<int> &numbers)
+{
+    std::string text;
+    for (int number : numbers)
+        text += (text.empty() ? "" : ",") + std::to_string(number);
+    return text;
+}
+
+// Reads the options; 0 to go on, else the exit status (the line printed).
+int parse_options(int *argc, char ***argv, Options *options)
+{
+    gchar *cameras_text = nullptr, *codec_text = nullptr, *address_text = nullptr;
+    GOptionEntry entries[] = {
+        {"cameras", 'c', 0, G_OPTION_ARG_STRING, &cameras_text,
+         "Cameras to serve, numbers 0..11 separated by commas (default: every valid camera)", "LIST"},
+        {"port", 'p', 0, G_OPTION_ARG_INT, &options->port,
+         "TCP port of the RTSP server (default 8554; 0: any free port)", "PORT"},
+        {"codec", 0, 0, G_OPTION_ARG_STRING, &codec_text, "h264 (default) or jpeg", "CODEC"},
+        {"address", 0, 0, G_OPTION_ARG_STRING, &address_text, "Address to listen on (default 0.0.0.0)", "ADDRESS"},
+        {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
+    };
+    GOptionContext *context = g_option_context_new("- serve the ISP cameras over RTSP");
+    g_option_context_set_summary(context, "Each camera N is served at rtsp://HOST:PORT/camN.");
+    g_option_context_add_main_entries(context, entries, nullptr);
+    g_option_context_add_group(context, gst_init_get_option_group());
+    GError *error = nullptr;
+    bool parsed = g_option_context_parse(context, argc, argv, &error);
+    g_option_context_free(context);
+    int status = 0;
+    if (!parsed) {
+        std::fprintf(stderr, "zelisp-rtsp: %s\n", error->message);
+        g_error_free(error);
+        status = 2;
+    }
+    if (status == 0 && codec_text)
+        options->codec = codec_text;
+    if (status == 0 && address_text)
+        options->address = address_text;
+    if (status == 0 && options->codec != "h264" && options->codec != "jpeg") {
+        std::fprintf(stderr, "zelisp-rtsp: --codec takes h264 or jpeg, got '%s'\n", options->codec.c_str());
+        status = 2;
+    }
+    if (status == 0 && (options->port < 0 || options->port > 65535)) {
+        std::fprintf(stderr, "zelisp-rtsp: --port takes 0..65535, got %d\n", options->port);
+        status = 2;
+    }
+    if (status == 0 && cameras_text && !parse_cameras(cameras_text, &options->cameras)) {
+        std::fprintf(stderr, "zelisp-rtsp: --cameras takes numbers 0..11 separated by commas, got '%s'\n",
+                     cameras_text);
+        status = 2;
+    }
+    g_free(cameras_text);
+    g_free(codec_text);
+    g_free(address_text);
+    return status;
+}
+
+// The cameras the ISP platform lists as valid, in its order; false when its
+// table cannot be read.
+bool valid_cameras(std::vector<int> *cameras)
 {
     uint32_t count = 0;
-    std::vector<int> cameras;
-    if (isp_get_valid_camera_count(&count) != ISP_OK || count == 0)
-        return cameras;
-    std::vector<zelvideo::_camera_info_t> records(count > 12 ? 12 : count);
+    if (isp_get_valid_camera_count(&count) != ISP_OK)
+        return false;
+    zelvideo::_camera_info_t records[12];
+    const uint32_t wanted = count < 12 ? count : 12;
     uint32_t filled = 0;
-    if (isp_get_valid_camera_info(records.data(), uint32_t(records.size()), &filled) != ISP_OK)
-        return cameras;
-    for (uint32_t i = 0; i < filled && i < records.size(); ++i)
-        cameras.push_back(records[i].camera_index);
-    return cameras;
+    if (wanted > 0 && isp_get_valid_camera_info(records, wanted, &filled) != ISP_OK)
+        return false;
+    for (uint32_t i = 0; i < wanted; ++i)
+        cameras->push_back(records[i].camera_index);
+    return true;
+}
+
+// The cameras to mount: those asked for that exist (a line for each one
+// skipped), or every valid one.
+std::vector<int> cameras_to_serve(const std::vector<int> &asked)
+{
+    std::vector<int> valid;
+    if (!valid_cameras(&valid)) {
+        std::fprintf(stderr, "zelisp-rtsp: the ISP platform's camera table cannot be read (/dev/isp_misc)\n");
+        return {};
+    }
+    if (asked.empty())
+        return valid;
+    std::vector<int> served;
+    for (int camera : asked) {
+        if (std::find(valid.begin(), valid.end(), camera) != valid.end())
+            served.push_back(camera);
+        else
+            std::fprintf(stderr, "zelisp-rtsp: camera %d skipped: the platform lists no such camera (it lists %s)\n",
+                         camera, valid.empty() ? "none" : number_list(valid).c_str());
+    }
+    return served;
 }
 
 // The media pipeline of one mount: payloader pay0, as the server expects.
@@ -76,93 +170,108 @@ std::string launch_line(int camera, const std::string &codec)
            "rtph264pay name=pay0 pt=96 config-interval=-1 )";
 }
 
+// One camera's media: shared by its clients. The media pipelines run on
+// the system clock.
+GstRTSPMediaFactory *camera_media(int camera, const Options &options)
+{
+    GstRTSPMediaFactory *media = gst_rtsp_media_factory_new();
+    gst_rtsp_media_factory_set_launch(media, launch_line(camera, options.codec).c_str());
+    gst_rtsp_media_factory_set_shared(media, TRUE);
+    return media;
+}
+
+void mount_cameras(GstRTSPServer *server, const std::vector<int> &cameras, const Options &options)
+{
+    GstRTSPMountPoints *mounts = gst_rtsp_server_get_mount_points(server);
+    for (int camera : cameras)
+        gst_rtsp_mount_points_add_factory(mounts, ("/cam" + std::to_string(camera)).c_str(),
+                                          camera_media(camera, options));
+    g_object_unref(mounts);
+}
+
 gboolean quit(gpointer loop)
 {
     g_main_loop_quit(static_cast<GMainLoop *>(loop));
     return G_SOURCE_REMOVE;
 }
 
+GstRTSPFilterResult close_client(GstRTSPServer *, GstRTSPClient *, gpointer)
+{
+    return GST_RTSP_FILTER_REMOVE;
+}
+
+GstRTSPFilterResult close_session(GstRTSPSessionPool *, GstRTSPSession *, gpointer)
+{
+    return GST_RTSP_FILTER_REMOVE;
+}
+
+// Closes every client and session, which stops their media. A pipeline
+// that does not stop cannot keep the process: after kMostTeardown it exits.
+void tear_down(GstRTSPServer *server, guint listening)
+{
+    std::mutex lock;
+    std::condition_variable finished;
+    bool done = false;
+    std::thread watchdog([&] {
+        std::unique_lock<std::mutex> guard(lock);
+        if (!finished.wait_for(guard, kMostTeardown, [&] { return done; })) {
+            std::fprintf(stderr, "zelisp-rtsp: the media did not stop in time; exiting\n");
+            std::fflush(stderr);
+            _exit(1);
+        }
+    });
+    g_source_remove(listening);
+    gst_rtsp_server_client_filter(server, close_client, nullptr);
+    GstRTSPSessionPool *sessions = gst_rtsp_server_get_session_pool(server);
+    g_list_free_full(gst_rtsp_session_pool_filter(sessions, close_session, nullptr), g_object_unref);
+    g_object_unref(sessions);
+    g_object_unref(server);
+    {
+        std::lock_guard<std::mutex> guard(lock);
+        done = true;
+    }
+    finished.notify_all();
+    watchdog.join();
+}
+
 } // namespace
 
 int main(int argc, char **argv)
 {
-    gchar *cameras_text = nullptr, *codec_text = nullptr, *address_text = nullptr;
     Options options;
-    GOptionEntry entries[] = {
-        {"cameras", 'c', 0, G_OPTION_ARG_STRING, &cameras_text,
-         "Cameras to serve, numbers 0..11 separated by commas (default: every valid camera)", "LIST"},
-        {"port", 'p', 0, G_OPTION_ARG_INT, &options.port, "TCP port of the RTSP server (default 8554; 0: any free port)",
-         "PORT"},
-        {"codec", 0, 0, G_OPTION_ARG_STRING, &codec_text, "h264 (default) or jpeg", "CODEC"},
-        {"address", 0, 0, G_OPTION_ARG_STRING, &address_text, "Address to listen on (default 0.0.0.0)", "ADDRESS"},
-        {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
-    };
-    GOptionContext *context = g_option_context_new("- serve the ISP cameras over RTSP");
-    g_option_context_set_summary(context, "Each camera N is served at rtsp://HOST:PORT/camN.");
-    g_option_context_add_main_entries(context, entries, nullptr);
-    g_option_context_add_group(context, gst_init_get_option_group());
-    GError *error = nullptr;
-    if (!g_option_context_parse(context, &argc, &argv, &error)) {
-        std::fprintf(stderr, "zelisp-rtsp: %s\n", error->message);
-        g_error_free(error);
-        g_option_context_free(context);
-        return 2;
-    }
-    g_option_context_free(context);
-    if (codec_text)
-        options.codec = codec_text;
-    if (address_text)
-        options.address = address_text;
-    if (options.codec != "h264" && options.codec != "jpeg") {
-        std::fprintf(stderr, "zelisp-rtsp: --codec takes h264 or jpeg, got '%s'\n", options.codec.c_str());
-        return 2;
-    }
-    if (options.port < 0 || options.port > 65535) {
-        std::fprintf(stderr, "zelisp-rtsp: --port takes 0..65535, got %d\n", options.port);
-        return 2;
-    }
-    if (cameras_text && !parse_cameras(cameras_text, &options.cameras)) {
-        std::fprintf(stderr, "zelisp-rtsp: --cameras takes numbers 0..11 separated by commas, got '%s'\n",
-                     cameras_text);
-        return 2;
-    }
-    g_free(cameras_text);
-    g_free(codec_text);
-    g_free(address_text);
-    if (options.cameras.empty())
-        options.cameras = valid_cameras();
-    if (options.cameras.empty()) {
-        std::fprintf(stderr, "zelisp-rtsp: no camera to serve (the platform reports none valid)\n");
-        return 1;
-    }
+    if (int status = parse_options(&argc, &argv, &options))
+        return status;
     GstElementFactory *factory = gst_element_factory_find("zelispsrc");
     if (!factory) {
         std::fprintf(stderr, "zelisp-rtsp: GStreamer has no zelispsrc: install the zelisp plugin, or point "
                              "GST_PLUGIN_PATH at the build's gst/ folder\n");
         return 1;
     }
+    // Loaded now: the plugin sends the library's lines to GStreamer's log,
+    // also those of the camera list below.
+    GstPluginFeature *loaded = gst_plugin_feature_load(GST_PLUGIN_FEATURE(factory));
     gst_object_unref(factory);
+    if (loaded)
+        gst_object_unref(loaded);
+    std::vector<int> cameras = cameras_to_serve(options.cameras);
+    if (cameras.empty()) {
+        std::fprintf(stderr, "zelisp-rtsp: no camera to serve\n");
+        return 1;
+    }
 
     GstRTSPServer *server = gst_rtsp_server_new();
     gst_rtsp_server_set_address(server, options.address.c_str());
     gst_rtsp_server_set_service(server, std::to_string(options.port).c_str());
-    GstRTSPMountPoints *mounts = gst_rtsp_server_get_mount_points(server);
-    for (int camera : options.cameras) {
-        GstRTSPMediaFactory *media = gst_rtsp_media_factory_new();
-        gst_rtsp_media_factory_set_launch(media, launch_line(camera, options.codec).c_str());
-        // One capture per camera, whatever the number of clients.
-        gst_rtsp_media_factory_set_shared(media, TRUE);
-        gst_rtsp_mount_points_add_factory(mounts, ("/cam" + std::to_string(camera)).c_str(), media);
-    }
-    g_object_unref(mounts);
-    if (gst_rtsp_server_attach(server, nullptr) == 0) {
+    mount_cameras(server, cameras, options);
+    guint listening = gst_rtsp_server_attach(server, nullptr);
+    if (listening == 0) {
         std::fprintf(stderr, "zelisp-rtsp: cannot listen on %s:%d\n", options.address.c_str(), options.port);
         g_object_unref(server);
         return 1;
     }
     int port = gst_rtsp_server_get_bound_port(server);
     std::string host = options.address == "0.0.0.0" ? "127.0.0.1" : options.address;
-    for (int camera : options.cameras)
+    for (int camera : cameras)
         std::printf("zelisp-rtsp: serving rtsp://%s:%d/cam%d\n", host.c_str(), port, camera);
     std::fflush(stdout);
 
@@ -170,7 +279,7 @@ int main(int argc, char **argv)
     g_unix_signal_add(SIGINT, quit, loop);
     g_unix_signal_add(SIGTERM, quit, loop);
     g_main_loop_run(loop);
+    tear_down(server, listening);
     g_main_loop_unref(loop);
-    g_object_unref(server);
     return 0;
 }

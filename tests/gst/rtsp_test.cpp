@@ -1,0 +1,146 @@
+// rtsp_test.cpp - zelisp-rtsp as a user runs it, with the clients users
+// point at it: rtspsrc, ffprobe and ffmpeg over UDP and TCP. Clients come
+// and go in every way they do (a clean teardown, a kill -9 mid-stream), and
+// the server keeps serving; SIGINT and SIGTERM stop it.
+#include <signal.h>
+#include <sys/wait.h>
+
+#include <gtest/gtest.h>
+
+#include <regex>
+
+#include "../tools/tool_run.h"
+#include "launch_support.h"
+
+namespace {
+
+using namespace zelisp_launch_test;
+using zelisp_tool_test::frame_number;
+using zelisp_tool_test::read_png_luma;
+using zelisp_tool_test::test_folder;
+
+const char *kSmallCameras = "[camera 0]\nview0 = NV12 640x360\n[camera 1]\nview0 = NV12 640x360\nfps = 10\n";
+
+bool have_ffmpeg() { return std::system("command -v ffmpeg >/dev/null && command -v ffprobe >/dev/null") == 0; }
+
+// The server on any free port, and the URL of its first mount.
+struct Server {
+    Background process;
+    std::string url;
+    std::vector<std::string> lines;
+
+    Server(const std::string &folder, const std::string &options, const std::string &config)
+        : process(folder, on_simulator("'" ZELISP_RTSP "' --port 0 " + options, config), "server.err")
+    {
+    }
+    // Reads `mounts` serving lines.
+    bool started(int mounts)
+    {
+        std::regex serving(R"(zelisp-rtsp: serving (rtsp://127\.0\.0\.1:\d+/cam\d+)\n)");
+        for (int i = 0; i < mounts; ++i) {
+            lines.push_back(process.line());
+            std::smatch match;
+            if (!std::regex_match(lines.back(), match, serving))
+                return false;
+            if (url.empty())
+                url = match[1].str();
+        }
+        return true;
+    }
+};
+
+// ffprobe's answer: the mount plays (DESCRIBE, SETUP, PLAY, TEARDOWN).
+std::string probe_width(const std::string &folder, const std::string &url)
+{
+    Launch probe = run(folder, "ffprobe -v error -show_entries stream=width -of csv=p=0 " + url);
+    return probe.status == 0 ? probe.out : "failed (" + std::to_string(probe.status) + "): " + probe.out;
+}
+
+TEST(ZelispRtsp, ServesTheCamerasThatExistAndStopsOnSigterm)
+{
+    std::string folder = test_folder();
+    std::string config = write_config(folder, kSmallCameras);
+    Server server(folder, "--cameras 1,5,0", config);
+    ASSERT_TRUE(server.started(2)) << testing::PrintToString(server.lines) << read_text(server.process.err_path);
+    EXPECT_NE(server.lines[0].find("/cam1\n"), std::string::npos);
+    EXPECT_NE(server.lines[1].find("/cam0\n"), std::string::npos);
+    Launch client = run(folder, on_simulator("gst-launch-1.0 rtspsrc location=" + server.url +
+                                             " ! rtph264depay ! h264parse ! decodebin ! videoconvert ! "
+                                             "pngenc snapshot=true ! filesink location=cam1.png"));
+    ASSERT_EQ(client.status, 0) << client.out;
+    auto image = read_png_luma(folder + "/cam1.png");
+    ASSERT_TRUE(image.has_value());
+    EXPECT_EQ(image->width, 640u);
+    EXPECT_TRUE(frame_number(*image).has_value());
+    kill(server.process.pid, SIGTERM);
+    std::optional<int> status = server.process.finish(30);
+    ASSERT_TRUE(status.has_value()) << "still running 30 s after SIGTERM";
+    EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0);
+    EXPECT_EQ(read_text(server.process.err_path),
+              "zelisp-rtsp: camera 5 skipped: the platform lists no such camera (it lists 0,1,2,3)\n");
+
+    Launch refused = run(folder, on_simulator("'" ZELISP_RTSP "' --cameras 12"));
+    EXPECT_EQ(refused.status, 2);
+    EXPECT_EQ(refused.out, "zelisp-rtsp: --cameras takes numbers 0..11 separated by commas, got '12'\n");
+    Launch none = run(folder, on_simulator("'" ZELISP_RTSP "' --cameras 7", config));
+    EXPECT_EQ(none.status, 1);
+    EXPECT_EQ(none.out, "zelisp-rtsp: camera 7 skipped: the platform lists no such camera (it lists 0,1,2,3)\n"
+                        "zelisp-rtsp: no camera to serve\n");
+}
+
+TEST(ZelispRtsp, EveryKindOfClientLeavingLeavesItServing)
+{
+    if (!have_ffmpeg())
+        GTEST_SKIP() << "ffmpeg and ffprobe are not installed (scripts/setup.sh installs them)";
+    std::string folder = test_folder();
+    std::string config = write_config(folder, kSmallCameras);
+    Server server(folder, "--cameras 0", config);
+    ASSERT_TRUE(server.started(1)) << read_text(server.process.err_path);
+    const char *kinds[] = {"ffprobe", "ffmpeg over UDP, killed", "ffmpeg over TCP, killed", "rtspsrc"};
+    for (int round = 0; round < 10; ++round) {
+        const std::string kind = kinds[round % 4];
+        if (kind == "ffprobe") {
+            ASSERT_EQ(probe_width(folder, server.url), "640\n") << "round " << round;
+        } else if (kind == "rtspsrc") {
+            Launch client = run(folder, on_simulator("gst-launch-1.0 rtspsrc location=" + server.url +
+                                                     " ! rtph264depay ! h264parse ! fakesink num-buffers=5"));
+            ASSERT_EQ(client.status, 0) << "round " << round << "\n" << client.out;
+        } else {
+            // Killed once it has decoded a frame: mid-stream.
+            std::string transport = kind.find("UDP") != std::string::npos ? "udp" : "tcp";
+            Background client(folder, "ffmpeg -v error -rtsp_transport " + transport + " -i " + server.url +
+                                          " -f rawvideo -pix_fmt gray -", "client.err");
+            std::vector<char> frame(640 * 360);
+            ASSERT_EQ(std::fread(frame.data(), 1, frame.size(), client.out), frame.size())
+                << "round " << round << ": " << read_text(client.err_path);
+            kill(client.pid, SIGKILL);
+            ASSERT_TRUE(client.finish(30).has_value());
+        }
+        // Serving again, for a new client.
+        EXPECT_EQ(probe_width(folder, server.url), "640\n") << "after " << kind << ", round " << round;
+    }
+    kill(server.process.pid, SIGINT);
+    std::optional<int> status = server.process.finish(30);
+    ASSERT_TRUE(status.has_value()) << "still running 30 s after SIGINT";
+    EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << read_text(server.process.err_path);
+}
+
+TEST(ZelispRtsp, SigintStopsItWhileAClientPlays)
+{
+    if (!have_ffmpeg())
+        GTEST_SKIP() << "ffmpeg is not installed (scripts/setup.sh installs it)";
+    std::string folder = test_folder();
+    std::string config = write_config(folder, kSmallCameras);
+    Server server(folder, "--cameras 1 --codec jpeg", config);
+    ASSERT_TRUE(server.started(1)) << read_text(server.process.err_path);
+    Background client(folder, "ffmpeg -v error -rtsp_transport tcp -i " + server.url + " -f rawvideo -pix_fmt gray -",
+                      "client.err");
+    std::vector<char> frame(640 * 360);
+    ASSERT_EQ(std::fread(frame.data(), 1, frame.size(), client.out), frame.size()) << read_text(client.err_path);
+    kill(server.process.pid, SIGINT);
+    std::optional<int> status = server.process.finish(30);
+    ASSERT_TRUE(status.has_value()) << "still running 30 s after SIGINT";
+    EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << read_text(server.process.err_path);
+}
+
+} // namespace

@@ -4,12 +4,14 @@
  * V4L2 loop, counted from the first frame (no warm-up), so that the
  * simulator's start-up (buffer painting, image processing) is measured too.
  *
- *   zelisp_bench_sim_load CAMERAS WIDTH HEIGHT FPS SECONDS default|changed|changing
+ *   zelisp_bench_sim_load CAMERAS WIDTH HEIGHT FPS SECONDS default|changed|changing|noisy
  *
  * "changed" sets every picture control away from its default after the
  * buffers are allocated, as an application does after set-up; "changing"
  * also changes the brightness of every camera once a second while
- * streaming. Prints one JSON object.
+ * streaming; "noisy" keeps the defaults and gives every camera sensor noise
+ * of standard deviation 4, which is painted over every frame. Prints one
+ * JSON object, with the longest any single dequeue or queue request took.
  */
 #include <linux/videodev2.h>
 #include <poll.h>
@@ -58,6 +60,17 @@ bool request(int fd, unsigned long what, void *arg)
         if (errno != EINTR)
             return false;
     return true;
+}
+
+// A frame request, timed: a request that waits on the driver shows here.
+double longest_request = 0;
+
+bool timed_request(int fd, unsigned long what, void *arg)
+{
+    const double start = now_s();
+    const bool done = request(fd, what, arg);
+    longest_request = std::max(longest_request, now_s() - start);
+    return done;
 }
 
 void set_control(int fd, uint32_t id, int32_t value)
@@ -117,6 +130,7 @@ int main(int argc, char **argv)
     const std::string controls = argv[6];
     const bool changed = controls == "changed" || controls == "changing";
     const bool changing = controls == "changing";
+    const bool noisy = controls == "noisy";
     if (cameras < 1 || cameras > 12 || !zsim::active())
         return 64;
 
@@ -127,6 +141,7 @@ int main(int argc, char **argv)
         config.sensor_width = std::max(width, 1920u);
         config.sensor_height = std::max(height, 1080u);
         config.views[0] = {zsim::kNV12, width, height};
+        config.noise = noisy ? 4 : 0;
         zsim::set_camera(c, config);
         const std::string path = "/dev/video" + std::to_string(c);
         int fd = open(path.c_str(), O_RDWR | O_NONBLOCK);
@@ -191,8 +206,8 @@ int main(int argc, char **argv)
             buf.memory = V4L2_MEMORY_MMAP;
             buf.m.planes = planes;
             buf.length = 3;
-            while (request(wait.fd, VIDIOC_DQBUF, &buf))
-                request(wait.fd, VIDIOC_QBUF, &buf);
+            while (timed_request(wait.fd, VIDIOC_DQBUF, &buf))
+                timed_request(wait.fd, VIDIOC_QBUF, &buf);
         }
         if (changing && now_s() >= next_change) {
             brightness = brightness == 150 ? 110 : 150;
@@ -219,9 +234,11 @@ int main(int argc, char **argv)
     }
     std::printf("{\"cameras\": %d, \"width\": %u, \"height\": %u, \"fps\": %u, \"controls\": \"%s\", "
                 "\"seconds\": %.2f, \"produced\": %llu, \"delivered\": %llu, \"dropped\": %llu, "
-                "\"dropped_first_second\": %llu, \"reader_stall_ms\": %.1f, \"cpu_percent\": %.1f}\n",
+                "\"dropped_first_second\": %llu, \"reader_stall_ms\": %.1f, \"longest_request_ms\": %.2f, "
+                "\"cpu_percent\": %.1f}\n",
                 cameras, width, height, fps, controls.c_str(), elapsed,
                 (unsigned long long)produced, (unsigned long long)delivered, (unsigned long long)dropped,
-                (unsigned long long)dropped_first_second, 1000.0 * longest_stall, 100.0 * cpu / elapsed);
+                (unsigned long long)dropped_first_second, 1000.0 * longest_stall, 1000.0 * longest_request,
+                100.0 * cpu / elapsed);
     return 0;
 }

@@ -49,7 +49,10 @@ a synchronized group into PNG or raw files with a JSON summary."
   "sim|zelisp-sim|devel||simulated ISP camera driver for developing without a board|libzelisp-sim.so plays the board's kernel drivers in user space
 (/dev/video0..23, /dev/isp_misc) for an unmodified program started with
 zelisp-sim-run."
-  "gstreamer|gstreamer1.0-zelisp|video|runtime|GStreamer elements for ISP cameras through libzelisp|GStreamer source elements built on libzelisp."
+  "gstreamer|gstreamer1.0-zelisp|video|runtime|GStreamer elements for ISP cameras through libzelisp|GStreamer source elements built on libzelisp, the RTSP server zelisp-rtsp
+(one mount per camera or camera group, on a PTP or NTP clock it names in
+the SDP), and zelisp-rig, which records the streams of several boards on
+one clock and lines their frames up into frame sets."
   "python|python3-zelisp|python|runtime|Python bindings of libzelisp|The zelisp Python package: cameras and frames as Python objects, frames
 as numpy arrays."
 )
@@ -112,6 +115,12 @@ gstreamer1.0-plugins-bad, gstreamer1.0-nice")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS "gstreamer1.0-plugins-ugly")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS "zelisp-sim")
 set(CPACK_DEBIAN_SIM_PACKAGE_SUGGESTS "zelisp-tools")
+# zelisp-rtsp and zelisp-rig build their pipelines from stock elements
+# (payloaders, rtspsrc, parsers, matroskamux, splitmuxsink, jpegenc); the
+# x264 encoder and a PTP grandmaster are for the rigs that want them.
+set(CPACK_DEBIAN_GSTREAMER_PACKAGE_DEPENDS "gstreamer1.0-plugins-base, gstreamer1.0-plugins-good, gstreamer1.0-plugins-bad")
+set(CPACK_DEBIAN_GSTREAMER_PACKAGE_RECOMMENDS "gstreamer1.0-plugins-ugly")
+set(CPACK_DEBIAN_GSTREAMER_PACKAGE_SUGGESTS "linuxptp")
 # The extension is built for one interpreter version and against numpy 1.x's
 # C interface, whose binary version (9) numpy's package provides.
 if(ZELISP_PYTHON_VERSION)

@@ -18,6 +18,8 @@ packages=(
   gstreamer1.0-rtsp
   gstreamer1.0-plugins-base-apps   # gst-device-monitor-1.0, which the device provider's test runs
   ffmpeg                 # ffprobe and ffmpeg as RTSP clients of zelisp-rtsp's tests
+  # the rig test (tests/rig, scripts/sim-rig.sh): boards in network namespaces (ip) with a PTP grandmaster
+  iproute2 linuxptp
   # Python package (python/): Debian's interpreter, numpy, OpenCV for the recipes, pytest;
   # the wheel built and installed offline (build, setuptools, wheel, pybind11's Python side, venv
   # with its pip), and mypy for checking the stubs against the module

@@ -7,7 +7,8 @@
  * LD_PRELOAD (ahead of any preload already set), names the configuration
  * file in ZELISP_SIM_CONFIG, and executes the program in its place. The
  * program and everything it starts are one board: they share the board's
- * start instant (ZELISP_SIM_BOARD_START), from which its clocks drift, and a
+ * state (the segment ZELISP_SIM_BOARD names, made by the program) and its
+ * start instant (ZELISP_SIM_BOARD_START), from which its clocks drift; a
  * runner started inside another board starts a board of its own. An error
  * in the file stops the program before its main() with status 2 (the
  * simulator prints FILE:LINE: message); --config-errors=warn runs it on the
@@ -40,7 +41,8 @@ int help()
     std::printf("Usage: zelisp-sim-run [--config FILE] [--config-errors=stop|warn] -- PROGRAM ARGS...\n"
                 "Run PROGRAM on the simulated ISP camera drivers: /dev/video0..23 and /dev/isp_misc are\n"
                 "played in user space by libzelisp-sim.so, put in front of the program's C library.\n"
-                "PROGRAM and every program it starts are one board, with the board's own clocks.\n"
+                "PROGRAM and every program it starts are one board: they share its cameras,\n"
+                "controls and clocks.\n"
                 "\n"
                 "Options:\n"
                 "  --config FILE               board set-up: cameras, view formats, frame rates, faults\n"
@@ -115,15 +117,16 @@ bool set_config(const char *path)
     return setenv("ZELISP_SIM_CONFIG", name, 1) == 0;
 }
 
-// The board starts now: the host's CLOCK_MONOTONIC in nanoseconds. Read by
-// the system call itself, which no board shifts: a runner started inside
-// another board runs on that board's simulator.
-bool set_board_start()
+// A new board starts now: the program makes its shared state (a board
+// named in the environment would be the one this runner was started in),
+// and its clocks count from the host's CLOCK_MONOTONIC now, in
+// nanoseconds, read by the system call itself, which no board shifts.
+bool start_board()
 {
     timespec now;
     syscall(SYS_clock_gettime, CLOCK_MONOTONIC, &now);
     const std::string start = std::to_string(int64_t(now.tv_sec) * 1000000000 + now.tv_nsec);
-    return setenv("ZELISP_SIM_BOARD_START", start.c_str(), 1) == 0;
+    return unsetenv("ZELISP_SIM_BOARD") == 0 && setenv("ZELISP_SIM_BOARD_START", start.c_str(), 1) == 0;
 }
 
 } // namespace
@@ -152,7 +155,7 @@ int main(int argc, char **argv)
         return usage();
     char **program = argv + i + 1;
 
-    if ((config && !set_config(config)) || !set_board_start())
+    if ((config && !set_config(config)) || !start_board())
         return 2;
     if (!set_preload(simulator_library())) {
         std::perror("zelisp-sim-run: LD_PRELOAD");

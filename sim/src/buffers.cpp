@@ -30,11 +30,15 @@ constexpr unsigned kPlaneSlots = 4; // offset = (buffer * 4 + plane) pages
 
 size_t page_align(size_t bytes) { return std::max(kPage, (bytes + kPage - 1) / kPage * kPage); }
 
+uint64_t g_next_plane_id = 1; // under the core's lock
+
+// The memory goes when its last holder lets go: the plane, or a frame
+// being painted into it.
 void release_plane(Plane &plane)
 {
-    if (plane.data)
-        real::munmap(plane.data, plane.length);
-    if (plane.memfd >= 0)
+    if (plane.memory)
+        plane.memory.reset();
+    else if (plane.memfd >= 0)
         real::close(plane.memfd);
     plane = Plane();
 }
@@ -43,6 +47,7 @@ int allocate_plane(Plane &plane, const ViewFormat &format)
 {
     plane.format = format;
     plane.length = page_align(image_size(format));
+    plane.id = g_next_plane_id++;
     plane.memfd = memfd_create("zelisp-sim-plane", MFD_CLOEXEC);
     if (plane.memfd < 0)
         return errno;
@@ -52,6 +57,12 @@ int allocate_plane(Plane &plane, const ViewFormat &format)
     if (data == MAP_FAILED)
         return errno;
     plane.data = static_cast<uint8_t *>(data);
+    const size_t length = plane.length;
+    const int memfd = plane.memfd;
+    plane.memory = std::shared_ptr<uint8_t>(plane.data, [length, memfd](uint8_t *view) {
+        real::munmap(view, length);
+        real::close(memfd);
+    });
     return 0;
 }
 
@@ -82,8 +93,8 @@ int allocate_buffers(State &s, int node, uint32_t count)
 
 uint32_t buffer_flags(const Buffer &buffer)
 {
-    uint32_t flags = V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC | V4L2_BUF_FLAG_TSTAMP_SRC_EOF;
-    if (buffer.state == BufferState::Queued)
+    uint32_t flags = V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC | V4L2_BUF_FLAG_TSTAMP_SRC_EOF | mapped_flag(buffer);
+    if (buffer.state == BufferState::Queued || buffer.state == BufferState::Painting)
         flags |= V4L2_BUF_FLAG_QUEUED;
     if (buffer.state == BufferState::Filled)
         flags |= V4L2_BUF_FLAG_DONE;
@@ -105,6 +116,29 @@ bool plane_at_offset(const Node &n, uint64_t offset, int *buffer, int *plane)
 
 } // namespace
 
+uint32_t mapped_flag(const Buffer &buffer)
+{
+    for (const Plane &plane : buffer.planes)
+        if (plane.users > 0)
+            return V4L2_BUF_FLAG_MAPPED;
+    return 0;
+}
+
+// The plane is found among the buffers that exist: one freed since has no
+// count to keep.
+void count_plane_user(State &s, uint64_t id, int change)
+{
+    if (id == 0)
+        return;
+    for (Node &n : s.nodes)
+        for (Buffer &buffer : n.buffers)
+            for (Plane &plane : buffer.planes)
+                if (plane.id == id) {
+                    plane.users += change;
+                    return;
+                }
+}
+
 uint32_t plane_offset(int buffer, int plane) { return uint32_t((unsigned(buffer) * kPlaneSlots + unsigned(plane)) * kPage); }
 
 void free_buffers(State &s, int node)
@@ -116,6 +150,7 @@ void free_buffers(State &s, int node)
     n.buffers.clear();
     n.filled.clear();
     n.queued.clear();
+    ++n.queue_generation;
     drain_filled(n);
 }
 
@@ -182,6 +217,7 @@ int export_buffer(State &s, int node, v4l2_exportbuffer *exp, LogNote *note)
         return errno;
     auto file = std::make_shared<OpenFile>();
     file->flags = exp->flags & O_ACCMODE;
+    file->plane = plane.id;
     file->path = node_path(node) + "/buffer" + std::to_string(exp->index) + "/plane" + std::to_string(exp->plane);
     track_descriptor(s, fd, std::move(file));
     exp->fd = fd;
@@ -202,6 +238,7 @@ void *sim_mmap(void *addr, size_t length, int prot, int flags, int fd, off_t off
     LogEntry entry{file->path, kMmap, "mmap", detail, {}, 0};
     int err = take_fault(s, kMmap, file->path);
     void *result = MAP_FAILED;
+    uint64_t plane_id = file->plane;
     if (!err && file->node < 0) {
         result = real::mmap(addr, length, prot, flags, fd, offset); // an export maps its memfd directly
         if (result == MAP_FAILED)
@@ -209,20 +246,24 @@ void *sim_mmap(void *addr, size_t length, int prot, int flags, int fd, off_t off
     } else if (!err) {
         const Node &n = s.nodes[file->node];
         int buffer = 0, plane = 0;
-        if (file->plain || file->node == kMiscNode)
+        if (file->plain || file->node == kMiscNode || node_disconnected(file->node))
             err = ENODEV;
         else if (!plane_at_offset(n, uint64_t(offset), &buffer, &plane) ||
                  length > n.buffers[size_t(buffer)].planes[size_t(plane)].length || !(flags & MAP_SHARED))
             err = EINVAL;
         else {
-            result = real::mmap(addr, length, prot, flags, n.buffers[size_t(buffer)].planes[size_t(plane)].memfd, 0);
+            const Plane &mapped = n.buffers[size_t(buffer)].planes[size_t(plane)];
+            result = real::mmap(addr, length, prot, flags, mapped.memfd, 0);
             if (result == MAP_FAILED)
                 err = errno;
+            plane_id = mapped.id;
             entry.detail += " buffer=" + std::to_string(buffer) + " plane=" + std::to_string(plane);
         }
     }
-    if (!err)
-        s.mappings[reinterpret_cast<uintptr_t>(result)] = Mapping{length, file->path};
+    if (!err) {
+        s.mappings[reinterpret_cast<uintptr_t>(result)] = Mapping{length, file->path, plane_id};
+        count_plane_user(s, plane_id, +1);
+    }
     return finish_request(s, std::move(entry), err, 0) < 0 ? MAP_FAILED : result;
 }
 
@@ -251,13 +292,17 @@ int sim_munmap(void *addr, size_t length, bool *handled)
         std::vector<std::pair<uintptr_t, Mapping>> remains;
         auto it = first;
         for (; it != s.mappings.end() && it->first < end; ++it) {
-            uintptr_t map_end = it->first + page_align(it->second.length);
+            const Mapping &mapping = it->second;
+            uintptr_t map_end = it->first + page_align(mapping.length);
             if (it->first < begin)
-                remains.push_back({it->first, Mapping{begin - it->first, it->second.path}});
+                remains.push_back({it->first, Mapping{begin - it->first, mapping.path, mapping.plane}});
             if (map_end > end)
-                remains.push_back({end, Mapping{map_end - end, it->second.path}});
+                remains.push_back({end, Mapping{map_end - end, mapping.path, mapping.plane}});
+            count_plane_user(s, mapping.plane, -1);
         }
         s.mappings.erase(first, it);
+        for (const auto &remain : remains)
+            count_plane_user(s, remain.second.plane, +1);
         s.mappings.insert(remains.begin(), remains.end());
     }
     return finish_request(s, LogEntry{path, kMunmap, "munmap", "length=" + std::to_string(length), {}, 0}, err, 0);

@@ -42,12 +42,18 @@ int get_stream_parameters(const State &s, int node, v4l2_streamparm *parm, LogNo
 int set_stream_parameters(State &s, int node, v4l2_streamparm *parm, LogNote *note);
 
 // ---- queue_ownership.cpp
-// EBUSY when request uses the node's buffer queue and another open file
-// owns it; a successful REQBUFS makes `file` the owner (count 0: no owner).
+// EBUSY when request uses the node's buffer queue and another open file or
+// another process of the board owns it, or changes the camera's set-up
+// while another process streams it; a REQBUFS for buffers claims the queue
+// for this process. A successful REQBUFS makes `file` the owner (count 0:
+// no owner); after any REQBUFS the process's claim follows its buffers.
 int check_queue_owner(State &s, int node, const std::shared_ptr<OpenFile> &file, uint32_t request,
                       const void *arg);
 void note_queue_owner(State &s, int node, const std::shared_ptr<OpenFile> &file, uint32_t request,
                       const void *arg);
+void settle_queue_claim(State &s, int node);
+// Requests that change the camera's set-up, which the board's processes share.
+bool changes_setup(uint32_t request);
 
 // ---- access_priority.cpp
 // EBUSY when request changes the device and another open file of the node

@@ -61,13 +61,17 @@ void shift_reading(clockid_t clock, timespec *now)
         *now = timespec_of(to_board(clock, nanoseconds(*now)));
 }
 
+// Deadlines this far ahead stand for "never" (programs pass the largest
+// time they can); shifting them would overflow.
+constexpr time_t kNever = time_t(1) << 33; // the year 2242
+
 // A deadline on the board's `clock` as the host's: the original when there
-// is nothing to translate, or when it is malformed (the C library refuses
-// it with EINVAL as it is).
+// is nothing to translate, when it means never, or when it is malformed
+// (the C library refuses it with EINVAL as it is).
 const timespec *host_deadline(clockid_t clock, const timespec *deadline, timespec *storage)
 {
     if (!deadline || !board_time_here() || !board_keeps(clock) || deadline->tv_nsec < 0 ||
-        deadline->tv_nsec >= kBillion || deadline->tv_sec < 0)
+        deadline->tv_nsec >= kBillion || deadline->tv_sec < 0 || deadline->tv_sec >= kNever)
         return deadline;
     *storage = timespec_of(to_host(clock, nanoseconds(*deadline)));
     return storage;

@@ -4,7 +4,9 @@
 //
 //   [cameras]            present = 0,1,2,3
 //   [camera 2]           fps, view0..view2 ("NV12 1920x1080"), sensor,
-//                        supported_combination, max_buffers, mode
+//                        supported_combination, max_buffers, mode, source,
+//                        noise, drop_percent, error_every, disconnect_after,
+//                        start values of the controls
 //   [node /dev/video5]   kind, open_errno, close_errno
 //   [platform]           valid_camera_count, trigger_mode
 //   [board]              clock_offset_ms, clock_drift_ppm, trigger_line,
@@ -20,6 +22,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -28,6 +31,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "board_state.h"
 #include "control_table.h"
 #include "scene_source.h"
 #include "sim_internal.h"
@@ -101,7 +105,9 @@ struct Parser {
     int line = 0;
     std::string directory; // of the file: relative sources are found from there
     Section section = Section::None;
+    std::string section_name; // as the header named it, for messages and duplicates
     int camera = -1; // of a [camera N] section
+    std::map<std::string, int> keys_seen; // "section\nkey" -> the line that set it
     std::string error; // first error, without its location
     int error_line = 0;
     Plan plan;
@@ -254,6 +260,7 @@ bool valid_line_name(const std::string &name)
 bool begin_section(Parser *parser, const std::string &name)
 {
     parser->section = Section::None;
+    parser->section_name = name;
     if (name == "cameras") {
         parser->section = Section::Cameras;
     } else if (name == "platform") {
@@ -273,6 +280,7 @@ bool begin_section(Parser *parser, const std::string &name)
         if (!parse_uint(trim(name.substr(7)), kCameras - 1, &camera))
             return parser->fail("camera number in [" + name + "] must be 0 to 11");
         parser->section = Section::Camera;
+        parser->section_name = "camera " + std::to_string(camera); // [camera 02] is [camera 2]
         parser->camera = int(camera);
         CameraPlan &plan = parser->plan.cameras[camera];
         if (!plan.configured) {
@@ -307,6 +315,9 @@ char *read_line(char *text, int size, void *stream)
     if (c == EOF && got.empty())
         return nullptr;
     ++parser->line;
+    // Editors on other systems start UTF-8 files with a byte-order mark.
+    if (parser->line == 1 && got.compare(0, 3, "\xEF\xBB\xBF") == 0)
+        got.erase(0, 3);
     if (got.size() >= kMaxLineLength) {
         parser->fail("line of " + std::to_string(kMaxLineLength) + " characters or more");
         got.clear();
@@ -421,6 +432,12 @@ bool camera_key(Parser *parser, const std::string &key, const std::string &value
             config.noise = 0;
         else if (!parse_uint(value, kMaxNoise, &config.noise))
             return parser->fail(bad + "none, or a standard deviation 0 to 64");
+    } else if (key == "drop_percent") {
+        if (!parse_uint(value, 100, &config.drop_percent))
+            return parser->fail(bad + "a percentage of frames, 0 to 100");
+    } else if (key == "error_every" || key == "disconnect_after") {
+        if (!parse_uint(value, UINT32_MAX, key == "error_every" ? &config.error_every : &config.disconnect_after))
+            return parser->fail(bad + "a number of frames, 0 for never");
     } else if (key == "mode") {
         if (value != "scripted" && value != "free")
             return parser->fail(bad + "scripted or free");
@@ -560,11 +577,24 @@ bool line_key(Parser *parser, const std::string &key, const std::string &value)
     return true;
 }
 
+// A key given twice in one section (or in two sections of the same name)
+// is a mistake whichever value was meant: neither wins.
+bool first_time(Parser *parser, const std::string &key)
+{
+    const auto [seen, inserted] = parser->keys_seen.emplace(parser->section_name + "\n" + key, parser->line);
+    if (inserted)
+        return true;
+    return parser->fail("duplicate key '" + key + "' in [" + parser->section_name + "], first given on line " +
+                        std::to_string(seen->second));
+}
+
 int on_key(void *user, const char *, const char *name, const char *value)
 {
     auto *parser = static_cast<Parser *>(user);
     const std::string key = trim(name);
     const std::string text = trim(value);
+    if (parser->section != Section::None && !first_time(parser, key))
+        return 0;
     switch (parser->section) {
     case Section::Cameras:
         return present_key(parser, key, text);
@@ -659,8 +689,11 @@ void apply(const Plan &plan)
         if (!each.configured)
             continue;
         set_camera(camera, each.config);
+        // The start values are the board's at its start: a process that
+        // joins a running board finds the values as others left them.
         for (const auto &control : each.controls)
-            set_control_value(camera, control.first, control.second);
+            if (!detail::adopting_board())
+                set_control_value(camera, control.first, control.second);
         if (each.has_mode) {
             set_frame_mode(camera, each.mode);
             set_frame_mode(camera + kCameras, each.mode);
@@ -672,7 +705,7 @@ void apply(const Plan &plan)
         set_board_clock(plan.clock);
     if (!plan.line.name.empty())
         set_trigger_line(plan.line);
-    if (plan.has_trigger_mode)
+    if (plan.has_trigger_mode && !detail::adopting_board())
         set_trigger_mode(plan.trigger_mode);
     // Node settings last: adding a camera makes its nodes character devices.
     for (const NodePlan &node : plan.nodes) {

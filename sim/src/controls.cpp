@@ -1,14 +1,16 @@
 // controls.cpp - the values behind the simulated ISP camera driver's
 // controls: one set per camera, shared by its two nodes as on the board
-// (both nodes drive the same ISP channel). Plain and extended control
-// requests, the private manual white-balance / exposure payloads, and the
+// (both nodes drive the same ISP channel) and by every process of the
+// board, so a value set by one program shows at once to the others and in
+// the frames of the one that streams. Plain and extended control requests,
+// the private manual white-balance / exposure payloads, and the
 // abnormal-information block.
 #include <linux/videodev2.h>
 
 #include <cerrno>
 #include <cstring>
-#include <mutex>
 
+#include "board_state.h"
 #include "control_table.h"
 #include "sim_internal.h"
 
@@ -16,39 +18,15 @@ namespace zsim::detail {
 
 namespace {
 
-constexpr int kCameras = 12;
 // The kernel's cap on the controls of one extended request (V4L2_CID_MAX_CTRLS).
 constexpr uint32_t kMaxExtControls = 1024;
 
-struct CameraControls {
-    int32_t values[kControlCount];
-    uint8_t white_balance[kManualPayloadSize];
-    uint8_t exposure[kManualPayloadSize];
-    uint8_t abnormal[kAbnormalInfoSize];
-};
+using CameraControls = SharedControls;
 
-// Constant-initialised: a preloaded simulator can be reached before static
-// constructors run. The defaults are filled on first use.
-std::mutex g_lock;
-bool g_ready = false;
-CameraControls g_cameras[kCameras];
-
-void set_defaults(CameraControls *camera)
-{
-    memset(camera, 0, sizeof *camera);
-    for (size_t i = 0; i < kControlCount; ++i)
-        camera->values[i] = int32_t(kControls[i].default_value);
-}
-
-// Call with g_lock held.
+// Call with the board's lock held.
 CameraControls *camera_controls(int camera)
 {
-    if (!g_ready) {
-        for (CameraControls &each : g_cameras)
-            set_defaults(&each);
-        g_ready = true;
-    }
-    return camera >= 0 && camera < kCameras ? &g_cameras[camera] : nullptr;
+    return camera >= 0 && camera < kBoardCameras ? &board().cameras[camera].controls : nullptr;
 }
 
 uint8_t *payload_of(CameraControls *camera, uint32_t id)
@@ -254,7 +232,7 @@ bool handle_control_request(int camera, uint32_t request, void *arg, int *error,
     }
     bool changed = false;
     {
-        std::lock_guard<std::mutex> hold(g_lock);
+        BoardLock hold;
         CameraControls *controls = camera_controls(camera);
         *error = controls ? value_request(controls, request, arg, note) : ENODEV;
         changed = !*error && (request == uint32_t(VIDIOC_S_CTRL) || request == uint32_t(VIDIOC_S_EXT_CTRLS));
@@ -266,16 +244,21 @@ bool handle_control_request(int camera, uint32_t request, void *arg, int *error,
     return true;
 }
 
-void lock_controls_for_fork() { g_lock.lock(); }
-void unlock_controls_after_fork() { g_lock.unlock(); }
+void set_control_defaults(SharedControls *camera)
+{
+    memset(camera, 0, sizeof *camera);
+    for (size_t i = 0; i < kControlCount; ++i)
+        camera->values[i] = int32_t(kControls[i].default_value);
+}
 
 void reset_controls()
 {
-    std::lock_guard<std::mutex> hold(g_lock);
-    for (CameraControls &camera : g_cameras)
-        set_defaults(&camera);
-    g_ready = true;
-    for (int camera = 0; camera < kCameras; ++camera)
+    {
+        BoardLock hold;
+        for (int camera = 0; camera < kBoardCameras; ++camera)
+            set_control_defaults(camera_controls(camera));
+    }
+    for (int camera = 0; camera < kBoardCameras; ++camera)
         note_controls_changed(camera);
 }
 
@@ -291,7 +274,7 @@ bool control_value(int camera, uint32_t id, int32_t *value)
     const ControlDef *control = find_control(id, &slot);
     if (!control || !has_int_value(*control) || !value)
         return false;
-    std::lock_guard<std::mutex> hold(g_lock);
+    BoardLock hold;
     CameraControls *controls = camera_controls(camera);
     if (!controls)
         return false;
@@ -307,7 +290,7 @@ bool set_control_value(int camera, uint32_t id, int32_t value)
     const ControlDef *control = find_control(id, &slot);
     if (!control || !has_int_value(*control))
         return false;
-    std::lock_guard<std::mutex> hold(g_lock);
+    BoardLock hold;
     CameraControls *controls = camera_controls(camera);
     if (!controls)
         return false;
@@ -318,7 +301,7 @@ bool set_control_value(int camera, uint32_t id, int32_t value)
 
 std::vector<uint8_t> manual_payload(int camera, uint32_t id)
 {
-    std::lock_guard<std::mutex> hold(g_lock);
+    BoardLock hold;
     CameraControls *controls = camera_controls(camera);
     const uint8_t *payload = controls ? payload_of(controls, id) : nullptr;
     if (!payload)
@@ -328,7 +311,7 @@ std::vector<uint8_t> manual_payload(int camera, uint32_t id)
 
 void set_abnormal_info(int camera, const uint8_t info[14])
 {
-    std::lock_guard<std::mutex> hold(g_lock);
+    BoardLock hold;
     CameraControls *controls = camera_controls(camera);
     if (controls && info)
         memcpy(controls->abnormal, info, kAbnormalInfoSize);

@@ -45,13 +45,20 @@ constexpr unsigned kMiscMinor = 121;
 struct Plane {
     int memfd = -1;
     uint8_t *data = nullptr; // the driver's own view, for painting
+    // Owns that view (and the memfd): a frame painted outside the lock
+    // keeps the memory alive should the program free the buffers meanwhile.
+    std::shared_ptr<uint8_t> memory;
     size_t length = 0;       // page-aligned
     ViewFormat format{};
+    uint64_t id = 0;         // unique: mappings and exports name their plane by it
+    int users = 0;           // the program's mappings and export descriptors of it
     uint64_t image_id = 0;   // the processed image the plane holds (0: none)
     uint32_t block = kBandUnknown; // where its moving block stands (see paint_frame)
 };
 
-enum class BufferState { User, Queued, Filled };
+// Painting: the frame has ended, and its pixels are being written with the
+// lock released (frame_painting.cpp); to the program it is still queued.
+enum class BufferState { User, Queued, Painting, Filled };
 
 // What ends a free-running camera's frames (hardware_thread.cpp).
 enum class FramePacing { Sensor, BoardTick, LinePulse };
@@ -65,6 +72,7 @@ struct Buffer {
     uint64_t timestamp_ns = 0;
     uint32_t reserved = 0;
     uint32_t reported_length[kMaxPlanes] = {0, 0, 0};
+    bool error = false; // handed back with V4L2_BUF_FLAG_ERROR
 };
 
 struct Node {
@@ -80,7 +88,12 @@ struct Node {
     std::deque<int> queued; // in the order the program queued them
     std::deque<int> filled; // in the order the hardware filled them
     bool streaming = false;
+    // Changes whenever the queue is reset (stream off, buffers freed), so
+    // that a frame painted meanwhile is not delivered into the new queue.
+    uint64_t queue_generation = 0;
     uint32_t next_sequence = 0;
+    uint64_t frames_streamed = 0;      // frame periods since stream-on
+    uint32_t drop_lottery = 0;         // the random drops' generator
     uint64_t period_ns = 0;            // of the sensor, board time
     FramePacing pacing = FramePacing::Sensor;
     uint64_t next_due_ns = 0;          // the host's time the next frame ends
@@ -97,12 +110,15 @@ struct Camera {
     CameraConfig config;
     uint32_t input = 7; // the view combination in force
     CameraIsp isp;
+    uint32_t setup_seen = 0;  // the board's set-up version this copy holds (board_setup.cpp)
+    bool resize_mine = false; // this process set view 1's resize
 };
 
 // What a program's descriptor refers to. Descriptors made by dup share
 // one OpenFile, as they share one open file description in the kernel.
 struct OpenFile {
     int node = -1;        // -1: a buffer export
+    uint64_t plane = 0;   // an export's plane (Plane::id)
     int flags = 0;        // O_ACCMODE | O_NONBLOCK as the program set them
     std::string path;
     bool plain = false;   // a node that looks like a file or directory
@@ -117,6 +133,7 @@ struct OpenFile {
 struct Mapping {
     size_t length = 0;
     std::string path;
+    uint64_t plane = 0; // Plane::id
 };
 
 // One request as recorded: the name and the detail of frequent requests
@@ -138,6 +155,32 @@ struct Fault {
     bool sticky;
 };
 
+// One plane of a frame to paint: what it shows, planned with the lock held
+// and painted without it.
+struct PlanePaint {
+    std::shared_ptr<uint8_t> memory;
+    size_t length = 0;
+    ViewFormat format{};
+    uint32_t sequence = 0;
+    int camera = 0, view = 0;
+    std::shared_ptr<const ViewImage> image; // the processed image it shows
+    bool build = false;                     // the image is to be built first, from:
+    ViewRecipe recipe;
+    uint64_t generation = 0;                //   the settings it is built for
+    std::shared_ptr<const NoiseTiles> noise;
+    bool copy_image = false;                // the plane does not hold the image yet
+    uint32_t block = kBandUnknown;          // the moving block's place, before and after
+    uint64_t image_id = 0;                  // what the plane holds after
+};
+
+struct FrameJob {
+    int node = 0;
+    int index = 0;
+    uint64_t queue_generation = 0;
+    PlanePaint planes[kMaxPlanes]; // in place: a frame allocates nothing
+    size_t plane_count = 0;
+};
+
 struct State {
     std::mutex lock;
     std::condition_variable wake; // the hardware thread's alarm
@@ -153,6 +196,8 @@ struct State {
     time_t created = time(nullptr); // the nodes' times: when the driver loaded
     bool stopping = false;
     TriggerLine line; // the trigger line the board is wired to (none: empty name)
+    std::vector<FrameJob> paint_jobs; // ended frames waiting to be painted
+    std::vector<FrameJob> spare_jobs; // an emptied list kept for its room
 };
 
 // The one state, created on first use (interposed calls can come before
@@ -209,7 +254,27 @@ int dispatch_ioctl(int fd, uint32_t request, void *arg, bool *handled);
 // ---- uevent.cpp: the sysfs record that names a node's device.
 FILE *sim_fopen(const char *path, const char *mode, bool *handled);
 
+// ---- camera_disconnect.cpp: a camera unplugged while streaming, as a USB
+// camera is removed. Its nodes vanish, every request on a descriptor that
+// is left answers ENODEV, and select and poll report it as an error.
+bool camera_disconnected(int camera);
+bool node_disconnected(int node); // false for /dev/isp_misc
+// Any camera of the board unplugged: one relaxed load, for select and poll.
+bool any_camera_disconnected();
+void disconnect(State &s, int camera);
+void reconnect_cameras(); // every camera of the board plugged in again
+// A stream of this process on a camera unplugged by any process of the
+// board stops, and its waiters wake.
+void stop_disconnected_stream(Node &n);
+
 // ---- descriptors.cpp
+// Whether fd may be a simulated descriptor, without the lock (read and
+// write ask it for every descriptor); a true answer is checked with it.
+bool maybe_simulated(int fd);
+// The errno read() or write() on a simulated descriptor answer; 0 when fd
+// is not one.
+int sim_read_write(int fd);
+bool descriptor_disconnected(int fd); // a node of an unplugged camera
 enum DupHow { kDupAny, kDupOnto }; // dup, or dup2/dup3 onto a chosen number
 int sim_open(int dirfd, const char *path, int flags, mode_t mode);
 // -1 with errno set, or 0, or 1 when fd is not simulated (pass through).
@@ -229,16 +294,32 @@ bool handle_video_request(CoreLock &held, int node, const OpenFile &file, uint32
 
 // ---- buffers.cpp
 void free_buffers(State &s, int node);
+// A mapping or export of plane `id` begins (+1) or ends (-1); a buffer
+// with any is reported V4L2_BUF_FLAG_MAPPED, as the kernel's buffer
+// framework reports a buffer whose memory is in use.
+void count_plane_user(State &s, uint64_t id, int change);
+uint32_t mapped_flag(const Buffer &buffer);
 uint32_t plane_offset(int buffer, int plane); // the mem_offset that names a plane
 void *sim_mmap(void *addr, size_t length, int prot, int flags, int fd, off_t offset, bool *handled);
 int sim_munmap(void *addr, size_t length, bool *handled);
 
 // ---- streaming.cpp
 void drain_filled(Node &n); // the node's descriptors stop being readable
-// The hardware fills queued buffer index with a frame and signals it.
+// The hardware fills queued buffer index with a frame and signals it; a
+// frame to paint is signalled once run_paint_jobs has painted it.
 void fill_buffer(Node &n, int index, uint32_t sequence, uint64_t timestamp_ns, uint32_t reserved,
-                 const uint32_t *plane_length, bool paint);
+                 const uint32_t *plane_length, bool paint, bool error);
+// Paints the frames that ended, with the lock released meanwhile, and hands
+// them to the program. Whoever ends frames calls it before letting go of
+// the lock: the frame clock, and a request or a test that pushed a frame.
+void run_paint_jobs(CoreLock &held);
 void release_queue(State &s, int node); // the last descriptor of the node closed
+
+// ---- board_setup.cpp: the camera's set-up shared by the board's processes.
+// Brings this process's copy up to date (call before reading it).
+void adopt_board_setup(State &s, int camera);
+// Hands this process's copy to the board (after changing it).
+void publish_setup(State &s, int camera);
 
 // ---- isp_pipeline.cpp: the ISP's processing of each view.
 // View v as the camera delivers it: the configured view, or for view 1 the
@@ -247,12 +328,19 @@ ViewFormat delivered_view(const Camera &cam, int view);
 void set_view_resize(Camera &cam, const uint16_t words[11]);
 void clear_view_resize(Camera &cam);
 void set_camera_scene(Camera &cam, std::shared_ptr<const Scene> scene);
-// Paints a frame into one plane of a filled buffer: the processed image
-// when the plane does not hold it yet (or every frame with noise), then the
-// frame number on top.
+// Plans the painting of one plane of an ended frame: the processed image
+// (built first when the frame cannot show an image already built), the
+// sensor noise, then the frame number on top.
 // may_lag: a free-running frame may show the previous image while the
 // worker builds the next.
-void paint_plane(State &s, int camera, int view, Plane &plane, uint32_t sequence, bool may_lag);
+PlanePaint plan_plane_paint(State &s, int camera, int view, const Plane &plane, uint32_t sequence, bool may_lag);
+// Paints it: no lock held.
+void paint_planned(PlanePaint &paint);
+// With the lock held again: an image built for it joins the camera's.
+void keep_built_image(State &s, const PlanePaint &paint);
+// ---- isp_metering.cpp: one frame of the automatic exposure and white
+// balance, metering the scene the frame shows.
+void meter_frame(Camera &cam, uint32_t sequence);
 // After REQBUFS: builds the node's images and paints its buffers with the
 // lock released, so that streams already running lose no frame to it.
 void prepare_node_buffers(CoreLock &held, int node);

@@ -10,6 +10,7 @@
  * once.
  */
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 
@@ -25,7 +26,7 @@ namespace {
 int open_error(const State &s, int node, int flags)
 {
     const Node &n = s.nodes[node];
-    if (n.kind == NodeKind::Missing)
+    if (n.kind == NodeKind::Missing || node_disconnected(node))
         return ENOENT;
     if ((flags & O_CREAT) && (flags & O_EXCL))
         return EEXIST;
@@ -47,20 +48,43 @@ int descriptor_floor(const State &s, const OpenFile &file)
     return file.node >= 0 && file.node < kVideoNodes ? s.nodes[file.node].quirks.descriptor_floor : 0;
 }
 
+// Which descriptor numbers name simulated files, for a look without the
+// lock: read() and write() ask for every descriptor of the program. Numbers
+// beyond the table always take the locked look.
+constexpr int kMarkedDescriptors = 1 << 20;
+std::atomic<uint64_t> g_marked[kMarkedDescriptors / 64];
+
+void mark(int fd, bool simulated)
+{
+    if (fd < 0 || fd >= kMarkedDescriptors)
+        return;
+    const uint64_t bit = uint64_t(1) << (fd % 64);
+    if (simulated)
+        g_marked[fd / 64].fetch_or(bit, std::memory_order_relaxed);
+    else
+        g_marked[fd / 64].fetch_and(~bit, std::memory_order_relaxed);
+}
+
 // Sets (file non-null) or clears what descriptor fd names, keeping each
-// node's count of descriptors; the last one closed releases the node's
-// buffers and stream, as the driver does when its file is released.
+// node's count of descriptors and each exported plane's count of users;
+// the last descriptor of a node closed releases its buffers and stream, as
+// the driver does when its file is released.
 void replace_descriptor(State &s, int fd, std::shared_ptr<OpenFile> file)
 {
     std::shared_ptr<OpenFile> old = find_descriptor(s, fd);
+    mark(fd, file != nullptr);
     if (file) {
         if (file->node >= 0)
             ++s.nodes[file->node].open_files;
+        count_plane_user(s, file->plane, +1);
         s.descriptors[fd] = std::move(file);
     } else {
         s.descriptors.erase(fd);
     }
-    if (old && old->node >= 0 && --s.nodes[old->node].open_files == 0)
+    if (!old)
+        return;
+    count_plane_user(s, old->plane, -1);
+    if (old->node >= 0 && --s.nodes[old->node].open_files == 0)
         release_queue(s, old->node);
 }
 
@@ -213,11 +237,46 @@ bool sim_stat(const char *path, struct stat *st, int *err)
     if (node < 0)
         return false;
     CoreLock held;
-    if (state().nodes[node].kind == NodeKind::Missing)
+    if (state().nodes[node].kind == NodeKind::Missing || node_disconnected(node))
         *err = ENOENT;
     else
         fill_node_stat(node, st);
     return true;
+}
+
+bool maybe_simulated(int fd)
+{
+    if (fd < 0)
+        return false;
+    if (fd >= kMarkedDescriptors)
+        return true;
+    return (g_marked[fd / 64].load(std::memory_order_relaxed) >> (fd % 64)) & 1u;
+}
+
+bool descriptor_disconnected(int fd)
+{
+    State &s = state();
+    CoreLock held;
+    std::shared_ptr<OpenFile> file = find_descriptor(s, fd);
+    return file && file->node >= 0 && node_disconnected(file->node);
+}
+
+// The nodes have no read/write I/O (streaming only), so the kernel's V4L2
+// core answers EINVAL, or ENODEV once the device is gone; an export is a
+// DMA buffer, which has no read or write either; a node made a directory
+// is one.
+int sim_read_write(int fd)
+{
+    State &s = state();
+    CoreLock held;
+    std::shared_ptr<OpenFile> file = find_descriptor(s, fd);
+    if (!file)
+        return 0;
+    if (file->node >= 0 && node_disconnected(file->node))
+        return ENODEV;
+    if (file->node >= 0 && s.nodes[file->node].kind == NodeKind::Directory)
+        return EISDIR;
+    return EINVAL;
 }
 
 } // namespace zsim::detail

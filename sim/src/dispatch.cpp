@@ -43,9 +43,12 @@ int answer(CoreLock &held, const std::shared_ptr<OpenFile> &shared, uint32_t req
     OpenFile &file = *shared;
     if (request == FIONBIO && file.node >= 0)
         return set_nonblocking(file, arg, note);
-    // An exported buffer or a node that is a plain file has no driver.
+    // An exported buffer or a node that is a plain file has no driver, and
+    // an unplugged camera's driver is gone.
     if (file.node < 0 || file.plain)
         return ENOTTY;
+    if (node_disconnected(file.node))
+        return ENODEV;
     int err = 0;
     if (file.node == kMiscNode) {
         held.unlock();
@@ -54,18 +57,22 @@ int answer(CoreLock &held, const std::shared_ptr<OpenFile> &shared, uint32_t req
         return known ? err : ENOTTY;
     }
     State &s = state();
+    const int camera = camera_of_node(file.node);
+    adopt_board_setup(s, camera);
     if (int busy = check_priority(s, file.node, file, request))
         return busy;
     if (int busy = check_queue_owner(s, file.node, shared, request, arg))
         return busy;
-    if (handle_client_request(s, file.node, file, request, arg, &err, note))
-        return err;
-    if (handle_video_request(held, file.node, file, request, arg, &err, note)) {
+    if (handle_client_request(s, file.node, file, request, arg, &err, note) ||
+        handle_video_request(held, file.node, file, request, arg, &err, note)) {
+        if (!err && changes_setup(request))
+            publish_setup(s, camera);
         if (!err)
             note_queue_owner(s, file.node, shared, request, arg);
+        if (request == uint32_t(VIDIOC_REQBUFS))
+            settle_queue_claim(s, file.node);
         return err;
     }
-    int camera = camera_of_node(file.node);
     // Control events report changes of value, so the values are read
     // before the request as well as after it.
     std::vector<ControlSnapshot> before = control_snapshot(camera, request, arg);
@@ -100,6 +107,8 @@ int dispatch_ioctl(int fd, uint32_t request, void *arg, bool *handled)
     int err = take_fault(s, request, file->path);
     if (!err)
         err = answer(held, file, request, arg, &note);
+    // A queued buffer or a stream-on may have let scripted frames end.
+    run_paint_jobs(held);
     entry.detail = std::move(note.detail);
     if (note.raw_set)
         entry.raw = std::move(note.raw);

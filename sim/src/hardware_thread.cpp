@@ -89,17 +89,35 @@ void repace(const State &s, Node &n, FramePacing pacing)
         set_end_on_pulse(s, n, n.next_due_ns);
 }
 
-void end_frame(Node &n)
+// A frame lost at random, drop_percent times in a hundred: a generator of
+// the node's own, so that runs repeat.
+bool lost_at_random(Node &n, uint32_t drop_percent)
 {
+    if (drop_percent == 0)
+        return false;
+    n.drop_lottery = n.drop_lottery * 1664525u + 1013904223u;
+    return (n.drop_lottery >> 8) % 100 < drop_percent;
+}
+
+void end_frame(State &s, Node &n, int node)
+{
+    const int camera = camera_of_node(node);
+    const CameraConfig &config = s.cameras[camera].config;
+    if (config.disconnect_after && n.frames_streamed >= config.disconnect_after) {
+        disconnect(s, camera);
+        return;
+    }
+    ++n.frames_streamed;
     uint32_t sequence = n.next_sequence++;
     ++n.counters.produced;
-    if (n.queued.empty()) {
+    if (n.queued.empty() || lost_at_random(n, config.drop_percent)) {
         ++n.counters.dropped;
         return;
     }
     int index = n.queued.front();
     n.queued.pop_front();
-    fill_buffer(n, index, sequence, uint64_t(n.frame_end_board_ns), 0, nullptr, true);
+    const bool error = config.error_every && (sequence + 1) % config.error_every == 0;
+    fill_buffer(n, index, sequence, uint64_t(n.frame_end_board_ns), 0, nullptr, true, error);
 }
 
 // Ends every frame due by now; returns when the next one is due.
@@ -109,14 +127,18 @@ uint64_t run_clocks(State &s, uint64_t now)
     uint64_t next = kNever;
     for (int node = 0; node < kVideoNodes; ++node) {
         Node &n = s.nodes[node];
+        if (n.streaming && node_disconnected(node))
+            stop_disconnected_stream(n); // by another process of the board
         if (!n.streaming || n.frame_mode != FrameMode::FreeRunning || n.period_ns == 0)
             continue;
         if (n.pacing != pacing)
             repace(s, n, pacing);
-        while (n.next_due_ns <= now) {
-            end_frame(n);
+        while (n.streaming && n.next_due_ns <= now) {
+            end_frame(s, n, node);
             schedule_next(s, n);
         }
+        if (!n.streaming)
+            continue;
         next = std::min(next, n.next_due_ns);
     }
     return next;
@@ -134,6 +156,9 @@ void run()
         if (s.stopping)
             return;
         uint64_t next = run_clocks(s, host_monotonic_ns());
+        run_paint_jobs(held);
+        if (s.stopping)
+            return;
         if (next == kNever)
             s.wake.wait(held.guard());
         else
@@ -147,6 +172,7 @@ void run()
 void start_frame_clock(State &s, Node &n, uint32_t fps, uint64_t host_now)
 {
     n.period_ns = 1000000000u / fps;
+    n.frames_streamed = 0;
     n.pacing = pacing_now(s);
     // A sensor's first frame ends a frame time after it starts; on the
     // board's trigger, on the first tick after that; on a trigger line, at

@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -149,6 +150,47 @@ ssize_t no_attribute(const char *path)
     guarded(false, [&] { return sim_stat(path, &st, &err); });
     errno = err ? err : ENODATA;
     return -1;
+}
+
+// What the driver adds to a simulated descriptor's readiness: POLLPRI for
+// a waiting control event (the descriptor itself, an eventfd, can only
+// signal frames), and POLLERR | POLLHUP (| POLLPRI) for an unplugged
+// camera, as the kernel's V4L2 core answers for an unregistered device.
+short driver_readiness(int fd, short events)
+{
+    if (inside_core() || !maybe_simulated(fd))
+        return 0;
+    short extra = 0;
+    if (any_camera_disconnected() && guarded(false, [&] { return descriptor_disconnected(fd); }))
+        extra = short(POLLERR | POLLHUP | (events & POLLPRI));
+    else if ((events & POLLPRI) && guarded(false, [&] { return events_pending(fd); }))
+        extra = POLLPRI;
+    return extra;
+}
+
+// A wait that the driver answers at once: the readiness the C library
+// finds without waiting, and the driver's added to it. Most waits have
+// nothing to add and go to the C library as they are.
+template <typename RealPoll>
+int poll_with_driver(struct pollfd *fds, nfds_t count, RealPoll real_poll)
+{
+    bool any = false;
+    for (nfds_t i = 0; fds && i < count && !any; ++i)
+        any = driver_readiness(fds[i].fd, fds[i].events) != 0;
+    if (!any)
+        return real_poll(false);
+    int ready = real_poll(true);
+    if (ready < 0)
+        return ready;
+    for (nfds_t i = 0; i < count; ++i) {
+        const short extra = driver_readiness(fds[i].fd, fds[i].events);
+        if (!extra)
+            continue;
+        if (!fds[i].revents)
+            ++ready;
+        fds[i].revents = short(fds[i].revents | extra);
+    }
+    return ready;
 }
 
 } // namespace
@@ -374,31 +416,43 @@ ssize_t llistxattr(const char *path, char *list, size_t size) noexcept
     return real::listxattr(path, list, size, true);
 }
 
-// A waiting control event is an exceptional condition of the node's
-// descriptor. The descriptor itself (an eventfd) can only signal frames, so
-// when one is waiting the wait is answered at once with it added; otherwise
-// select and poll go to the C library untouched.
+// select sees an error as readable (and writable), a control event as an
+// exceptional condition.
 int select(int nfds, fd_set *read, fd_set *write, fd_set *except, struct timeval *timeout)
 {
-    if (!inside_core() && except && nfds > 0) {
-        fd_set pending;
-        FD_ZERO(&pending);
+    if (!inside_core() && nfds > 0) {
+        fd_set readable, writable, exceptional;
+        FD_ZERO(&readable);
+        FD_ZERO(&writable);
+        FD_ZERO(&exceptional);
         bool any = false;
-        for (int fd = 0; fd < nfds && fd < FD_SETSIZE; ++fd)
-            if (FD_ISSET(fd, except) && guarded(false, [&] { return events_pending(fd); })) {
-                FD_SET(fd, &pending);
-                any = true;
+        for (int fd = 0; fd < nfds && fd < FD_SETSIZE; ++fd) {
+            const bool in_read = read && FD_ISSET(fd, read), in_write = write && FD_ISSET(fd, write);
+            const bool in_except = except && FD_ISSET(fd, except);
+            if (!in_read && !in_write && !in_except)
+                continue;
+            const short extra = driver_readiness(fd, in_except ? POLLPRI : 0);
+            if (extra & POLLERR) {
+                if (in_read)
+                    FD_SET(fd, &readable);
+                if (in_write)
+                    FD_SET(fd, &writable);
             }
+            if (extra & POLLPRI)
+                FD_SET(fd, &exceptional);
+            any |= extra != 0;
+        }
         if (any) {
             timeval now = {0, 0};
             int ready = real::select(nfds, read, write, except, &now);
             if (ready < 0)
                 return ready;
             for (int fd = 0; fd < nfds && fd < FD_SETSIZE; ++fd)
-                if (FD_ISSET(fd, &pending) && !FD_ISSET(fd, except)) {
-                    FD_SET(fd, except);
-                    ++ready;
-                }
+                for (auto [added, set] : {std::pair{&readable, read}, {&writable, write}, {&exceptional, except}})
+                    if (FD_ISSET(fd, added) && !FD_ISSET(fd, set)) {
+                        FD_SET(fd, set);
+                        ++ready;
+                    }
             return ready;
         }
     }
@@ -407,23 +461,44 @@ int select(int nfds, fd_set *read, fd_set *write, fd_set *except, struct timeval
 
 int poll(struct pollfd *fds, nfds_t count, int timeout_ms)
 {
-    bool any = false;
-    if (!inside_core() && fds)
-        for (nfds_t i = 0; i < count && !any; ++i)
-            any = (fds[i].events & POLLPRI) && guarded(false, [&] { return events_pending(fds[i].fd); });
-    if (!any)
-        return real::poll(fds, count, timeout_ms);
-    int ready = real::poll(fds, count, 0);
-    if (ready < 0)
-        return ready;
-    for (nfds_t i = 0; i < count; ++i) {
-        if (!(fds[i].events & POLLPRI) || !guarded(false, [&] { return events_pending(fds[i].fd); }))
-            continue;
-        if (!fds[i].revents)
-            ++ready;
-        fds[i].revents = short(fds[i].revents | POLLPRI);
-    }
-    return ready;
+    return poll_with_driver(fds, count,
+                            [&](bool answered) { return real::poll(fds, count, answered ? 0 : timeout_ms); });
+}
+
+int ppoll(struct pollfd *fds, nfds_t count, const struct timespec *timeout, const sigset_t *mask)
+{
+    static const timespec kNow = {0, 0};
+    return poll_with_driver(fds, count,
+                            [&](bool answered) { return real::ppoll(fds, count, answered ? &kNow : timeout, mask); });
+}
+
+// The nodes have no read or write I/O.
+ssize_t read(int fd, void *buffer, size_t count)
+{
+    if (!inside_core() && maybe_simulated(fd))
+        if (int err = guarded(0, [&] { return sim_read_write(fd); })) {
+            errno = err;
+            return -1;
+        }
+    return real::read(fd, buffer, count);
+}
+
+ssize_t write(int fd, const void *buffer, size_t count)
+{
+    if (!inside_core() && maybe_simulated(fd))
+        if (int err = guarded(0, [&] { return sim_read_write(fd); })) {
+            errno = err;
+            return -1;
+        }
+    return real::write(fd, buffer, count);
+}
+
+// Fortified programs read through this check of the buffer's size.
+ssize_t __read_chk(int fd, void *buffer, size_t count, size_t buffer_length)
+{
+    if (count > buffer_length)
+        abort(); // what the C library's own check does: a buffer overflow
+    return read(fd, buffer, count);
 }
 
 // Fortified programs call poll through this check of the array's size.

@@ -29,6 +29,7 @@
 #include <unistd.h>
 
 #include "board_clock.h"
+#include "board_state.h"
 #include "core.h"
 #include "real_libc.h"
 #include "video_requests.h"
@@ -40,9 +41,10 @@
 namespace zsim::detail {
 namespace {
 
-// Bumped by the controls' setters; the frame loop reads the controls again
-// only when it moved, so the controls' lock is not taken per frame.
-std::atomic<uint32_t> g_control_version[kCameras];
+// The board's count of control changes, bumped by the setters of every
+// process; the frame loop reads the controls again only when it moved, so
+// the board's lock is not taken per frame.
+std::atomic<uint32_t> &control_version(int camera) { return board().cameras[camera].control_version; }
 
 bool moving_scene(const CameraIsp &isp) { return isp.scene && isp.scene->frames.size() > 1; }
 
@@ -58,11 +60,13 @@ void invalidate(CameraIsp &isp) { ++isp.generation; }
 // Reads the controls again if a setter ran since the last look.
 void refresh_settings(int camera, CameraIsp &isp)
 {
-    const uint32_t version = g_control_version[camera].load(std::memory_order_acquire);
+    const uint32_t version = control_version(camera).load(std::memory_order_acquire);
     if (version == isp.settings_version && isp.generation > 1)
         return;
     isp.settings_version = version;
     IspSettings settings = read_isp_settings(camera);
+    settings.auto_exposure = isp.settings.auto_exposure;
+    std::copy(isp.settings.auto_white, isp.settings.auto_white + 3, settings.auto_white);
     if (settings != isp.settings || isp.generation == 1) {
         isp.settings = settings;
         invalidate(isp);
@@ -71,16 +75,19 @@ void refresh_settings(int camera, CameraIsp &isp)
 
 bool noisy(const Camera &cam) { return cam.config.noise > 0; }
 
-const NoiseTiles *noise_tiles(Camera &cam)
+// The tiles depend on the noise and the denoise strengths alone, so the
+// exposure loop's steps do not remake them.
+std::shared_ptr<const NoiseTiles> noise_tiles(Camera &cam)
 {
     CameraIsp &isp = cam.isp;
     if (!noisy(cam))
         return nullptr;
-    if (isp.noise_generation != isp.generation) {
+    const int32_t made_for[3] = {int32_t(cam.config.noise), isp.settings.luma_denoise, isp.settings.chroma_denoise};
+    if (!std::equal(made_for, made_for + 3, isp.noise_made_for)) {
         isp.noise = make_noise_tiles(cam.config.noise, isp.settings.luma_denoise, isp.settings.chroma_denoise);
-        isp.noise_generation = isp.generation;
+        std::copy(made_for, made_for + 3, isp.noise_made_for);
     }
-    return isp.noise.get();
+    return isp.noise;
 }
 
 ViewRecipe recipe_for(const Camera &cam, int view, const ViewFormat &format, uint32_t sequence)
@@ -105,10 +112,16 @@ bool cached(const CameraIsp &isp, int view, const ViewFormat &format, uint32_t s
            (!moving_scene(isp) || isp.image_frame[view] == scene_frame(isp, sequence));
 }
 
-void install(CameraIsp &isp, int view, std::shared_ptr<const ViewImage> image, uint32_t sequence)
+// An image built for the settings of `generation`: the newest the camera
+// has, even when the settings moved on while it was built (the loops step
+// every frame while they settle), until one for the present settings comes.
+void install(CameraIsp &isp, int view, std::shared_ptr<const ViewImage> image, uint32_t sequence,
+             uint64_t generation)
 {
+    if (isp.images[view] && isp.image_generation[view] > generation)
+        return;
     isp.images[view] = std::move(image);
-    isp.image_generation[view] = isp.generation;
+    isp.image_generation[view] = generation;
     isp.image_frame[view] = scene_frame(isp, sequence);
 }
 
@@ -171,21 +184,55 @@ bool update_coming(int camera)
     return ((w.pending.load() | w.running.load()) >> camera) & 1u;
 }
 
-// The image a frame shows. Scripted frames, which tests inspect, always show
-// the current settings; a free-running frame shows the previous image while
-// the worker still builds the new one, as an ISP applies new settings at a
-// later frame boundary rather than stalling its output.
-const ViewImage &image_for(Camera &cam, int camera, int view, const ViewFormat &format, uint32_t sequence,
-                           bool may_lag)
+// Has the worker build camera's images; false when it cannot run (no
+// thread could be started). Takes the worker's lock only, so the frame loop
+// may call it with the core's lock held.
+bool wake_worker(int camera)
 {
-    if (cached(cam.isp, view, format, sequence))
-        return *cam.isp.images[view];
-    const ViewImage *previous = cam.isp.images[view].get();
-    if (may_lag && previous && previous->format.fourcc == format.fourcc && previous->format.width == format.width &&
-        previous->format.height == format.height && update_coming(camera))
-        return *previous;
-    install(cam.isp, view, build_view_image(recipe_for(cam, view, format, sequence)), sequence);
-    return *cam.isp.images[view];
+    Worker &w = worker();
+    std::lock_guard<std::mutex> hold(w.lock);
+    if (w.stopping)
+        return false;
+    w.pending |= 1u << camera;
+    if (w.pid != getpid()) {
+        // First use, or a forked child, which has no such thread.
+        if (w.thread.joinable())
+            new std::thread(std::move(w.thread)); // the parent's: never joined here
+        try {
+            w.thread = std::thread(run_worker);
+            w.pid = getpid();
+        } catch (const std::exception &) {
+            w.pending = 0;
+            return false;
+        }
+    }
+    w.wake.notify_one();
+    return true;
+}
+
+// The image a frame shows, or a recipe to build it. Scripted frames, which
+// tests inspect, always show the current settings; a free-running frame
+// shows the previous image while the worker builds the new one, as an ISP
+// applies new settings at a later frame boundary rather than stalling its
+// output. Settings changed by another process of the board, and the
+// automatic loops' steps, are noticed here first, so the frame loop hands
+// their build to the worker too. A moving scene needs a new image every
+// frame: only that, and a first image, are built for the frame itself.
+void choose_image(Camera &cam, int camera, int view, const ViewFormat &format, uint32_t sequence, bool may_lag,
+                  PlanePaint *paint)
+{
+    CameraIsp &isp = cam.isp;
+    const ViewImage *previous = isp.images[view].get();
+    if (cached(isp, view, format, sequence) ||
+        (may_lag && previous && !moving_scene(isp) && previous->format.fourcc == format.fourcc &&
+         previous->format.width == format.width && previous->format.height == format.height &&
+         (update_coming(camera) || wake_worker(camera)))) {
+        paint->image = isp.images[view];
+        return;
+    }
+    paint->build = true;
+    paint->recipe = recipe_for(cam, view, format, sequence);
+    paint->generation = isp.generation;
 }
 
 void paint_image(uint8_t *data, size_t length, const ViewImage &image)
@@ -201,7 +248,7 @@ void paint_image(uint8_t *data, size_t length, const ViewImage &image)
 void note_controls_changed(int camera)
 {
     if (camera >= 0 && camera < kCameras)
-        g_control_version[camera].fetch_add(1, std::memory_order_release);
+        control_version(camera).fetch_add(1, std::memory_order_release);
 }
 
 ViewFormat delivered_view(const Camera &cam, int view)
@@ -250,25 +297,7 @@ void schedule_image_update(int camera)
         if (s.nodes[camera].buffers.empty() && s.nodes[camera + kCameras].buffers.empty())
             return;
     }
-    Worker &w = worker();
-    std::lock_guard<std::mutex> hold(w.lock);
-    if (w.stopping)
-        return;
-    w.pending |= 1u << camera;
-    if (w.pid != getpid()) {
-        // First use, or a forked child, which has no such thread. Without a
-        // thread (address space exhausted) the frame loop builds the images.
-        if (w.thread.joinable())
-            new std::thread(std::move(w.thread)); // the parent's: never joined here
-        try {
-            w.thread = std::thread(run_worker);
-            w.pid = getpid();
-        } catch (const std::exception &) {
-            w.pending = 0;
-            return;
-        }
-    }
-    w.wake.notify_one();
+    wake_worker(camera);
 }
 
 // The worker must not outlive the library it runs in.
@@ -287,26 +316,65 @@ __attribute__((destructor)) static void stop_isp_worker()
         thread.join();
 }
 
-void paint_plane(State &s, int camera, int view, Plane &plane, uint32_t sequence, bool may_lag)
+void meter_frame(Camera &cam, uint32_t sequence)
+{
+    const int camera = int(&cam - state().cameras);
+    CameraIsp &isp = cam.isp;
+    refresh_settings(camera, isp);
+    const SceneStats &scene =
+        isp.scene && !isp.scene->frames.empty() ? isp.scene->frames[scene_frame(isp, sequence)].stats : bars_stats();
+    IspSettings stepped = isp.settings;
+    meter_scene(scene, &isp.meter, &stepped);
+    if (stepped != isp.settings) {
+        isp.settings = stepped;
+        invalidate(isp);
+    }
+}
+
+PlanePaint plan_plane_paint(State &s, int camera, int view, const Plane &plane, uint32_t sequence, bool may_lag)
 {
     Camera &cam = s.cameras[camera];
     refresh_settings(camera, cam.isp);
-    const ViewImage &image = image_for(cam, camera, view, plane.format, sequence, may_lag);
-    const NoiseTiles *tiles = noise_tiles(cam);
-    if (tiles && image.bytes.size() == image_size(plane.format) && plane.length >= image.bytes.size()) {
-        paint_noisy(plane.data, image.bytes.data(), plane.format, *tiles, sequence);
-        plane.image_id = 0;
-        plane.block = kBandClean;
-        paint_frame(plane.data, plane.length, plane.format, sequence, plane.data, &plane.block);
+    PlanePaint paint;
+    paint.memory = plane.memory;
+    paint.length = plane.length;
+    paint.format = plane.format;
+    paint.sequence = sequence;
+    paint.camera = camera;
+    paint.view = view;
+    paint.block = plane.block;
+    paint.image_id = plane.image_id;
+    paint.noise = noise_tiles(cam);
+    choose_image(cam, camera, view, plane.format, sequence, may_lag, &paint);
+    return paint;
+}
+
+void paint_planned(PlanePaint &paint)
+{
+    if (paint.build)
+        paint.image = build_view_image(paint.recipe);
+    const ViewImage &image = *paint.image;
+    uint8_t *data = paint.memory.get();
+    if (paint.noise && image.bytes.size() == image_size(paint.format) && paint.length >= image.bytes.size()) {
+        paint_noisy(data, image.bytes.data(), paint.format, *paint.noise, paint.sequence);
+        paint.image_id = 0; // the plane holds a noisy copy, not the image
+        paint.block = kBandClean;
+        paint_frame(data, paint.length, paint.format, paint.sequence, data, &paint.block);
         return;
     }
-    if (plane.image_id != image.id) {
-        paint_image(plane.data, plane.length, image);
-        plane.image_id = image.id;
-        plane.block = kBandClean;
+    if (paint.image_id != image.id) {
+        paint_image(data, paint.length, image);
+        paint.image_id = image.id;
+        paint.block = kBandClean;
     }
-    paint_frame(plane.data, plane.length, plane.format, sequence, image.bars ? nullptr : image.bytes.data(),
-                &plane.block);
+    paint_frame(data, paint.length, paint.format, paint.sequence, image.bars ? nullptr : image.bytes.data(),
+                &paint.block);
+}
+
+void keep_built_image(State &s, const PlanePaint &paint)
+{
+    if (paint.build)
+        install(s.cameras[paint.camera].isp, paint.view, paint.image, paint.sequence, paint.generation);
 }
 
 void prepare_node_buffers(CoreLock &held, int node)
@@ -375,7 +443,7 @@ void prepare_node_buffers(CoreLock &held, int node)
         return; // a change came in meanwhile: the frame loop paints afresh
     for (size_t j = 0; j < views.size(); ++j)
         if (to_build[j] && images[j])
-            install(cam.isp, views[j], images[j], sequence);
+            install(cam.isp, views[j], images[j], sequence, generation);
     for (const Target &target : targets) {
         if (target.buffer >= n.buffers.size() || target.plane >= n.buffers[target.buffer].planes.size())
             continue;
@@ -425,10 +493,12 @@ void prepare_camera_images(int camera)
     for (const ViewRecipe &recipe : recipes)
         images.push_back(build_view_image(recipe));
     held.lock();
-    if (cam.isp.generation != generation)
-        return;
     for (size_t i = 0; i < views.size(); ++i)
-        install(cam.isp, views[i], images[i], 0);
+        install(cam.isp, views[i], images[i], 0, generation);
+    // The settings moved on while it built (the automatic loops settling):
+    // the next build follows.
+    if (cam.isp.generation != generation)
+        wake_worker(camera);
 }
 
 } // namespace zsim::detail

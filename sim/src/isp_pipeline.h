@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "isp_metering.h"
 #include "isp_processing.h"
 #include "noise_tiles.h"
 #include "scene_source.h"
@@ -19,14 +20,15 @@ namespace zsim::detail {
 struct CameraIsp {
     std::shared_ptr<const Scene> scene; // null: the colour bars
     ResizeRecord resize;
-    IspSettings settings;
+    IspSettings settings;               // the controls', and where the automatic loops stand
     uint32_t settings_version = 0;      // of the controls, when last read
+    MeterState meter;
     uint64_t generation = 1;            // changes whenever images must be rebuilt
     std::shared_ptr<const ViewImage> images[3];
-    uint64_t image_generation[3] = {0, 0, 0};
+    uint64_t image_generation[3] = {0, 0, 0}; // the settings each image was built for
     uint32_t image_frame[3] = {0, 0, 0};
     std::shared_ptr<const NoiseTiles> noise;
-    uint64_t noise_generation = 0;
+    int32_t noise_made_for[3] = {-1, -1, -1}; // noise, luma and chroma denoise of those tiles
 };
 
 } // namespace zsim::detail

@@ -26,6 +26,10 @@ namespace {
 constexpr uint32_t kTargetExposureUs = 10000; // manual time that matches the automatic exposure
 constexpr uint32_t kMaxFactor = 16 * 256;     // light and gains are capped at 16x
 constexpr int kQ = 12;                        // fraction bits of the matrices
+// Denoise strengths up to this one only take noise away; stronger ones also
+// smooth the picture, trading its finest detail, as a denoiser does.
+constexpr int32_t kGentleDenoise = 5;
+constexpr int32_t kStrongestDenoise = 10;
 
 std::atomic<uint64_t> g_next_image_id{1};
 
@@ -192,6 +196,44 @@ void apply_chroma(const IspSettings &settings, Planes *p)
     }
 }
 
+// out = in + weight x (smoothed - in) on one plane, smoothed with the
+// 5-tap binomial filter [1 4 6 4 1] / 16 across and down (edges repeated);
+// weight in 1/256.
+void smooth_plane(uint8_t *plane, uint32_t width, uint32_t height, int weight)
+{
+    if (width < 1 || height < 1 || weight <= 0)
+        return;
+    const std::vector<uint8_t> in(plane, plane + size_t(width) * height);
+    std::vector<uint16_t> across(in.size());
+    auto at = [](uint32_t i, int d, uint32_t n) { return uint32_t(std::clamp(int(i) + d, 0, int(n) - 1)); };
+    for (uint32_t y = 0; y < height; ++y) {
+        const uint8_t *row = in.data() + size_t(y) * width;
+        for (uint32_t x = 0; x < width; ++x)
+            across[size_t(y) * width + x] = uint16_t(row[at(x, -2, width)] + 4 * row[at(x, -1, width)] + 6 * row[x] +
+                                                     4 * row[at(x, 1, width)] + row[at(x, 2, width)]);
+    }
+    for (uint32_t y = 0; y < height; ++y)
+        for (uint32_t x = 0; x < width; ++x) {
+            auto column = [&](int d) { return int(across[size_t(at(y, d, height)) * width + x]); };
+            const int smoothed = (column(-2) + 4 * column(-1) + 6 * column(0) + 4 * column(1) + column(2) + 128) >> 8;
+            const size_t i = size_t(y) * width + x;
+            plane[i] = uint8_t(in[i] + (((smoothed - int(in[i])) * weight + 128) >> 8));
+        }
+}
+
+// Denoise above the gentle strengths smooths luma (luma strength) and
+// chroma (chroma strength), fully at the strongest.
+void apply_denoise(const IspSettings &settings, Planes *p)
+{
+    auto weight = [](int32_t strength) {
+        return (std::clamp(strength, kGentleDenoise, kStrongestDenoise) - kGentleDenoise) * 256 /
+               (kStrongestDenoise - kGentleDenoise);
+    };
+    smooth_plane(p->y(), p->width, p->height, weight(settings.luma_denoise));
+    smooth_plane(p->u(), p->half_width(), p->half_height(), weight(settings.chroma_denoise));
+    smooth_plane(p->v(), p->half_width(), p->half_height(), weight(settings.chroma_denoise));
+}
+
 // Sharpness 5 leaves luma alone; above it adds the difference from the four
 // neighbours' mean (an unsharp mask), below it blends towards that mean.
 void apply_sharpness(const IspSettings &settings, Planes *p)
@@ -245,7 +287,8 @@ bool IspSettings::operator==(const IspSettings &o) const
            gamma == o.gamma && sharpness == o.sharpness && auto_white_balance == o.auto_white_balance &&
            exposure_mode == o.exposure_mode && luma_denoise == o.luma_denoise &&
            chroma_denoise == o.chroma_denoise && wb_flag == o.wb_flag &&
-           std::equal(wb_gain, wb_gain + 3, o.wb_gain) && std::equal(exposure, exposure + 6, o.exposure);
+           std::equal(wb_gain, wb_gain + 3, o.wb_gain) && std::equal(exposure, exposure + 6, o.exposure) &&
+           auto_exposure == o.auto_exposure && std::equal(auto_white, auto_white + 3, o.auto_white);
 }
 
 IspSettings read_isp_settings(int camera)
@@ -275,7 +318,7 @@ IspSettings read_isp_settings(int camera)
 uint32_t exposure_factor(const IspSettings &settings)
 {
     if (settings.exposure_mode != 1)
-        return 256; // automatic (or a priority mode): the scene is held at its target
+        return settings.auto_exposure; // automatic (or a priority mode): the metering loop's
     const uint64_t time = settings.exposure[0] ? settings.exposure[0] : kTargetExposureUs;
     const uint64_t gain = settings.exposure[1] ? settings.exposure[1] : 256;
     return uint32_t(std::min<uint64_t>(time * gain / kTargetExposureUs, kMaxFactor));
@@ -285,7 +328,9 @@ void white_balance_gains(const IspSettings &settings, uint32_t gains[3])
 {
     const bool manual = settings.auto_white_balance == 0 && settings.wb_flag != 0;
     for (int i = 0; i < 3; ++i)
-        gains[i] = manual ? std::min<uint32_t>(settings.wb_gain[i], kMaxFactor) : 256;
+        gains[i] = settings.auto_white_balance != 0 ? settings.auto_white[i]
+                   : manual                         ? std::min<uint32_t>(settings.wb_gain[i], kMaxFactor)
+                                                    : 256;
 }
 
 bool neutral_picture(const IspSettings &settings)
@@ -294,7 +339,8 @@ bool neutral_picture(const IspSettings &settings)
     white_balance_gains(settings, gains);
     return settings.brightness == 128 && settings.contrast == 128 && settings.saturation == 128 &&
            settings.hue == 128 && settings.gamma == 100 && settings.sharpness == 5 && gains[0] == 256 &&
-           gains[1] == 256 && gains[2] == 256 && exposure_factor(settings) == 256;
+           gains[1] == 256 && gains[2] == 256 && exposure_factor(settings) == 256 &&
+           settings.luma_denoise <= kGentleDenoise && settings.chroma_denoise <= kGentleDenoise;
 }
 
 std::shared_ptr<ViewImage> build_view_image(const ViewRecipe &recipe)
@@ -333,6 +379,7 @@ std::shared_ptr<ViewImage> build_view_image(const ViewRecipe &recipe)
         white_balance_gains(recipe.settings, gains);
         if (exposure_factor(recipe.settings) != 256 || gains[0] != 256 || gains[1] != 256 || gains[2] != 256)
             apply_light(recipe.settings, &p);
+        apply_denoise(recipe.settings, &p);
         uint8_t table[256];
         luma_table(recipe.settings, table);
         const size_t luma = size_t(p.width) * p.height;
@@ -344,6 +391,16 @@ std::shared_ptr<ViewImage> build_view_image(const ViewRecipe &recipe)
     }
     to_format(p, format, &image->bytes);
     return image;
+}
+
+const SceneStats &bars_stats()
+{
+    static const SceneStats *const stats = [] {
+        Planes bars;
+        bars_i420(320, 180, &bars);
+        return new SceneStats(measure_scene(bars.y(), bars.u(), bars.v(), bars.width, bars.height));
+    }();
+    return *stats;
 }
 
 } // namespace zsim::detail

@@ -31,6 +31,9 @@ struct IspSettings {
     uint32_t wb_flag = 0;
     uint16_t wb_gain[3] = {0, 0, 0}; // the first triple of the payload: R, G, B
     uint16_t exposure[6] = {0, 0, 0, 0, 0, 0};
+    // Where the automatic loops stand (isp_metering.h), in 1/256.
+    uint16_t auto_exposure = 256;
+    uint16_t auto_white[3] = {256, 256, 256};
 
     bool operator==(const IspSettings &other) const;
     bool operator!=(const IspSettings &other) const { return !(*this == other); }
@@ -39,12 +42,14 @@ struct IspSettings {
 // Reads camera c's controls (takes the controls' lock).
 IspSettings read_isp_settings(int camera);
 
-// Light reaching the image relative to the automatic exposure's target, in
-// 1/256: 256 in automatic mode; in manual mode word 0 is the exposure time
-// in microseconds (10000 gives the target; 0 keeps the automatic time) and
-// word 1 the sensor gain in 1/256 (0 counts as 256).
+// Light reaching the image relative to the scene as the sensor sees it at
+// its base exposure, in 1/256: the automatic exposure's gain in the
+// automatic modes; in manual mode word 0 is the exposure time in
+// microseconds (10000 gives the base exposure; 0 keeps it) and word 1 the
+// sensor gain in 1/256 (0 counts as 256).
 uint32_t exposure_factor(const IspSettings &settings);
-// The white-balance gains applied to R, G and B, in 1/256.
+// The white-balance gains applied to R, G and B, in 1/256: the automatic
+// white balance's, or the manual payload's with it off.
 void white_balance_gains(const IspSettings &settings, uint32_t gains[3]);
 // True when the settings leave the scene as it is (the driver's defaults).
 bool neutral_picture(const IspSettings &settings);
@@ -79,6 +84,9 @@ struct ViewImage {
 
 // Builds the image; pure, takes no lock, allocates.
 std::shared_ptr<ViewImage> build_view_image(const ViewRecipe &recipe);
+
+// What the meters read of the colour bars.
+const SceneStats &bars_stats();
 
 } // namespace zsim::detail
 

@@ -1,11 +1,13 @@
 // misc_device.cpp - the simulated ISP platform driver behind /dev/isp_misc:
 // the valid-camera table, sensor I2C bus ownership and the MIPI trigger
 // mode. Its request numbers encode 4 bytes, but the driver reads and writes
-// whole records (488, 8 and 20 bytes), as the board's driver does.
+// whole records (488, 8 and 20 bytes), as the board's driver does. The bus
+// owners and the trigger mode are the board's, the same in every process.
 #include <atomic>
 #include <cerrno>
 #include <cstring>
 
+#include "board_state.h"
 #include "driver/isp_requests.h"
 #include "sim_internal.h"
 
@@ -30,10 +32,9 @@ constexpr uint32_t kMaxTriggerParam1 = 2;
 constexpr uint32_t kMaxTriggerParam2 = 7;
 constexpr uint32_t kMaxExternalParam3 = 2;
 
-// Two words of state, kept in atomics: the hardware thread reads the trigger
-// mode at every frame and must not wait on anything.
+// The valid count describes this process's configuration; the hardware
+// thread reads the board's trigger mode at every frame without a lock.
 std::atomic<int> g_valid_count{-1}; // -1: report the present cameras
-std::atomic<int> g_trigger{int(TriggerMode::None)};
 
 uint32_t load_u32(const uint8_t *bytes)
 {
@@ -96,7 +97,11 @@ int set_i2c_ctrl(const uint8_t *record, LogNote *note)
     const uint32_t owner = load_u32(record + 4);
     note->detail = "camera_index=" + std::to_string(camera) + " i2c_bus_ctrler=" + std::to_string(owner);
     // 0: the ISP drives the sensor's bus, 1: the ARM side does.
-    return camera < kSlots && owner <= 1 ? 0 : EINVAL;
+    if (camera >= kSlots || owner > 1)
+        return EINVAL;
+    BoardLock hold;
+    board().cameras[camera].bus_owner = int32_t(owner);
+    return 0;
 }
 
 int set_trigger_mode(const uint8_t *record, LogNote *note)
@@ -115,7 +120,7 @@ int set_trigger_mode(const uint8_t *record, LogNote *note)
         return EINVAL;
     if (mode == 1 && external_param3 > kMaxExternalParam3)
         return EINVAL;
-    g_trigger.store(int(mode == 0 ? TriggerMode::Internal : TriggerMode::External));
+    set_trigger_mode(mode == 0 ? TriggerMode::Internal : TriggerMode::External);
     return 0;
 }
 
@@ -140,7 +145,10 @@ bool handle_misc_request(uint32_t request, void *arg, int *error, LogNote *note)
 void reset_misc()
 {
     g_valid_count.store(-1);
-    g_trigger.store(int(TriggerMode::None));
+    set_trigger_mode(TriggerMode::None);
+    BoardLock hold;
+    for (SharedCamera &camera : board().cameras)
+        camera.bus_owner = -1;
 }
 
 } // namespace zsim::detail
@@ -165,8 +173,16 @@ std::vector<uint8_t> camera_info_record(int slot)
     return record;
 }
 
-TriggerMode trigger_mode() { return TriggerMode(g_trigger.load()); }
+TriggerMode trigger_mode() { return TriggerMode(board().trigger_mode.load(std::memory_order_relaxed)); }
 
-void set_trigger_mode(TriggerMode mode) { g_trigger.store(int(mode)); }
+void set_trigger_mode(TriggerMode mode) { board().trigger_mode.store(int32_t(mode)); }
+
+int sensor_bus_owner(int camera)
+{
+    if (camera < 0 || camera >= kSlots)
+        return -1;
+    BoardLock hold;
+    return board().cameras[camera].bus_owner;
+}
 
 } // namespace zsim

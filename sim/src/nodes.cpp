@@ -103,6 +103,8 @@ void reset_nodes(State &s)
         n.frame_mode = FrameMode::FreeRunning;
         n.script.clear();
         n.counters = Counters{0, 0, 0};
+        n.next_sequence = 0;
+        n.drop_lottery = 0;
     }
 }
 
@@ -170,6 +172,7 @@ void set_camera(int camera, const CameraConfig &config)
         cam.config.fps = 240;
     s.nodes[camera].kind = NodeKind::CharDevice;
     s.nodes[camera + kCameras].kind = NodeKind::CharDevice;
+    publish_setup(s, camera);
 }
 
 void remove_camera(int camera)
@@ -188,6 +191,7 @@ CameraConfig camera_config(int camera)
     if (camera < 0 || camera >= kCameras)
         return CameraConfig();
     CoreLock held;
+    adopt_board_setup(state(), camera);
     return state().cameras[camera].config;
 }
 

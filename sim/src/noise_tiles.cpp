@@ -2,15 +2,23 @@
  * noise_tiles.cpp - sensor noise without a random number per pixel per
  * frame: one tile of roughly Gaussian values (a sum of four uniform ones,
  * from a fixed seed, so runs are repeatable), scaled by what the denoise
- * strengths leave, and laid over the image at an offset taken from the
- * frame number. Each frame then costs one add and one table look-up per
- * byte.
+ * strengths leave, laid out as the bytes of each pixel format's rows, and
+ * laid over the image at an offset taken from the frame number.
+ *
+ * A frame then costs one saturating add and one saturating subtract per
+ * byte, sixteen bytes at a time: twelve 1080p cameras at 30 frames per
+ * second add noise at well over a gigabyte a second on one core.
  */
 #include "noise_tiles.h"
 
 #include <algorithm>
 #include <cstring>
-#include <vector>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#elif defined(__ARM_NEON)
+#include <arm_neon.h>
+#endif
 
 namespace zsim::detail {
 namespace {
@@ -44,46 +52,62 @@ const std::vector<int16_t> &base_tile(uint32_t seed)
     return *tiles[seed];
 }
 
-void scale_tile(const std::vector<int16_t> &base, uint32_t noise, int32_t strength, int16_t *out)
+std::vector<int16_t> scaled_tile(const std::vector<int16_t> &base, uint32_t noise, int32_t strength)
 {
     const int keep = 10 - std::min(std::max(strength, 0), 10);
-    for (uint32_t y = 0; y < T; ++y)
-        for (uint32_t x = 0; x < T; ++x) {
-            const int value = base[y * T + x] * int(noise) * keep / (74 * 10);
-            const int16_t clamped = int16_t(std::min(std::max(value, -255), 255));
-            out[y * 2 * T + x] = clamped;
-            out[y * 2 * T + x + T] = clamped;
+    std::vector<int16_t> tile(T * T);
+    for (size_t i = 0; i < tile.size(); ++i)
+        tile[i] = int16_t(std::min(std::max(base[i] * int(noise) * keep / (74 * 10), -255), 255));
+    return tile;
+}
+
+// Builds a pattern whose row r, byte b holds value(r, b).
+template <typename Value>
+NoisePattern pattern(uint32_t period, Value value)
+{
+    NoisePattern out;
+    out.period = period;
+    out.add.assign(size_t(T) * 2 * period, 0);
+    out.take.assign(size_t(T) * 2 * period, 0);
+    for (uint32_t r = 0; r < T; ++r)
+        for (uint32_t b = 0; b < 2 * period; ++b) {
+            const int v = value(r, b % period);
+            out.add[size_t(r) * 2 * period + b] = uint8_t(std::max(v, 0));
+            out.take[size_t(r) * 2 * period + b] = uint8_t(std::max(-v, 0));
         }
+    return out;
 }
 
-struct Clamp {
-    uint8_t table[768];
-    Clamp()
-    {
-        for (int i = 0; i < 768; ++i)
-            table[i] = uint8_t(std::min(std::max(i - 256, 0), 255));
-    }
-};
-
-const uint8_t *clamp_table()
+// out = clean + add - take, saturating at 0 and 255.
+void add_noise(uint8_t *out, const uint8_t *clean, const uint8_t *add, const uint8_t *take, size_t bytes)
 {
-    static const Clamp *clamp = new Clamp;
-    return clamp->table + 256;
+    size_t i = 0;
+#if defined(__SSE2__)
+    for (; i + 16 <= bytes; i += 16) {
+        const __m128i c = _mm_loadu_si128(reinterpret_cast<const __m128i *>(clean + i));
+        const __m128i up = _mm_adds_epu8(c, _mm_loadu_si128(reinterpret_cast<const __m128i *>(add + i)));
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(out + i),
+                         _mm_subs_epu8(up, _mm_loadu_si128(reinterpret_cast<const __m128i *>(take + i))));
+    }
+#elif defined(__ARM_NEON)
+    for (; i + 16 <= bytes; i += 16)
+        vst1q_u8(out + i, vqsubq_u8(vqaddq_u8(vld1q_u8(clean + i), vld1q_u8(add + i)), vld1q_u8(take + i)));
+#endif
+    for (; i < bytes; ++i) {
+        const int v = clean[i] + add[i] - take[i];
+        out[i] = uint8_t(std::min(std::max(v, 0), 255));
+    }
 }
 
-// One row: out[i] = clean[i] + noise, the noise row read from offset dx,
-// every `step` bytes starting at `first` (luma in YUYV is every 2nd byte).
-void noisy_row(uint8_t *out, const uint8_t *clean, size_t bytes, const int16_t *row, uint32_t dx, size_t first,
-               size_t step, size_t repeat)
+// One image row of `bytes` bytes with pattern row `row`, starting `offset`
+// bytes into the pattern's period.
+void noisy_row(uint8_t *out, const uint8_t *clean, size_t bytes, const NoisePattern &noise, uint32_t row,
+               uint32_t offset)
 {
-    const uint8_t *clamp = clamp_table();
-    size_t sample = 0;
-    for (size_t i = first; i < bytes; i += step) {
-        const int16_t n = row[dx + sample % T];
-        for (size_t k = 0; k < repeat && i + k < bytes; ++k)
-            out[i + k] = clamp[clean[i + k] + n];
-        ++sample;
-    }
+    const size_t at = size_t(row % T) * 2 * noise.period + offset % noise.period;
+    for (size_t start = 0; start < bytes; start += noise.period)
+        add_noise(out + start, clean + start, noise.add.data() + at, noise.take.data() + at,
+                  std::min<size_t>(noise.period, bytes - start));
 }
 
 } // namespace
@@ -92,9 +116,15 @@ std::shared_ptr<const NoiseTiles> make_noise_tiles(uint32_t noise, int32_t luma_
 {
     if (noise == 0 || (luma_strength >= 10 && chroma_strength >= 10))
         return nullptr;
+    const std::vector<int16_t> luma = scaled_tile(base_tile(0), noise, luma_strength);
+    const std::vector<int16_t> chroma = scaled_tile(base_tile(1), noise, chroma_strength);
     auto tiles = std::make_shared<NoiseTiles>();
-    scale_tile(base_tile(0), noise, luma_strength, tiles->luma);
-    scale_tile(base_tile(1), noise, chroma_strength, tiles->chroma);
+    tiles->luma = pattern(T, [&](uint32_t r, uint32_t b) { return luma[r * T + b]; });
+    tiles->chroma = pattern(T, [&](uint32_t r, uint32_t b) { return chroma[r * T + b]; });
+    tiles->yuyv = pattern(2 * T, [&](uint32_t r, uint32_t b) {
+        return b % 2 ? chroma[r * T + b / 2] : luma[r * T + b / 2];
+    });
+    tiles->rgb = pattern(3 * T, [&](uint32_t r, uint32_t b) { return luma[r * T + b / 3]; });
     return tiles;
 }
 
@@ -105,20 +135,17 @@ void paint_noisy(uint8_t *plane, const uint8_t *clean, const ViewFormat &format,
     const uint32_t cx = (dx + 61) % T, cy = (dy + 37) % T;
     const size_t w = format.width;
     for (uint32_t y = 0; y < format.height; ++y) {
-        const int16_t *luma = tiles.luma + size_t((y + dy) % T) * 2 * T;
-        const int16_t *chroma = tiles.chroma + size_t((y + cy) % T) * 2 * T;
         switch (format.fourcc) {
         case kNV12:
         case kNV21:
         case kGREY:
-            noisy_row(plane + y * w, clean + y * w, w, luma, dx, 0, 1, 1);
+            noisy_row(plane + y * w, clean + y * w, w, tiles.luma, y + dy, dx);
             break;
         case kYUYV:
-            noisy_row(plane + y * w * 2, clean + y * w * 2, w * 2, luma, dx, 0, 2, 1);
-            noisy_row(plane + y * w * 2, clean + y * w * 2, w * 2, chroma, cx, 1, 2, 1);
+            noisy_row(plane + y * w * 2, clean + y * w * 2, w * 2, tiles.yuyv, y + dy, 2 * dx);
             break;
-        case kRGB24: // the same noise on the three channels: luma noise
-            noisy_row(plane + y * w * 3, clean + y * w * 3, w * 3, luma, dx, 0, 3, 3);
+        case kRGB24:
+            noisy_row(plane + y * w * 3, clean + y * w * 3, w * 3, tiles.rgb, y + dy, 3 * dx);
             break;
         default:
             break;
@@ -127,10 +154,8 @@ void paint_noisy(uint8_t *plane, const uint8_t *clean, const ViewFormat &format,
     if (format.fourcc != kNV12 && format.fourcc != kNV21)
         return;
     const size_t offset = w * format.height;
-    for (uint32_t y = 0; y < format.height / 2; ++y) {
-        const int16_t *chroma = tiles.chroma + size_t((y + cy) % T) * 2 * T;
-        noisy_row(plane + offset + y * w, clean + offset + y * w, w, chroma, cx, 0, 1, 1);
-    }
+    for (uint32_t y = 0; y < format.height / 2; ++y)
+        noisy_row(plane + offset + y * w, clean + offset + y * w, w, tiles.chroma, y + cy, cx);
 }
 
 } // namespace zsim::detail

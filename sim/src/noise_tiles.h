@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 #include "sim_internal.h"
 
@@ -15,11 +16,22 @@ namespace zsim::detail {
 
 constexpr uint32_t kNoiseTile = 128; // square tile side, in samples
 
+// The noise of one kind of image row, as bytes to add and bytes to take
+// away (a signed value split in two, so that both apply with the
+// processor's saturating byte arithmetic): kNoiseTile rows, each `period`
+// bytes long and stored twice over, so that a run of `period` bytes from
+// any offset is contiguous.
+struct NoisePattern {
+    uint32_t period = 0;
+    std::vector<uint8_t> add;
+    std::vector<uint8_t> take;
+};
+
 struct NoiseTiles {
-    // Rows of 2 * kNoiseTile values (each row twice), so that any run of
-    // kNoiseTile values from an offset is contiguous.
-    int16_t luma[kNoiseTile * 2 * kNoiseTile];
-    int16_t chroma[kNoiseTile * 2 * kNoiseTile];
+    NoisePattern luma;   // one value per luma byte (NV12, NV21, GREY)
+    NoisePattern chroma; // one value per chroma byte (the UV rows of NV12 and NV21)
+    NoisePattern yuyv;   // luma and chroma interleaved as YUYV lays them out
+    NoisePattern rgb;    // the luma noise on R, G and B alike
 };
 
 // Noise of standard deviation `noise` (in 8-bit code values) as it leaves

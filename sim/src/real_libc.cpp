@@ -194,6 +194,30 @@ int poll(struct pollfd *fds, nfds_t count, int timeout_ms)
     return int(::syscall(SYS_ppoll, fds, count, timeout_ms < 0 ? nullptr : &limit, nullptr, 0));
 }
 
+int ppoll(struct pollfd *fds, nfds_t count, const struct timespec *timeout, const sigset_t *mask)
+{
+    REAL(ppoll, int (*)(struct pollfd *, nfds_t, const struct timespec *, const sigset_t *));
+    if (ppoll_fn)
+        return ppoll_fn(fds, count, timeout, mask);
+    return int(::syscall(SYS_ppoll, fds, count, timeout, mask, _NSIG / 8));
+}
+
+ssize_t read(int fd, void *buffer, size_t count)
+{
+    REAL(read, ssize_t (*)(int, void *, size_t));
+    if (read_fn)
+        return read_fn(fd, buffer, count);
+    return ssize_t(::syscall(SYS_read, fd, buffer, count));
+}
+
+ssize_t write(int fd, const void *buffer, size_t count)
+{
+    REAL(write, ssize_t (*)(int, const void *, size_t));
+    if (write_fn)
+        return write_fn(fd, buffer, count);
+    return ssize_t(::syscall(SYS_write, fd, buffer, count));
+}
+
 int clock_gettime(clockid_t clock, struct timespec *now)
 {
     REAL(clock_gettime, int (*)(clockid_t, struct timespec *));

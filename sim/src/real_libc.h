@@ -15,6 +15,7 @@
 #include <poll.h>
 #include <pthread.h>
 #include <semaphore.h>
+#include <signal.h>
 #include <sys/select.h>
 #include <sys/stat.h>
 #include <sys/types.h>
@@ -45,6 +46,9 @@ ssize_t getxattr(const char *path, const char *name, void *value, size_t size, b
 ssize_t listxattr(const char *path, char *list, size_t size, bool nofollow);
 int select(int nfds, fd_set *read, fd_set *write, fd_set *except, struct timeval *timeout);
 int poll(struct pollfd *fds, nfds_t count, int timeout_ms);
+int ppoll(struct pollfd *fds, nfds_t count, const struct timespec *timeout, const sigset_t *mask);
+ssize_t read(int fd, void *buffer, size_t count);
+ssize_t write(int fd, const void *buffer, size_t count);
 
 // Clocks and the waits that take a deadline on one (board_clock.h shifts
 // them). The pthread and semaphore ones answer ENOSYS should the C library

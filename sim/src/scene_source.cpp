@@ -244,7 +244,15 @@ bool decode_folder(const std::string &path, Scene *scene, std::string *error)
     return true;
 }
 
-std::shared_ptr<const Scene> decode(const std::string &path, std::string *error)
+std::shared_ptr<const Scene> measured(std::shared_ptr<Scene> scene)
+{
+    if (scene)
+        for (SceneFrame &frame : scene->frames)
+            frame.stats = measure_scene(frame.y(), frame.u(), frame.v(), frame.width, frame.height);
+    return scene;
+}
+
+std::shared_ptr<Scene> decode_file(const std::string &path, std::string *error)
 {
     auto scene = std::make_shared<Scene>();
     scene->path = path;
@@ -267,7 +275,36 @@ std::shared_ptr<const Scene> decode(const std::string &path, std::string *error)
     return scene;
 }
 
+std::shared_ptr<const Scene> decode(const std::string &path, std::string *error)
+{
+    return measured(decode_file(path, error));
+}
+
 } // namespace
+
+SceneStats measure_scene(const uint8_t *y, const uint8_t *u, const uint8_t *v, uint32_t width, uint32_t height)
+{
+    SceneStats stats;
+    for (size_t i = 0; i < size_t(width) * height; ++i)
+        ++stats.luma[y[i]];
+    stats.pixels = uint64_t(width) * height;
+    // Means are linear, so the mean colour is the colour of the mean Y'CbCr.
+    double luma = 0, cb = 0, cr = 0;
+    for (int code = 0; code < 256; ++code)
+        luma += double(code) * double(stats.luma[code]);
+    luma /= double(stats.pixels);
+    const size_t chroma = size_t((width + 1) / 2) * ((height + 1) / 2);
+    for (size_t i = 0; i < chroma; ++i) {
+        cb += u[i];
+        cr += v[i];
+    }
+    cb = cb / double(chroma) - 128;
+    cr = cr / double(chroma) - 128;
+    stats.red = 1.164 * (luma - 16) + 1.596 * cr;
+    stats.green = 1.164 * (luma - 16) - 0.392 * cb - 0.813 * cr;
+    stats.blue = 1.164 * (luma - 16) + 2.017 * cb;
+    return stats;
+}
 
 std::shared_ptr<const Scene> load_scene(const std::string &path, std::string *error)
 {

@@ -13,12 +13,25 @@
 
 namespace zsim::detail {
 
+// What the ISP's meters read of a frame, as the sensor delivers it: how
+// many of its pixels have each luma code, and the mean of red, green and
+// blue (BT.601, limited range, 0..255 full scale).
+struct SceneStats {
+    uint64_t luma[256] = {};
+    uint64_t pixels = 0;
+    double red = 0, green = 0, blue = 0;
+};
+
+// The statistics of an I420 image (chroma planes (width + 1) / 2 wide).
+SceneStats measure_scene(const uint8_t *y, const uint8_t *u, const uint8_t *v, uint32_t width, uint32_t height);
+
 // One frame in I420: Y (width x height), then U and V ((width + 1) / 2 x
 // (height + 1) / 2 each), BT.601 limited range as the ISP's output.
 struct SceneFrame {
     uint32_t width = 0;
     uint32_t height = 0;
     std::vector<uint8_t> i420;
+    SceneStats stats; // measured once, when the scene is decoded
     const uint8_t *y() const { return i420.data(); }
     const uint8_t *u() const { return i420.data() + size_t(width) * height; }
     const uint8_t *v() const { return u() + size_t((width + 1) / 2) * ((height + 1) / 2); }

@@ -39,9 +39,6 @@ struct LogNote {
 // them; otherwise true with *error = 0 or the errno to answer with.
 bool handle_control_request(int camera, uint32_t request, void *arg, int *error, LogNote *note);
 void reset_controls();
-// The fork handler holds the controls' lock across fork(), after the core's.
-void lock_controls_for_fork();
-void unlock_controls_after_fork();
 // ---- isp_pipeline.cpp: a control of camera `camera` may have changed; the
 // image processing reads them again before the next frame. Takes no lock.
 void note_controls_changed(int camera);

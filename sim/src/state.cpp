@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include "board_clock.h"
+#include "board_state.h"
 #include "core.h"
 
 namespace zsim::detail {
@@ -44,22 +45,11 @@ State &state()
         // ZELISP_SIM_LOG names a number of entries to keep.
         const char *keep = std::getenv("ZELISP_SIM_LOG");
         s->log_limit = keep ? size_t(std::strtoul(keep, nullptr, 10)) : 0;
-        // A child forked while another thread held a lock would find it
-        // held forever. The controls' lock is taken inside ours, so in that
-        // order.
-        pthread_atfork(
-            [] {
-                state().lock.lock();
-                lock_controls_for_fork();
-            },
-            [] {
-                unlock_controls_after_fork();
-                state().lock.unlock();
-            },
-            [] {
-                unlock_controls_after_fork();
-                state().lock.unlock();
-            });
+        // A child forked while another thread held the lock would find it
+        // held forever. (The board's lock is shared with other processes:
+        // whoever holds it releases it in the child too.)
+        pthread_atfork([] { state().lock.lock(); }, [] { state().lock.unlock(); },
+                       [] { state().lock.unlock(); });
         return s;
     }();
     return *instance;
@@ -97,6 +87,13 @@ bool camera_present(int camera)
 
 namespace {
 
+void publish_all_setups()
+{
+    CoreLock held;
+    for (int camera = 0; camera < kCameras; ++camera)
+        publish_setup(state(), camera);
+}
+
 // A program run through LD_PRELOAD is configured by the file named in
 // ZELISP_SIM_CONFIG before its main() starts. A board described wrongly
 // would run a test against the wrong board, so an error stops the program
@@ -105,24 +102,38 @@ namespace {
 __attribute__((constructor)) void load_environment_config()
 {
     establish_board_start();
+    // A process joining a running board takes the board as it finds it;
+    // the first one describes it.
+    const bool joined = joined_board();
+    // The same process under a program it executed: what the former
+    // program held went with it.
+    if (joined)
+        release_process_claims();
+    set_adopting_board(joined);
     const char *path = std::getenv("ZELISP_SIM_CONFIG");
-    if (!path || !*path)
-        return;
     std::string error;
-    if (load_config(path, &error))
+    const bool loaded = !path || !*path || load_config(path, &error);
+    set_adopting_board(false);
+    if (!joined)
+        publish_all_setups();
+    if (loaded)
         return;
     std::fprintf(stderr, "%s\n", error.c_str());
     const char *policy = std::getenv("ZELISP_SIM_CONFIG_ERRORS");
     if (!policy || std::strcmp(policy, "warn") != 0)
         _exit(2);
     // The program's own children run on the defaults too, without the
-    // same warning again.
+    // same warning again, on its board.
     unsetenv("ZELISP_SIM_CONFIG");
+    if (!joined)
+        describe_board_by_defaults();
 }
 
-// The hardware thread must not outlive the library it runs in.
+// The hardware thread must not outlive the library it runs in, and what
+// the process held on the board is given back.
 __attribute__((destructor)) void stop_hardware_thread()
 {
+    release_process_claims();
     State &s = state();
     std::thread hardware;
     {
@@ -159,10 +170,13 @@ bool active()
 
 void reset()
 {
+    clear_queue_claims();
+    reconnect_cameras();
     {
         CoreLock held;
         apply_defaults(state());
     }
+    publish_all_setups();
     reset_controls();
     reset_misc();
     set_board_clock(BoardClock{});

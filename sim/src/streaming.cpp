@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include "board_clock.h"
+#include "board_state.h"
 #include "core.h"
 #include "video_requests.h"
 
@@ -49,7 +50,9 @@ void report_dequeued(const Node &n, int index, v4l2_buffer *buf)
     buf->length = uint32_t(reported);
     buf->memory = V4L2_MEMORY_MMAP;
     buf->bytesused = 0;
-    buf->flags = V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC | V4L2_BUF_FLAG_TSTAMP_SRC_EOF; // dequeued: no longer DONE
+    // Dequeued: no longer DONE.
+    buf->flags = V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC | V4L2_BUF_FLAG_TSTAMP_SRC_EOF | mapped_flag(buffer) |
+                 (buffer.error ? V4L2_BUF_FLAG_ERROR : 0);
     buf->field = V4L2_FIELD_NONE;
     buf->timestamp.tv_sec = time_t(buffer.timestamp_ns / 1000000000u);
     buf->timestamp.tv_usec = suseconds_t(buffer.timestamp_ns % 1000000000u / 1000u);
@@ -76,7 +79,7 @@ void deliver_scripted(Node &n)
         int index = n.queued.front();
         n.queued.pop_front();
         fill_buffer(n, index, frame.sequence, frame.timestamp_us * 1000u, frame.reserved, frame.plane_length,
-                    frame.paint);
+                    frame.paint, frame.error);
     }
 }
 
@@ -93,11 +96,39 @@ void start_stream(State &s, int node)
 void stop_stream(Node &n)
 {
     n.streaming = false;
+    ++n.queue_generation;
     for (Buffer &buffer : n.buffers)
         buffer.state = BufferState::User;
     n.queued.clear();
     n.filled.clear();
     drain_filled(n);
+}
+
+// The buffer goes to the filled queue, and the descriptor becomes readable.
+void hand_over(Node &n, int index)
+{
+    n.buffers[size_t(index)].state = BufferState::Filled;
+    n.filled.push_back(index);
+    signal_filled(n);
+}
+
+// A painted frame: handed over, unless its queue was reset meanwhile (the
+// stream stopped, the buffers were freed), with the planes' bookkeeping.
+void finish_job(State &s, const FrameJob &job)
+{
+    for (size_t j = 0; j < job.plane_count; ++j)
+        keep_built_image(s, job.planes[j]);
+    Node &n = s.nodes[job.node];
+    if (job.queue_generation != n.queue_generation || size_t(job.index) >= n.buffers.size())
+        return;
+    Buffer &buffer = n.buffers[size_t(job.index)];
+    if (buffer.state != BufferState::Painting)
+        return;
+    for (size_t j = 0; j < job.plane_count && j < buffer.planes.size(); ++j) {
+        buffer.planes[j].image_id = job.planes[j].image_id;
+        buffer.planes[j].block = job.planes[j].block;
+    }
+    hand_over(n, job.index);
 }
 
 } // namespace
@@ -110,25 +141,54 @@ void drain_filled(Node &n)
 }
 
 void fill_buffer(Node &n, int index, uint32_t sequence, uint64_t timestamp_ns, uint32_t reserved,
-                 const uint32_t *plane_length, bool paint)
+                 const uint32_t *plane_length, bool paint, bool error)
 {
     State &s = state();
     const int node = int(&n - s.nodes);
-    const std::vector<int> views = views_of_node(s, node);
     Buffer &buffer = n.buffers[size_t(index)];
-    buffer.state = BufferState::Filled;
+    buffer.error = error;
     buffer.sequence = sequence;
     buffer.timestamp_ns = timestamp_ns;
     buffer.reserved = reserved;
-    for (size_t j = 0; j < buffer.planes.size(); ++j) {
-        Plane &plane = buffer.planes[j];
+    for (size_t j = 0; j < buffer.planes.size(); ++j)
         buffer.reported_length[j] = plane_length ? plane_length[j] : 0;
-        if (paint && j < views.size())
-            paint_plane(s, camera_of_node(node), views[j], plane, sequence,
-                        n.frame_mode == FrameMode::FreeRunning);
+    if (!paint) {
+        hand_over(n, index);
+        return;
     }
-    n.filled.push_back(index);
-    signal_filled(n);
+    // The pixels are written with the lock released, so that requests of
+    // every camera go on meanwhile (run_paint_jobs).
+    const int camera = camera_of_node(node);
+    meter_frame(s.cameras[camera], sequence);
+    const std::vector<int> views = views_of_node(s, node);
+    FrameJob job;
+    job.node = node;
+    job.index = index;
+    job.queue_generation = n.queue_generation;
+    for (size_t j = 0; j < buffer.planes.size() && j < views.size() && j < size_t(kMaxPlanes); ++j)
+        job.planes[job.plane_count++] = plan_plane_paint(s, camera, views[j], buffer.planes[j], sequence,
+                                                         n.frame_mode == FrameMode::FreeRunning);
+    buffer.state = BufferState::Painting;
+    s.paint_jobs.push_back(std::move(job));
+}
+
+void run_paint_jobs(CoreLock &held)
+{
+    State &s = state();
+    while (!s.paint_jobs.empty()) {
+        std::vector<FrameJob> jobs;
+        jobs.swap(s.spare_jobs);
+        jobs.swap(s.paint_jobs);
+        held.unlock();
+        for (FrameJob &job : jobs)
+            for (size_t j = 0; j < job.plane_count; ++j)
+                paint_planned(job.planes[j]);
+        held.lock();
+        for (const FrameJob &job : jobs)
+            finish_job(s, job);
+        jobs.clear(); // lets go of the images and memory the frames held
+        s.spare_jobs.swap(jobs);
+    }
 }
 
 
@@ -138,9 +198,14 @@ void release_queue(State &s, int node)
         return;
     stop_stream(s.nodes[node]);
     free_buffers(s, node);
+    release_queue_claim(node);
     // The resize belongs to the open file that set it up, as on the board.
-    if (node < kCameras)
-        clear_view_resize(s.cameras[node]);
+    Camera &cam = s.cameras[node % kCameras];
+    if (node < kCameras && cam.resize_mine) {
+        clear_view_resize(cam);
+        cam.resize_mine = false;
+        publish_setup(s, node);
+    }
 }
 
 int queue_buffer(State &s, int node, v4l2_buffer *buf, LogNote *note)
@@ -156,7 +221,8 @@ int queue_buffer(State &s, int node, v4l2_buffer *buf, LogNote *note)
         return EINVAL;
     buffer.state = BufferState::Queued;
     n.queued.push_back(int(buf->index));
-    buf->flags = V4L2_BUF_FLAG_QUEUED | V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC | V4L2_BUF_FLAG_TSTAMP_SRC_EOF;
+    buf->flags = V4L2_BUF_FLAG_QUEUED | V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC | V4L2_BUF_FLAG_TSTAMP_SRC_EOF |
+                 mapped_flag(buffer);
     deliver_scripted(n);
     return 0;
 }
@@ -168,6 +234,8 @@ int dequeue_buffer(CoreLock &held, int node, const OpenFile &file, v4l2_buffer *
     if (buf->type != V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE || buf->memory != V4L2_MEMORY_MMAP)
         return EINVAL;
     while (n.filled.empty()) {
+        if (node_disconnected(node))
+            return ENODEV;
         if (!n.streaming)
             return EINVAL;
         // The descriptor's mode is read at every dequeue: a client may
@@ -236,6 +304,7 @@ void push_frame(int node, const ScriptedFrame &frame)
     n.script.push_back(frame);
     ++n.counters.produced;
     deliver_scripted(n);
+    run_paint_jobs(held);
 }
 
 size_t pending_frames(int node)

@@ -251,8 +251,10 @@ bool handle_video_request(CoreLock &held, int node, const OpenFile &file, uint32
         return true;
     case VIDIOC_ISP_SET_RESIZE:
         *error = set_resize(arg, note);
-        if (!*error)
+        if (!*error) {
             set_view_resize(s.cameras[camera_of_node(node)], static_cast<const uint16_t *>(arg));
+            s.cameras[camera_of_node(node)].resize_mine = true;
+        }
         return true;
     case uint32_t(VIDIOC_REQBUFS):
         *error = request_buffers(s, node, static_cast<v4l2_requestbuffers *>(arg), note);

@@ -77,7 +77,9 @@ TEST(ZelispRtsp, ServesTheCamerasThatExistAndStopsOnSigterm)
     ASSERT_TRUE(status.has_value()) << "still running 30 s after SIGTERM";
     EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0);
     EXPECT_EQ(read_text(server.process.err_path),
-              "zelisp-rtsp: camera 5 skipped: the platform lists no such camera (it lists 0,1,2,3)\n");
+              "zelisp-rtsp: camera 5 skipped: the platform lists no such camera (it lists 0,1,2,3)\n"
+              "zelisp-rtsp: H.264 encoder: x264enc (software: this board has no V4L2 memory-to-memory H.264 "
+              "encoder)\n");
 
     Launch refused = run(folder, on_simulator("'" ZELISP_RTSP "' --cameras 12"));
     EXPECT_EQ(refused.status, 2);

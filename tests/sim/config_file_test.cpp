@@ -59,7 +59,8 @@ protected:
 
 TEST_F(ConfigFileTest, GoodFileDescribesCamerasNodesAndPlatform)
 {
-    Write("; a board with three cameras\n"
+    // Saved by an editor that marks UTF-8 files with a byte-order mark.
+    Write("\xEF\xBB\xBF; a board with three cameras\n"
           "[cameras]\n"
           "present = 0, 2,5\n"
           "[camera 2]\n"
@@ -70,6 +71,9 @@ TEST_F(ConfigFileTest, GoodFileDescribesCamerasNodesAndPlatform)
           "sensor = 1280x720\n"
           "max_buffers = 8\n"
           "mode = scripted\n"
+          "drop_percent = 5\n"
+          "error_every = 100\n"
+          "disconnect_after = 3000\n"
           "[camera 5]\n"
           "[node /dev/video0]\n"
           "open_errno = EACCES\n"
@@ -103,6 +107,9 @@ TEST_F(ConfigFileTest, GoodFileDescribesCamerasNodesAndPlatform)
     EXPECT_EQ(two.supported_combination, 5u);
     EXPECT_EQ(two.sensor_width, 1280u);
     EXPECT_EQ(two.max_buffers, 8u);
+    EXPECT_EQ(two.drop_percent, 5u);
+    EXPECT_EQ(two.error_every, 100u);
+    EXPECT_EQ(two.disconnect_after, 3000u);
 
     EXPECT_EQ(Kind("/dev/video1"), 0u); // not present any more
     EXPECT_EQ(Kind("/dev/video5"), mode_t(S_IFCHR));
@@ -139,6 +146,15 @@ TEST_F(ConfigFileTest, ErrorsNameTheLineAndChangeNothing)
         {"[cameras]\npresent = 1\nthis line has no value\n", ":3: syntax error"},
         {"[lights]\non = 1\n", ":1: unknown section [lights]"},
         {"fps = 30\n", ":1: key 'fps' outside a known section"},
+        {"[camera 1]\nfps = 30\nmode = free\nfps = 60\n",
+         ":4: duplicate key 'fps' in [camera 1], first given on line 2"},
+        {"[camera 1]\nfps = 30\n[camera 01]\nfps = 60\n",
+         ":4: duplicate key 'fps' in [camera 1], first given on line 2"},
+        {"[platform]\nvalid_camera_count = 2\nvalid_camera_count = 3\n",
+         ":3: duplicate key 'valid_camera_count' in [platform], first given on line 2"},
+        {"[camera 1]\ndrop_percent = 101\n", ":2: bad value '101' for drop_percent: a percentage of frames, 0 to 100"},
+        {"[camera 1]\nerror_every = -1\n", ":2: bad value '-1' for error_every: a number of frames, 0 for never"},
+        {"[camera 1]\ndisconnect_after = soon\n", ":2: bad value 'soon' for disconnect_after"},
         {"[board]\nclock_offset_ms = 1.5x\n",
          ":2: bad value '1.5x' for clock_offset_ms: milliseconds, -86400000 to 86400000 (a day), to the nanosecond"},
         {"[board]\nclock_offset_ms = 86400000.000001\n", ":2: bad value '86400000.000001' for clock_offset_ms"},

@@ -3,16 +3,19 @@
 // strengths, and the frame number readable on top of all of it.
 #include <linux/videodev2.h>
 #include <sys/mman.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <vector>
 
 #include "../../sim/src/sim_internal.h"
 #include "../../src/driver/isp_requests.h"
 #include "../support/isp_payload.h"
+#include "scene_files.h"
 #include "sim_fixture.h"
 #include "video_test_node.h"
 
@@ -297,17 +300,146 @@ TEST_F(IspTest, SensorNoiseFallsWithTheDenoiseStrengths)
     const auto raw = variances(3);
     EXPECT_GT(raw.first, standard.first * 3);
     EXPECT_NEAR(raw.second, standard.second, standard.second * 0.5) << "luma denoise leaves chroma noise";
+    // The strongest denoise leaves none of the noise: the picture below the
+    // frame number is the same from one frame to the next, and in the middle
+    // of each bar it is the clean bar (the strongest strength also smooths
+    // the bars' edges).
+    const size_t chroma_start = 192 * 108 + kFirstBarRow / 2 * 192, luma_start = kFirstBarRow * 192;
     SetControl(kChromaDenoise, 10);
-    EXPECT_EQ(variances(4).second, 0);
+    const auto a = Capture(4)[0], b = Capture(5)[0];
+    EXPECT_TRUE(std::equal(a.begin() + chroma_start, a.end(), b.begin() + chroma_start)) << "no chroma noise";
+    EXPECT_FALSE(std::equal(a.begin() + luma_start, a.begin() + chroma_start, b.begin() + luma_start));
     SetControl(kLumaDenoise, 10);
-    EXPECT_EQ(variances(5).first, 0);
-    EXPECT_TRUE(Capture(6)[0] == [&] {
-        std::vector<uint8_t> clean(zsim::detail::image_size(View(0)));
-        zsim::detail::paint_background(clean.data(), clean.size(), View(0));
-        zsim::detail::paint_frame(clean.data(), clean.size(), View(0), 6);
-        return clean;
-    }()) << "fully denoised is the clean pattern";
+    const auto c = Capture(6)[0], d = Capture(7)[0];
+    EXPECT_TRUE(std::equal(c.begin() + luma_start, c.begin() + 192 * 108, d.begin() + luma_start)) << "no luma noise";
+    for (int bar = 0; bar < 8; ++bar)
+        EXPECT_EQ(BarLuma(c, bar), kBarLuma[bar]) << bar;
 }
+
+// Scenes for the automatic loops and the denoiser, as the camera's source.
+class IspMeteringTest : public IspTest {
+protected:
+    void TearDown() override
+    {
+        IspTest::TearDown();
+        if (!scene_.empty())
+            unlink(scene_.c_str());
+    }
+    void ShowScene(const std::function<zelisp_test::Rgb(uint32_t x, uint32_t y)> &pixel)
+    {
+        // A new name for every scene: the simulator keeps a decoded scene by its path.
+        if (!scene_.empty())
+            unlink(scene_.c_str());
+        static int scenes = 0;
+        scene_ = ::testing::TempDir() + "isp-scene-" + std::to_string(getpid()) + "-" + std::to_string(++scenes) +
+                 ".png";
+        ASSERT_TRUE(zelisp_test::WritePngScene(scene_, 192, 108, pixel));
+        config_.source = scene_;
+    }
+    double MeanLuma(uint32_t sequence) { return Mean(Capture(sequence)[0], 192, 0, 192, kFirstBarRow, 108); }
+    std::string scene_;
+};
+
+// How far a luma is from the automatic exposure's target, 118, in stops.
+double StopsFromTarget(double luma) { return std::log2((118 - 16) / (luma - 16)); }
+
+TEST_F(IspMeteringTest, AutomaticExposureTakesAQuarterOfTheWayToItsTargetEachFrame)
+{
+    // A quarter of a normal scene's light: full-range grey 31, luma 43.
+    ShowScene([](uint32_t, uint32_t) { return zelisp_test::Rgb{31, 31, 31}; });
+    Start();
+    std::vector<double> lumas;
+    for (uint32_t sequence = 0; sequence < 24; ++sequence)
+        lumas.push_back(MeanLuma(sequence));
+    // Each frame is metered before it is shown, so the first has taken a step.
+    EXPECT_NEAR(StopsFromTarget(lumas[0]), 0.75 * StopsFromTarget(43), 0.04);
+    for (size_t k = 1; k < 8; ++k)
+        EXPECT_NEAR(StopsFromTarget(lumas[k]), 0.75 * StopsFromTarget(lumas[k - 1]), 0.06) << "frame " << k;
+    EXPECT_TRUE(std::is_sorted(lumas.begin(), lumas.end())) << "no overshoot";
+    EXPECT_NEAR(lumas.back(), 118, 3);
+    EXPECT_EQ(lumas[22], lumas[23]) << "settled, the exposure rests";
+    // Manual exposure at its base shows the scene as it is.
+    SetControl(kExposureAuto, 1);
+    EXPECT_NEAR(MeanLuma(30), 43, 1);
+    Stop();
+
+    // Too much light, back in automatic mode: the exposure comes down,
+    // from where it stood.
+    ShowScene([](uint32_t, uint32_t) { return zelisp_test::Rgb{240, 240, 240}; });
+    Start();
+    SetControl(kExposureAuto, 0);
+    double luma = 0;
+    for (uint32_t sequence = 0; sequence < 30; ++sequence)
+        luma = MeanLuma(sequence);
+    EXPECT_NEAR(luma, 118, 3);
+}
+
+TEST_F(IspMeteringTest, ASceneNearTheTargetIsLeftAlone)
+{
+    // Luma 100: within half a stop of the target, as the colour bars are.
+    ShowScene([](uint32_t, uint32_t) { return zelisp_test::Rgb{98, 98, 98}; });
+    Start();
+    const double first = MeanLuma(0);
+    EXPECT_NEAR(first, 100, 1);
+    for (uint32_t sequence = 1; sequence < 12; ++sequence)
+        EXPECT_EQ(MeanLuma(sequence), first) << sequence;
+}
+
+TEST_F(IspMeteringTest, AutomaticWhiteBalanceTurnsATintedSceneGrey)
+{
+    ShowScene([](uint32_t, uint32_t) { return zelisp_test::Rgb{160, 120, 90}; });
+    Start();
+    auto channel = [](const std::vector<uint8_t> &rgb, size_t c) {
+        return Mean(rgb, 192 * 3, 0, 192 * 3, kFirstBarRow, 108, 3, c);
+    };
+    const auto tinted = Capture(0)[1]; // RGB24
+    EXPECT_GT(channel(tinted, 0), channel(tinted, 1) * 1.15) << "one step taken, still red";
+    std::vector<uint8_t> balanced;
+    for (uint32_t sequence = 1; sequence < 30; ++sequence)
+        balanced = Capture(sequence)[1];
+    EXPECT_NEAR(channel(balanced, 0), channel(balanced, 1), channel(balanced, 1) * 0.03);
+    EXPECT_NEAR(channel(balanced, 2), channel(balanced, 1), channel(balanced, 1) * 0.03);
+    // Off, with no manual gains: the scene's own colour, from the next frame.
+    SetControl(kAutoWhiteBalance, 0);
+    const auto own = Capture(31)[1];
+    EXPECT_NEAR(channel(own, 0), 160, 3);
+    EXPECT_NEAR(channel(own, 1), 120, 3);
+    EXPECT_NEAR(channel(own, 2), 90, 3);
+}
+
+TEST_F(IspMeteringTest, StrongDenoiseSmoothsAwayFineDetail)
+{
+    // Left: one-pixel stripes, the finest detail; right: flat grey.
+    ShowScene([](uint32_t x, uint32_t) {
+        const uint8_t level = x >= 96 ? 120 : x % 2 ? 180 : 60;
+        return zelisp_test::Rgb{level, level, level};
+    });
+    config_.noise = 0;
+    Start();
+    SetControl(kExposureAuto, 1);
+    SetControl(kAutoWhiteBalance, 0);
+    // Detail: the mean step between neighbouring pixels of the stripes.
+    auto detail = [](const std::vector<uint8_t> &nv12) {
+        double sum = 0;
+        for (uint32_t y = kFirstBarRow; y < 108; ++y)
+            for (uint32_t x = 4; x < 90; ++x)
+                sum += std::abs(LumaAt(nv12, x + 1, y) - LumaAt(nv12, x, y));
+        return sum / double((108 - kFirstBarRow) * 86);
+    };
+    std::vector<double> details;
+    for (int32_t strength = 5; strength <= 10; ++strength) {
+        SetControl(kLumaDenoise, strength);
+        const auto frame = Capture(uint32_t(strength))[0];
+        details.push_back(detail(frame));
+        EXPECT_NEAR(Mean(frame, 192, 100, 192, kFirstBarRow, 108), LumaAt(frame, 150, 60), 0.01)
+            << "flat areas stay flat";
+    }
+    EXPECT_NEAR(details[0], (180 - 60) * 219 / 255.0, 1.5) << "up to strength 5 the picture is untouched";
+    EXPECT_NEAR(details[3], details[0] * 0.4, 2) << "strength 8 keeps 40% of the finest detail";
+    EXPECT_LT(details[5], 2) << "strength 10 smooths it all away";
+    EXPECT_TRUE(std::is_sorted(details.rbegin(), details.rend()));
+}
+
 
 // IspResizeRegs: first crop top, bottom, left, right; second crop top,
 // bottom, left, right; scaled width, height; reserved.

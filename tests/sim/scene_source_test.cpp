@@ -6,7 +6,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <png.h>
 #include <turbojpeg.h>
 
 #include <cstdio>
@@ -15,6 +14,7 @@
 #include <vector>
 
 #include "../../sim/src/sim_internal.h"
+#include "scene_files.h"
 #include "sim_fixture.h"
 #include "video_test_node.h"
 
@@ -60,15 +60,9 @@ protected:
     }
     void WritePng(const std::string &name, uint8_t r, uint8_t g, uint8_t b)
     {
-        std::vector<uint8_t> rgb;
-        for (int i = 0; i < 40 * 20; ++i)
-            rgb.insert(rgb.end(), {r, g, b});
-        png_image image{};
-        image.version = PNG_IMAGE_VERSION;
-        image.width = 40;
-        image.height = 20;
-        image.format = PNG_FORMAT_RGB;
-        ASSERT_TRUE(png_image_write_to_file(&image, (dir_ + "/" + name).c_str(), 0, rgb.data(), 0, nullptr));
+        ASSERT_TRUE(zelisp_test::WritePngScene(dir_ + "/" + name, 40, 20, [=](uint32_t, uint32_t) {
+            return zelisp_test::Rgb{r, g, b};
+        }));
     }
     void WriteJpeg(const std::string &name, uint8_t luma)
     {
@@ -81,11 +75,13 @@ protected:
         tjFree(jpeg);
         tjDestroy(handle);
     }
-    // Loads a configuration showing `source` on camera 2's view 0 (GREY).
+    // Loads a configuration showing `source` on camera 2's view 0 (GREY),
+    // with manual exposure at its base and the automatic white balance off,
+    // so that the scene comes through as the file has it.
     bool Configure(const std::string &source, std::string *error = nullptr)
     {
         const std::string path = Write("board.ini", "[camera 2]\nview0 = GREY 192x108\nmode = scripted\nsource = " +
-                                                        source + "\n");
+                                                        source + "\naec = 1\nawb = 0\n");
         std::string ignored;
         return zsim::load_config(path, error ? error : &ignored);
     }

@@ -3,6 +3,7 @@
 // conventions make fail, v4l2-ctl answers its listing and setting commands,
 // and GStreamer's v4l2src negotiates and streams every format in both open
 // modes, with the frame number readable in the PNG it encodes.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -134,6 +135,30 @@ TEST_F(StandardClientsTest, V4l2CtlListsAndSetsFormatsRatesAndControls)
     EXPECT_TRUE(Says("brightness 0x00980900 (int)    : min=0 max=255 step=1 default=128 value=128")) << output_;
     EXPECT_TRUE(Says("auto_exposure 0x009a0901 (menu)   : min=0 max=255 default=0 value=0 (Auto Mode)")) << output_;
     EXPECT_TRUE(Says("\t1: Manual Mode\n")) << output_;
+}
+
+TEST_F(StandardClientsTest, V4l2CtlStreamsEveryEnabledViewUnlessItSetsAFormat)
+{
+    if (!Have("v4l2-ctl"))
+        GTEST_SKIP() << "v4l2-ctl is not installed (Debian package v4l-utils, see scripts/setup.sh)";
+    auto file_size = [&](const std::string &name) {
+        struct stat st {};
+        return stat((dir_ + "/" + name).c_str(), &st) == 0 ? long(st.st_size) : -1L;
+    };
+    // The mode 1 node as it stands: views 0, 1 and 2, one plane each, every frame.
+    ASSERT_EQ(Run("v4l2-ctl -d /dev/video0 --stream-mmap --stream-count=2 --stream-to=" + dir_ + "/all.raw"), 0)
+        << output_;
+    EXPECT_EQ(file_size("all.raw"), 2 * (1920 * 1080 + 1280 * 720 + 640 * 360) * 3 / 2);
+    // A format set: view 0 alone; the mode 2 node is view 0 alone anyway.
+    ASSERT_EQ(Run("v4l2-ctl -d /dev/video0 --set-fmt-video=width=640,height=360 --stream-mmap --stream-count=2 "
+                  "--stream-to=" +
+                  dir_ + "/set.raw"),
+              0)
+        << output_;
+    EXPECT_EQ(file_size("set.raw"), 2 * 640 * 360 * 3 / 2);
+    ASSERT_EQ(Run("v4l2-ctl -d /dev/video12 --stream-mmap --stream-count=2 --stream-to=" + dir_ + "/mode2.raw"), 0)
+        << output_;
+    EXPECT_EQ(file_size("mode2.raw"), 2 * 1920 * 1080 * 3 / 2);
 }
 
 TEST_F(StandardClientsTest, GStreamerStreamsEveryFormatInBothModesWithTheFrameNumberInItsPictures)

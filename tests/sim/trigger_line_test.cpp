@@ -34,16 +34,7 @@ protected:
         uint32_t record[5] = {mode, 0, 0, 0, 0};
         ASSERT_EQ(misc.Request(zelisp::IOC_SET_MIPI_TRIGGER_MODE, record), 0);
     }
-    static void Start(const VideoNode &node)
-    {
-        uint32_t count = 4;
-        ASSERT_EQ(node.RequestBuffers(&count), 0);
-        for (uint32_t i = 0; i < count; ++i) {
-            BufferRecord record(i);
-            ASSERT_EQ(node.Request(VIDIOC_QBUF, &record.buf), 0);
-        }
-        ASSERT_EQ(node.Stream(VIDIOC_STREAMON), 0);
-    }
+    static void Start(const VideoNode &node) { ASSERT_EQ(zelisp_test::StreamAllQueued(node, 4), 0); }
     // The next `count` frames, each buffer queued again at once.
     static std::vector<Frame> Frames(const VideoNode &node, int count)
     {

@@ -1,6 +1,8 @@
 // Capture buffers of the simulated node: what REQBUFS grants, the planes
 // QUERYBUF describes, and plane memory shared by every mapping and export.
+#include <poll.h>
 #include <sys/mman.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -134,6 +136,105 @@ TEST_F(VideoBuffersTest, MappingsAndExportsOfAPlaneShareItsBytes)
         EXPECT_EQ(munmap(mapping, plane.length), 0);
     EXPECT_EQ(zsim::requests(zsim::kMunmap).size(), 4u);
     EXPECT_EQ(close(exp.fd), 0);
+}
+
+} // namespace
+
+namespace {
+
+uint32_t Flags(const VideoNode &node, uint32_t index)
+{
+    BufferRecord record(index);
+    EXPECT_EQ(node.Request(VIDIOC_QUERYBUF, &record.buf), 0);
+    return record.buf.flags;
+}
+
+TEST_F(VideoBuffersTest, ABufferIsMarkedMappedWhileTheProgramMapsOrExportsIt)
+{
+    zsim::set_frame_mode(0, zsim::FrameMode::Scripted);
+    VideoNode node("/dev/video0");
+    int view_zero = 1;
+    ASSERT_EQ(node.Request(VIDIOC_S_INPUT, &view_zero), 0);
+    uint32_t count = 2;
+    ASSERT_EQ(node.RequestBuffers(&count), 0);
+    BufferRecord query(0);
+    ASSERT_EQ(node.Request(VIDIOC_QUERYBUF, &query.buf), 0);
+    EXPECT_EQ(query.buf.flags & V4L2_BUF_FLAG_MAPPED, 0u);
+    const size_t length = query.plane[0].length;
+    auto *mapped = static_cast<uint8_t *>(
+        mmap(nullptr, length, PROT_READ, MAP_SHARED, node.fd(), query.plane[0].m.mem_offset));
+    ASSERT_NE(mapped, MAP_FAILED);
+    EXPECT_NE(Flags(node, 0) & V4L2_BUF_FLAG_MAPPED, 0u);
+    EXPECT_EQ(Flags(node, 1) & V4L2_BUF_FLAG_MAPPED, 0u) << "the other buffer is not";
+    // Queued and dequeued, it says so too.
+    BufferRecord queued(0);
+    ASSERT_EQ(node.Request(VIDIOC_QBUF, &queued.buf), 0);
+    EXPECT_EQ(queued.buf.flags & (V4L2_BUF_FLAG_MAPPED | V4L2_BUF_FLAG_QUEUED),
+              uint32_t(V4L2_BUF_FLAG_MAPPED | V4L2_BUF_FLAG_QUEUED));
+    ASSERT_EQ(node.Stream(VIDIOC_STREAMON), 0);
+    zsim::push_frame(0, zsim::ScriptedFrame{});
+    BufferRecord dequeued;
+    ASSERT_EQ(node.Request(VIDIOC_DQBUF, &dequeued.buf), 0);
+    EXPECT_NE(dequeued.buf.flags & V4L2_BUF_FLAG_MAPPED, 0u);
+    // Half unmapped is still mapped; all of it, not any more.
+    ASSERT_EQ(munmap(mapped + 4096, length - 4096), 0);
+    EXPECT_NE(Flags(node, 0) & V4L2_BUF_FLAG_MAPPED, 0u);
+    ASSERT_EQ(munmap(mapped, 4096), 0);
+    EXPECT_EQ(Flags(node, 0) & V4L2_BUF_FLAG_MAPPED, 0u);
+
+    // An export is a use of the buffer's memory as long as it is open.
+    v4l2_exportbuffer exported{};
+    exported.type = V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE;
+    exported.index = 1;
+    ASSERT_EQ(node.Request(VIDIOC_EXPBUF, &exported), 0);
+    EXPECT_NE(Flags(node, 1) & V4L2_BUF_FLAG_MAPPED, 0u);
+    const int copy = dup(exported.fd);
+    close(exported.fd);
+    EXPECT_NE(Flags(node, 1) & V4L2_BUF_FLAG_MAPPED, 0u) << "a duplicate still holds it";
+    close(copy);
+    EXPECT_EQ(Flags(node, 1) & V4L2_BUF_FLAG_MAPPED, 0u);
+}
+
+TEST_F(VideoBuffersTest, ReadAndWriteFailAsOnADriverWithoutReadWriteIo)
+{
+    zsim::set_frame_mode(0, zsim::FrameMode::Scripted);
+    VideoNode node("/dev/video0");
+    uint32_t count = 1;
+    ASSERT_EQ(node.RequestBuffers(&count), 0);
+    BufferRecord record(0);
+    ASSERT_EQ(node.Request(VIDIOC_QBUF, &record.buf), 0);
+    ASSERT_EQ(node.Stream(VIDIOC_STREAMON), 0);
+    zsim::ScriptedFrame frame;
+    frame.sequence = 5;
+    zsim::push_frame(0, frame);
+    char bytes[64] = {};
+    errno = 0;
+    EXPECT_EQ(read(node.fd(), bytes, sizeof bytes), -1);
+    EXPECT_EQ(errno, EINVAL);
+    errno = 0;
+    EXPECT_EQ(write(node.fd(), bytes, sizeof bytes), -1);
+    EXPECT_EQ(errno, EINVAL);
+    // The attempt took nothing from the driver: the frame still waits.
+    pollfd ready{node.fd(), POLLIN, 0};
+    EXPECT_EQ(poll(&ready, 1, 0), 1);
+    BufferRecord dequeued;
+    ASSERT_EQ(node.Request(VIDIOC_DQBUF, &dequeued.buf), 0);
+    EXPECT_EQ(dequeued.buf.sequence, 5u);
+
+    v4l2_exportbuffer exported{};
+    exported.type = V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE;
+    ASSERT_EQ(node.Request(VIDIOC_EXPBUF, &exported), 0);
+    errno = 0;
+    EXPECT_EQ(read(exported.fd, bytes, sizeof bytes), -1) << "a DMA buffer has no read either";
+    EXPECT_EQ(errno, EINVAL);
+    close(exported.fd);
+    // Other files read as ever.
+    int pipe_ends[2];
+    ASSERT_EQ(pipe(pipe_ends), 0);
+    EXPECT_EQ(write(pipe_ends[1], "ok", 2), 2);
+    EXPECT_EQ(read(pipe_ends[0], bytes, sizeof bytes), 2);
+    close(pipe_ends[0]);
+    close(pipe_ends[1]);
 }
 
 } // namespace

@@ -79,6 +79,20 @@ struct BufferRecord {
     v4l2_plane plane[3]{};
 };
 
+// Gives the node `count` buffers, queues them all and starts streaming; 0
+// or the errno of the first request that failed.
+inline int StreamAllQueued(const VideoNode &node, uint32_t count)
+{
+    if (int err = node.RequestBuffers(&count))
+        return err;
+    for (uint32_t i = 0; i < count; ++i) {
+        BufferRecord record(i);
+        if (int err = node.Request(VIDIOC_QBUF, &record.buf))
+            return err;
+    }
+    return node.Stream(VIDIOC_STREAMON);
+}
+
 } // namespace zelisp_test
 
 #endif

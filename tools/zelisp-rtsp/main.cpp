@@ -1,14 +1,22 @@
 /*
  * zelisp-rtsp - serves the board's cameras over RTSP:
  *
- *     zelisp-rtsp [--cameras 0,1,2] [--port 8554] [--codec h264|jpeg]
+ *     zelisp-rtsp [--cameras 0,1,2] [--group 0,1,2,3 --trigger external]
+ *                 [--port 8554] [--codec h264|jpeg] [--encoder auto]
+ *                 [--size [MOUNT=]WxH] [--clock system|ptp[:D]|ntp:HOST[:PORT]]
  *
  * Every camera is a mount rtsp://HOST:PORT/camN, made of zelispsrc and a
  * stock encoder and payloader: no protocol of our own, any RTSP client
- * (rtspsrc, ffplay, VLC) plays it. A mount is shared: all its clients watch
- * one capture, and the camera is opened while at least one client plays.
- * Without --cameras it serves every camera the platform reports valid; a
- * camera asked for that the platform does not list is skipped with a line.
+ * (rtspsrc, ffplay, VLC) plays it. A camera group is one mount,
+ * rtsp://HOST:PORT/group, whose session carries one stream per member. A
+ * mount is shared: all its clients watch one capture, and the camera is
+ * opened while at least one client plays. Without --cameras it serves every
+ * camera the platform reports valid; a camera asked for that the platform
+ * does not list is skipped with a line.
+ *
+ * On a rig of several boards every server runs its pipelines on one network
+ * clock (PTP or NTP) and says so in its SDP, so that a recorder places the
+ * frames of all boards on one time line.
  *
  * The server runs in the main loop. SIGINT and SIGTERM end it: clients are
  * closed, their media stopped, and the process exits within two seconds even
@@ -24,11 +32,17 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "clock_log.h"
+#include "encoder_choice.h"
+#include "mounts.h"
+#include "network_clock.h"
+#include "rig_options.h"
 #include "zelisp.h"
 
 namespace {
@@ -38,6 +52,7 @@ struct Options {
     int port = 8554;
     std::string codec = "h264";
     std::string address = "0.0.0.0";
+    zrtsp::MountOptions rig; // group, sizes, encoder, clock
 };
 
 // How long the teardown after SIGINT or SIGTERM may take.
@@ -83,9 +98,28 @@ int parse_options(int *argc, char ***argv, Options *options)
         {"address", 0, 0, G_OPTION_ARG_STRING, &address_text, "Address to listen on (default 0.0.0.0)", "ADDRESS"},
         {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
     };
+    zrtsp::RigTexts rig;
+    std::vector<GOptionEntry> rig_entries = zrtsp::rig_option_entries(&rig);
     GOptionContext *context = g_option_context_new("- serve the ISP cameras over RTSP");
-    g_option_context_set_summary(context, "Each camera N is served at rtsp://HOST:PORT/camN.");
+    g_option_context_set_summary(context, "Each camera N is served at rtsp://HOST:PORT/camN, a camera group at "
+                                          "rtsp://HOST:PORT/group.");
+    g_option_context_set_description(
+        context,
+        "On a rig of several boards every server runs on one network clock: with --clock ptp each frame is\n"
+        "stamped with its capture time on the PTP clock, and the SDP names the clock (RFC 7273 ts-refclk and\n"
+        "mediaclk), so that a receiver such as zelisp-rig places the frames of all boards on one time line.\n"
+        "The server serves once the clock has synced, and logs the clock's state on standard error.\n"
+        "\n"
+        "Examples:\n"
+        "  zelisp-rtsp --cameras 0,1\n"
+        "      cameras 0 and 1 at rtsp://HOST:8554/cam0 and /cam1, H.264\n"
+        "  zelisp-rtsp --group 0,1,2,3 --trigger external --clock ptp --interface eth0\n"
+        "      the four cameras as one group on the external trigger, on PTP domain 0\n"
+        "\n"
+        "See also: zelisp-rig(1), zelisp-cam(1); docs/gstreamer.md and docs/multi-board.md in the project's\n"
+        "sources.");
     g_option_context_add_main_entries(context, entries, nullptr);
+    g_option_context_add_main_entries(context, rig_entries.data(), nullptr);
     g_option_context_add_group(context, gst_init_get_option_group());
     GError *error = nullptr;
     bool parsed = g_option_context_parse(context, argc, argv, &error);
@@ -111,6 +145,12 @@ int parse_options(int *argc, char ***argv, Options *options)
     if (status == 0 && cameras_text && !parse_cameras(cameras_text, &options->cameras)) {
         std::fprintf(stderr, "zelisp-rtsp: --cameras takes numbers 0..11 separated by commas, got '%s'\n",
                      cameras_text);
+        status = 2;
+    }
+    std::string problem;
+    if (status == 0 && (!zrtsp::read_rig_options(rig, &options->rig, &problem) ||
+                        !zrtsp::sizes_fit_codec(options->rig, options->codec, &problem))) {
+        std::fprintf(stderr, "zelisp-rtsp: %s\n", problem.c_str());
         status = 2;
     }
     g_free(cameras_text);
@@ -158,35 +198,42 @@ std::vector<int> cameras_to_serve(const std::vector<int> &asked)
     return served;
 }
 
-// The media pipeline of one mount: payloader pay0, as the server expects.
-std::string launch_line(int camera, const std::string &codec)
+// The group's members must all be there: a group short of a camera is not
+// the rig the user wired.
+bool group_members_exist(const std::vector<int> &group)
 {
-    std::string source = "zelispsrc camera=" + std::to_string(camera) + " ! videoconvert ! ";
-    if (codec == "jpeg")
-        return "( " + source + "jpegenc quality=85 ! rtpjpegpay name=pay0 pt=26 )";
-    return "( " + source +
-           "video/x-raw,format=I420 ! x264enc tune=zerolatency speed-preset=ultrafast key-int-max=30 ! "
-           "video/x-h264,profile=constrained-baseline ! "
-           "rtph264pay name=pay0 pt=96 config-interval=-1 )";
+    std::vector<int> valid;
+    if (group.empty() || !valid_cameras(&valid))
+        return group.empty();
+    for (int camera : group) {
+        if (std::find(valid.begin(), valid.end(), camera) == valid.end()) {
+            std::fprintf(stderr, "zelisp-rtsp: --group: the platform lists no camera %d (it lists %s)\n", camera,
+                         valid.empty() ? "none" : number_list(valid).c_str());
+            return false;
+        }
+    }
+    return true;
 }
 
-// One camera's media: shared by its clients. The media pipelines run on
-// the system clock.
-GstRTSPMediaFactory *camera_media(int camera, const Options &options)
+// The network clock is synced before any frame is stamped on it: a board
+// serving frames on a clock still looking for its grandmaster would hand out
+// times a recorder cannot trust. Null, the reason printed, when it cannot.
+std::unique_ptr<netclock::NetworkClock> start_clock(const zrtsp::MountOptions &rig,
+                                                    std::unique_ptr<netclock::ClockLog> *log)
 {
-    GstRTSPMediaFactory *media = gst_rtsp_media_factory_new();
-    gst_rtsp_media_factory_set_launch(media, launch_line(camera, options.codec).c_str());
-    gst_rtsp_media_factory_set_shared(media, TRUE);
-    return media;
-}
-
-void mount_cameras(GstRTSPServer *server, const std::vector<int> &cameras, const Options &options)
-{
-    GstRTSPMountPoints *mounts = gst_rtsp_server_get_mount_points(server);
-    for (int camera : cameras)
-        gst_rtsp_mount_points_add_factory(mounts, ("/cam" + std::to_string(camera)).c_str(),
-                                          camera_media(camera, options));
-    g_object_unref(mounts);
+    std::string problem;
+    auto clock = netclock::NetworkClock::create(rig.clock, &problem);
+    if (clock) {
+        log->reset(new netclock::ClockLog(*clock, "zelisp-rtsp", rig.clock_status));
+        (*log)->start();
+        if (!clock->wait_for_sync(rig.sync_timeout, &problem)) {
+            log->reset();
+            clock.reset();
+        }
+    }
+    if (!clock)
+        std::fprintf(stderr, "zelisp-rtsp: %s\n", problem.c_str());
+    return clock;
 }
 
 gboolean quit(gpointer loop)
@@ -253,16 +300,45 @@ int main(int argc, char **argv)
     gst_object_unref(factory);
     if (loaded)
         gst_object_unref(loaded);
-    std::vector<int> cameras = cameras_to_serve(options.cameras);
-    if (cameras.empty()) {
+    // A group's cameras are served through the group only.
+    std::vector<int> cameras;
+    if (!options.cameras.empty() || options.rig.group.empty())
+        cameras = cameras_to_serve(options.cameras);
+    if (!group_members_exist(options.rig.group))
+        return 1;
+    zrtsp::EncoderChoice encoder;
+    std::string problem;
+    if (!zrtsp::choose_encoder(options.codec, options.rig.encoder, &encoder, &problem)) {
+        std::fprintf(stderr, "zelisp-rtsp: %s\n", problem.c_str());
+        return 2;
+    }
+    std::vector<zrtsp::Mount> mounts = zrtsp::plan_mounts(cameras, options.rig, encoder);
+    if (mounts.empty()) {
         std::fprintf(stderr, "zelisp-rtsp: no camera to serve\n");
         return 1;
+    }
+    std::vector<std::string> names;
+    for (const zrtsp::Mount &mount : mounts)
+        names.push_back(mount.name);
+    if (!zrtsp::sizes_name_served_mounts(options.rig, names, &problem)) {
+        std::fprintf(stderr, "zelisp-rtsp: %s\n", problem.c_str());
+        return 2;
+    }
+    std::fprintf(stderr, "zelisp-rtsp: %s\n",
+                 zrtsp::encoder_sentence(options.codec, options.rig.encoder, encoder).c_str());
+
+    std::unique_ptr<netclock::ClockLog> clock_log;
+    std::unique_ptr<netclock::NetworkClock> clock;
+    if (options.rig.clock.kind != netclock::ClockKind::System || !options.rig.clock_status.empty()) {
+        clock = start_clock(options.rig, &clock_log);
+        if (!clock)
+            return 1;
     }
 
     GstRTSPServer *server = gst_rtsp_server_new();
     gst_rtsp_server_set_address(server, options.address.c_str());
     gst_rtsp_server_set_service(server, std::to_string(options.port).c_str());
-    mount_cameras(server, cameras, options);
+    zrtsp::add_mounts(server, mounts, clock && clock->is_network() ? clock->clock() : nullptr);
     guint listening = gst_rtsp_server_attach(server, nullptr);
     if (listening == 0) {
         std::fprintf(stderr, "zelisp-rtsp: cannot listen on %s:%d\n", options.address.c_str(), options.port);
@@ -271,8 +347,8 @@ int main(int argc, char **argv)
     }
     int port = gst_rtsp_server_get_bound_port(server);
     std::string host = options.address == "0.0.0.0" ? "127.0.0.1" : options.address;
-    for (int camera : cameras)
-        std::printf("zelisp-rtsp: serving rtsp://%s:%d/cam%d\n", host.c_str(), port, camera);
+    for (const zrtsp::Mount &mount : mounts)
+        std::printf("zelisp-rtsp: serving rtsp://%s:%d/%s\n", host.c_str(), port, mount.name.c_str());
     std::fflush(stdout);
 
     GMainLoop *loop = g_main_loop_new(nullptr, FALSE);

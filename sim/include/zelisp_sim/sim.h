@@ -30,8 +30,10 @@ bool active();
 
 /* Back to the defaults: cameras 0..3 present with default configuration,
  * /dev/isp_misc present, no faults, no quirks, empty log, free-running frames,
- * counters zero. Descriptors and mappings still held by the program stay
- * valid and tracked. */
+ * counters zero, sequence numbers from 0, every camera plugged in, the
+ * board's shared state (controls, set-ups, trigger mode, queue claims) at its
+ * start. Descriptors and mappings still held by the program stay valid and
+ * tracked. */
 void reset();
 
 /* Loads a configuration file (the format zelisp-sim-run and ZELISP_SIM_CONFIG
@@ -91,6 +93,14 @@ struct CameraConfig {
     /* Sensor noise, standard deviation in 8-bit code values before the
      * denoise stage (0: none). */
     uint32_t noise = 0;
+    /* Faults of the free-running frames, as a flaky sensor or link has them:
+     * the percentage of frames lost at random (0..100, as if no buffer were
+     * queued); every error_every-th frame's buffer handed back with
+     * V4L2_BUF_FLAG_ERROR (0: none); the camera unplugged when
+     * disconnect_after frames have ended since VIDIOC_STREAMON (0: never). */
+    uint32_t drop_percent = 0;
+    uint32_t error_every = 0;
+    uint32_t disconnect_after = 0;
 };
 
 /* Adds (or reconfigures) camera c: nodes /dev/video<c> and /dev/video<c+12>
@@ -99,6 +109,12 @@ struct CameraConfig {
 void set_camera(int camera, const CameraConfig &config);
 /* Removes camera c: both nodes become Missing. */
 void remove_camera(int camera);
+/* Unplugs camera c, for every process of the board, as a USB camera is
+ * pulled out while streaming: its nodes vanish (stat and open: ENOENT),
+ * every request on a descriptor still open answers ENODEV (close works),
+ * read and write too, and select and poll report the descriptors ready
+ * with an error (POLLERR | POLLHUP). reset() plugs it back. */
+void disconnect_camera(int camera);
 CameraConfig camera_config(int camera);
 
 /* -------------------------------------------------------------- frames */
@@ -117,6 +133,7 @@ struct ScriptedFrame {
     /* Plane lengths reported by DQBUF; 0 = the plane's real length. */
     uint32_t plane_length[3] = {0, 0, 0};
     bool paint = false;          /* draw the test pattern into the buffer */
+    bool error = false;          /* hand the buffer back with V4L2_BUF_FLAG_ERROR */
 };
 /* Queues a scripted frame on node: it fills the next queued buffer as soon
  * as the node streams and has a buffer queued (in push order), making the
@@ -160,6 +177,9 @@ enum class TriggerMode { None, Internal, External };
 TriggerMode trigger_mode();
 /* Sets the mode as the platform driver's request does (None: no mode). */
 void set_trigger_mode(TriggerMode mode);
+/* Who drives camera c's sensor bus, as IOC_SET_I2C_CTRL last set it: 0 the
+ * ISP, 1 the ARM side, -1 not set since reset(). */
+int sensor_bus_owner(int camera);
 
 /* ---------------------------------------------------------- board clock */
 

@@ -13,12 +13,16 @@ The loops:
                   which is what the package does first when a frame waits
     python        camera.get_frame() + frame.release()
     python_array  the same, plus frame.views[0].array each frame
+
+After the loops it times how fast stop() ends a wait of another thread: a
+reader blocked in get_frame(None) (asleep in its poll) and stop() called.
 """
 
 import gc
 import json
 import statistics
 import sys
+import threading
 import time
 import tracemalloc
 
@@ -28,6 +32,7 @@ import zelisp_pybench as bench
 WIDTH, HEIGHT = 640, 360
 BATCH = 256
 LOOPS = ("c", "c_nowait", "python", "python_array")
+WAKE_REPETITIONS = 50
 
 
 def plane_mapping(address):
@@ -88,6 +93,39 @@ def count_copies(get):
     return copied, peak
 
 
+def asleep_in_poll(native_id):
+    with open(f"/proc/self/task/{native_id}/wchan") as channel:
+        return "poll" in channel.read()
+
+
+def wake_times(camera, repetitions):
+    """Microseconds from stop() to its return (every waiter has left its
+    poll by then) and to the reader's Cancelled (raised once the stopping
+    thread lets go of the GIL, here at join)."""
+    returned, raised = [], []
+    for _ in range(repetitions):
+        seen = {}
+
+        def reader():
+            seen["id"] = threading.get_native_id()
+            try:
+                camera.get_frame(None)
+            except zelisp.Cancelled:
+                seen["raised"] = time.perf_counter_ns()
+
+        thread = threading.Thread(target=reader)
+        thread.start()
+        while "id" not in seen or not asleep_in_poll(seen["id"]):
+            time.sleep(0.0005)
+        start = time.perf_counter_ns()
+        camera.stop()
+        returned.append((time.perf_counter_ns() - start) / 1000)
+        thread.join()
+        raised.append((seen["raised"] - start) / 1000)
+        camera.start()
+    return spread(returned), spread(raised)
+
+
 def main():
     counting = sys.argv[1] == "--count"
     assert bench.active(), "run under zelisp-sim-run"
@@ -108,6 +146,7 @@ def main():
                 timings[name].append(run_loop(name, get, frames))
         gc.enable()
         copied, peak = count_copies(get)
+        stop_returned, cancelled_raised = wake_times(camera, WAKE_REPETITIONS)
 
     # What Python adds, round by round against the C loop of the same round.
     added = {}
@@ -121,6 +160,8 @@ def main():
         "added_ns": added,
         "rounds_ns": timings,
         "image_bytes_copied": copied, "traced_peak_bytes": peak, "traced_frames": BATCH,
+        "wake_repetitions": WAKE_REPETITIONS, "stop_returned_us": stop_returned,
+        "cancelled_raised_us": cancelled_raised,
     }))
 
 

@@ -588,7 +588,7 @@ def main():
     options = parser.parse_args()
     quick = options.quick or os.environ.get("ZELISP_BENCH_QUICK") == "1"
     saved = os.path.join(os.getcwd(), "figures.json")
-
+    options.only = options.only or os.environ.get("ZELISP_BENCH_ONLY")  # scripts/bench.sh --only SECTION
     if options.only:
         measure_one_section(options, quick, saved)
         return

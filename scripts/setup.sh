@@ -21,8 +21,11 @@ packages=(
   ffmpeg                 # ffprobe and ffmpeg as RTSP clients of zelisp-rtsp's tests
   # the rig test (tests/rig, scripts/sim-rig.sh): boards in network namespaces (ip) with a PTP grandmaster
   iproute2 linuxptp
-  # Python package (python/): Debian's interpreter, numpy, OpenCV for the recipes, pytest
+  # Python package (python/): Debian's interpreter, numpy, OpenCV for the recipes, pytest;
+  # the wheel built and installed offline (build, setuptools, wheel, pybind11's Python side, venv
+  # with its pip), and mypy for checking the stubs against the module
   pybind11-dev python3-dev python3-numpy python3-opencv python3-pytest
+  python3-build python3-setuptools python3-wheel python3-pybind11 python3-venv mypy
   # web console (zelisp-cam serve) and its browser test
   libmicrohttpd-dev libturbojpeg0-dev chromium chromium-driver python3-selenium
   # its WebRTC view: webrtcbin (bad plugins), the ICE elements and libnice, the H.264 encoders

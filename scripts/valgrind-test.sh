@@ -23,9 +23,10 @@
 # rig.Namespaces.*) are left out for the same reason: their work is done by
 # GStreamer in other processes, and the tests decode the recordings with
 # GStreamer in their own; the frame-set logic (rig.FrameSets.*) stays.
-# The Python package's pytest suite is left out too: memcheck would have to
-# run the whole interpreter (and numpy, OpenCV), some 50 times slower and full
-# of the interpreter's own pool-allocator reports; the package's C++ runs
+# The Python package's tests (python.*) are left out too: memcheck would have
+# to run the whole interpreter (and numpy, OpenCV, and for python.wheel the
+# compiler and pip), some 50 times slower and full of the interpreter's own
+# pool-allocator reports, far past the stage's time; the package's C++ runs
 # under AddressSanitizer and UBSan in the sanitizer stage instead. The
 # random API sequences run fewer sequences here
 # (ZELISP_RANDOM_SEQUENCES) because every call is some 30 times slower.

@@ -3,6 +3,7 @@ get/put loop on the same simulated camera, measured side by side in one run:
 wall time over interleaved rounds, and, where valgrind is installed,
 instructions a frame, which the load of a shared machine does not change."""
 
+import datetime
 import json
 import os
 import re
@@ -11,6 +12,7 @@ import subprocess
 
 TITLE = "Python package: frame cost above the C loop"
 GOAL_ADDED_NS = 3000
+GOAL_WAKE_US = 100_000  # stop() from another thread ends a wait within 100 ms
 LOOP_NAMES = {
     "c": "C: `isp_get_frame_buf(..., 1000)` + `isp_put_frame_buf`",
     "c_nowait": "C: the same with a zero time limit (no poll)",
@@ -55,10 +57,13 @@ def measure(context, quick):
     if not os.path.isdir(os.path.join(package, "zelisp")) or not os.path.isdir(helper):
         return {"skipped": "the Python package was not built (ZELISP_BUILD_PYTHON=OFF)"}
     frames, rounds = (2048, 5) if quick else (20480, 9)
+    started = datetime.datetime.utcnow()
+    load = os.getloadavg()[0]
     completed = run(context, [str(frames), str(rounds)])
     figures = json.loads([line for line in completed.stdout.splitlines() if line.startswith("{")][-1])
     if shutil.which("valgrind"):
         figures["instructions"] = instructions_per_frame(context, 1024 if quick else 4096)
+    figures["measured"] = {"started": started.isoformat(), "load": load, "cpus": os.cpu_count()}
     return figures
 
 
@@ -71,7 +76,11 @@ def report(figures):
     if "skipped" in figures:
         return lines + [f"Not measured: {figures['skipped']}.", ""]
     counts = figures.get("instructions")
+    measured = figures["measured"]
     lines += [
+        f"Measured {datetime.datetime.fromisoformat(measured['started']):%Y-%m-%d %H:%M} UTC, load average "
+        f"{measured['load']:.2f} on {measured['cpus']} CPUs at the start of the section.",
+        "",
         f"One simulated camera, view 0 {figures['view']}, four buffers, scripted frames pushed in batches "
         f"outside the timed part; {figures['frames']} frames per loop, {figures['rounds']} interleaved rounds. "
         "The C loops run on a second camera set up the same way in the same process; the Python loops run "
@@ -112,6 +121,20 @@ def report(figures):
         f"{figures['image_bytes_copied']} (each array is checked to be the driver's mapped plane and to own no "
         f"data). Peak memory the interpreter allocated over those frames: {figures['traced_peak_bytes']} bytes, "
         f"against {figures['image_bytes']} bytes for one image.",
+        "",
+        f"Ending a wait from another thread, over {figures['wake_repetitions']} repetitions: a reader blocked "
+        "in `get_frame(None)`, asleep in its poll, and `camera.stop()` called. `stop()` returns once every "
+        "waiting thread has left its poll; the reader's `Cancelled` is raised as soon as the stopping "
+        "thread lets go of the GIL.",
+        "",
+        "| From `stop()` to | µs |",
+        "|---|---:|",
+        f"| `stop()` returning | {spread_text(figures['stop_returned_us'])} |",
+        f"| the reader's `Cancelled` | {spread_text(figures['cancelled_raised_us'])} |",
+        "",
+        f"Goal: every wait ended within {GOAL_WAKE_US // 1000} ms: "
+        f"{'met' if figures['cancelled_raised_us']['max'] <= GOAL_WAKE_US else 'NOT met'} (slowest "
+        f"{figures['cancelled_raised_us']['max']:.0f} µs).",
         "",
     ]
     return lines

@@ -122,7 +122,7 @@ def clients(web, load):
 
 
 def full_load(web, load, seconds):
-    with web.Console(config=FOUR) as console:
+    with web.Console(load.MANY_CLIENTS_FROM_LOOPBACK, config=FOUR) as console:
         before = _warm(console)
         cpu_before, started = _cpu_seconds(console.process.pid), time.monotonic()
         views = [(c, v) for c in range(4) for v in range(3)]

@@ -2,24 +2,19 @@
  * core.cpp - cameras, frames and groups as the Python package holds them.
  *
  * Waiting is done here rather than inside the library: the package polls the
- * node's descriptor with the interpreter lock released and takes the frame
- * with a zero time limit once the descriptor is readable. The library is then
- * only ever entered with the interpreter lock held, so two Python threads
- * never run library code on one camera at once, and a thread that sets a
- * control is not stuck behind another one waiting for a frame.
+ * node's descriptor with the interpreter lock released (waiting.cpp) and
+ * takes the frame with a zero time limit once the descriptor is readable.
+ * The library is then only ever entered with the interpreter lock held, so
+ * two Python threads never run library code on one camera at once, a thread
+ * that sets a control is not stuck behind another one waiting for a frame,
+ * and another thread can end the wait.
  */
 #include "core.h"
 
-#include <pybind11/pybind11.h>
+#include "library_lines.h"
 
-#include <cerrno>
-#include <chrono>
-#include <cstring>
+#include <optional>
 #include <utility>
-
-#include <poll.h>
-
-namespace py = pybind11;
 
 namespace zelpy {
 
@@ -55,60 +50,6 @@ uint32_t fourcc_value(const std::string &text)
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-/* Milliseconds left before the deadline, for poll(); -1 without a limit. */
-int remaining_ms(bool limited, Clock::time_point deadline)
-{
-    if (!limited)
-        return -1;
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    if (left <= 0)
-        return 0;
-    return left > 0x7FFFFFFF ? 0x7FFFFFFF : int(left);
-}
-
-/*
- * Waits until every descriptor is readable, or the time is up (false). The
- * interpreter lock is released meanwhile; a signal brings it back so that
- * Python can run its handler (Ctrl-C raises KeyboardInterrupt here).
- */
-bool wait_readable(std::vector<int> fds, int timeout_ms)
-{
-    const bool limited = timeout_ms >= 0;
-    const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(limited ? timeout_ms : 0);
-    while (!fds.empty()) {
-        std::vector<pollfd> set;
-        for (int fd : fds)
-            set.push_back(pollfd{fd, POLLIN, 0});
-        int result;
-        int error;
-        {
-            py::gil_scoped_release unlocked;
-            result = ::poll(set.data(), nfds_t(set.size()), remaining_ms(limited, deadline));
-            error = errno;
-        }
-        if (result < 0) {
-            if (error != EINTR)
-                fail(ISP_ERR_SELECT, "poll", std::strerror(error));
-            if (PyErr_CheckSignals() != 0)
-                throw py::error_already_set();
-            continue;
-        }
-        if (result == 0)
-            return false;
-        std::vector<int> waiting;
-        for (const pollfd &entry : set) {
-            if (entry.revents & (POLLERR | POLLNVAL))
-                fail(ISP_ERR_SELECT, "poll", "the camera's descriptor reports an error");
-            if (!(entry.revents & POLLIN))
-                waiting.push_back(entry.fd);
-        }
-        fds = std::move(waiting);
-    }
-    return true;
-}
-
 constexpr uint32_t kNoBuffer = 0xFFFFFFFFu;
 
 } // namespace
@@ -136,13 +77,11 @@ void CameraCore::require_open(const char *call) const
         fail(ISP_ERR_STATE, call, "the camera is closed");
 }
 
-void CameraCore::require_idle(const char *what) const
+void CameraCore::require_no_frames_out(const char *what) const
 {
     if (outstanding_ > 0)
         fail(ISP_ERR_STATE, what,
              std::to_string(outstanding_) + " frame(s) still out: release them and drop their arrays first");
-    if (waiting_ > 0)
-        fail(ISP_ERR_STATE, what, "another thread is waiting on this camera");
 }
 
 void CameraCore::read_formats()
@@ -161,7 +100,7 @@ void CameraCore::configure(uint32_t view_mask, int buffers, const zelvideo::_res
     require_open("isp_init_video");
     if (borrowed())
         fail(ISP_ERR_STATE, "isp_init_video", "a group member is configured through its group");
-    require_idle("isp_init_video");
+    require_no_frames_out("isp_init_video");
     if (resize)
         check(isp_resize_resolution(handle_, resize), "isp_resize_resolution");
     check(isp_init_video(handle_, view_mask, buffers), "isp_init_video");
@@ -174,7 +113,7 @@ void CameraCore::start()
     require_open("isp_start_capture");
     if (borrowed())
         fail(ISP_ERR_STATE, "isp_start_capture", "a group member is started through its group");
-    require_idle("isp_start_capture");
+    require_no_frames_out("isp_start_capture");
     check(isp_start_capture(handle_), "isp_start_capture");
     capturing_ = true;
 }
@@ -184,6 +123,7 @@ void CameraCore::stop()
     require_open("isp_stop_capture");
     if (borrowed())
         fail(ISP_ERR_STATE, "isp_stop_capture", "a group member is stopped through its group");
+    waits_.cancel("stop()");
     check(isp_stop_capture(handle_), "isp_stop_capture");
     capturing_ = false;
     stale_stream_ = stream_++;
@@ -195,7 +135,8 @@ void CameraCore::close()
         return;
     if (borrowed())
         fail(ISP_ERR_STATE, "isp_close_video", "a group member is closed through its group");
-    require_idle("isp_close_video");
+    require_no_frames_out("isp_close_video");
+    waits_.cancel("close()");
     check(isp_close_video(handle_), "isp_close_video");
     handle_ = 0;
     capturing_ = false;
@@ -237,37 +178,29 @@ zelvideo::_isp_buf_t CameraCore::take_frame(int timeout_ms, bool expected)
 {
     const char *call = expected ? "isp_get_expected_frame" : "isp_get_frame_buf";
     require_open(call);
-    const bool limited = timeout_ms >= 0;
-    Clock::time_point deadline{}; /* from the first miss: a waiting frame costs no clock read */
-    for (bool first = true;; first = false) {
-        // A stream that keeps up has a frame waiting: take it without a
-        // poll. Not capturing: the library says so in its own words (-4).
-        if (!first && timeout_ms != 0 && capturing_) {
-            ++waiting_;
-            bool ready;
-            try {
-                ready = wait_readable({fileno()}, remaining_ms(limited, deadline));
-            } catch (...) {
-                --waiting_;
-                throw;
-            }
-            --waiting_;
-            if (!ready)
-                fail(ISP_ERR_TIMEOUT, call);
-        }
+    const uint64_t since = waits_.epoch();
+    std::optional<Deadline> deadline; /* from the first miss: a waiting frame costs no clock read */
+    for (;;) {
+        // A stream that keeps up has a frame waiting: take it without a poll.
+        // Not capturing: the library says so in its own words (-4).
         zelvideo::_isp_buf_t buf{};
-        int result = expected ? isp_get_expected_frame(handle_, &buf, 0) : isp_get_frame_buf(handle_, &buf, 0);
-        // Nothing yet, or a frame dropped by the decimation, which leaves
-        // the descriptor idle until the next one: keep waiting within the limit.
-        if (result == ISP_ERR_NOT_READY && timeout_ms != 0) {
-            if (first)
-                deadline = Clock::now() + std::chrono::milliseconds(limited ? timeout_ms : 0);
-            if (first || remaining_ms(limited, deadline) != 0)
-                continue;
-            fail(ISP_ERR_TIMEOUT, call);
+        const CallLines lines;
+        const int result = expected ? isp_get_expected_frame(handle_, &buf, 0) : isp_get_frame_buf(handle_, &buf, 0);
+        if (result == ISP_OK)
+            return buf;
+        // A frame that does not follow the last one (number or 12 ms rule)
+        // went back to the driver: ask again, as after a frame the
+        // decimation dropped, which leaves the descriptor idle until the next.
+        if (result == ISP_ERR_REQUEST && lines.frame_refused()) {
+            ++refused_;
+            continue;
         }
-        check(result, call);
-        return buf;
+        if (result != ISP_ERR_NOT_READY || timeout_ms == 0)
+            check(result, call);
+        if (!deadline)
+            deadline.emplace(timeout_ms);
+        if (!wait_for_nodes({WaitTarget{fileno(), &waits_, since}}, WaitFor::Any, *deadline, call))
+            fail(ISP_ERR_TIMEOUT, call);
     }
 }
 
@@ -351,10 +284,10 @@ void GroupCore::require_alive(const char *call) const
         fail(ISP_ERR_STATE, call, "the group was destroyed");
 }
 
-void GroupCore::require_idle(const char *what) const
+void GroupCore::require_no_frames_out(const char *what) const
 {
     for (const auto &camera : cameras_) {
-        if (camera && camera->outstanding() > 0)
+        if (camera->outstanding() > 0)
             fail(ISP_ERR_STATE, what,
                  std::to_string(camera->outstanding()) +
                      " frame(s) of a member still out: release them and drop their arrays first");
@@ -387,7 +320,7 @@ std::vector<int> GroupCore::open(int mode)
 void GroupCore::configure(uint32_t view_mask, uint32_t buffers)
 {
     require_alive("isp_group_init_video");
-    require_idle("isp_group_init_video");
+    require_no_frames_out("isp_group_init_video");
     check(isp_group_init_video(handle_, view_mask, buffers), "isp_group_init_video");
     view_mask_ = view_mask;
     for (const auto &camera : cameras_)
@@ -404,15 +337,22 @@ void GroupCore::set_view_format(int view, const ViewFormat &format)
 void GroupCore::start()
 {
     require_alive("isp_group_start_captrue");
-    require_idle("isp_group_start_captrue");
+    require_no_frames_out("isp_group_start_captrue");
     check(isp_group_start_captrue(handle_), "isp_group_start_captrue");
     for (const auto &camera : cameras_)
         camera->adopt_stream(view_mask_, true, true);
 }
 
+void GroupCore::end_waits(const char *by)
+{
+    for (const auto &camera : cameras_)
+        camera->waits().cancel(by);
+}
+
 void GroupCore::stop()
 {
     require_alive("isp_group_stop_captrue");
+    end_waits("Group.stop()");
     check(isp_group_stop_captrue(handle_), "isp_group_stop_captrue");
     for (const auto &camera : cameras_)
         camera->adopt_stream(view_mask_, false, false);
@@ -421,7 +361,8 @@ void GroupCore::stop()
 void GroupCore::close()
 {
     require_alive("isp_group_close_video");
-    require_idle("isp_group_close_video");
+    require_no_frames_out("isp_group_close_video");
+    end_waits("Group.close()");
     check(isp_group_close_video(handle_), "isp_group_close_video");
     for (const auto &camera : cameras_)
         camera->adopt_stream(view_mask_, false, false);
@@ -432,7 +373,8 @@ void GroupCore::destroy()
 {
     if (handle_ == 0)
         return;
-    require_idle("isp_destroy_video_group");
+    require_no_frames_out("isp_destroy_video_group");
+    end_waits("Group.destroy()");
     check(isp_destroy_video_group(handle_), "isp_destroy_video_group");
     handle_ = 0;
     for (const auto &camera : cameras_)
@@ -470,22 +412,12 @@ std::vector<std::shared_ptr<FrameCore>> GroupCore::take_frame_set(int timeout_ms
     // Wait until every member holds a filled buffer, so that the library's
     // member-by-member read, given no time of its own, takes all of them.
     if (timeout_ms != 0 && !cameras_.empty() && cameras_[0]->capturing()) {
-        std::vector<int> fds;
-        for (const auto &camera : cameras_)
-            fds.push_back(camera->fileno());
-        for (const auto &camera : cameras_)
-            camera->wait_begin();
-        bool ready;
-        try {
-            ready = wait_readable(fds, timeout_ms);
-        } catch (...) {
-            for (const auto &camera : cameras_)
-                camera->wait_end();
-            throw;
-        }
-        for (const auto &camera : cameras_)
-            camera->wait_end();
-        if (!ready)
+        // The members outlive the wait even when destroy() drops them meanwhile.
+        const std::vector<std::shared_ptr<CameraCore>> members = cameras_;
+        std::vector<WaitTarget> targets;
+        for (const auto &camera : members)
+            targets.push_back(WaitTarget{camera->fileno(), &camera->waits(), camera->waits().epoch()});
+        if (!wait_for_nodes(targets, WaitFor::All, Deadline(timeout_ms), call))
             fail(ISP_ERR_TIMEOUT, call);
     }
     std::vector<zelvideo::_isp_buf_t> frames(count > 0 ? count : 1);
@@ -510,31 +442,36 @@ std::vector<std::shared_ptr<FrameCore>> GroupCore::take_frame_set(int timeout_ms
 
 std::vector<size_t> wait_any(const std::vector<std::shared_ptr<CameraCore>> &cameras, int timeout_ms)
 {
+    const char *call = "isp_camera_wait_for_data";
     std::vector<unsigned long> handles;
-    for (const auto &camera : cameras)
+    std::vector<WaitTarget> targets;
+    for (const auto &camera : cameras) {
         handles.push_back(camera->handle());
-    std::vector<int> ready(cameras.size() + 1, 0);
-    timeval limit{timeout_ms / 1000, (timeout_ms % 1000) * 1000};
-    for (const auto &camera : cameras)
-        camera->wait_begin();
-    int result;
-    {
-        py::gil_scoped_release unlocked;
-        result = isp_camera_wait_for_data(handles.data(), ready.data(), int(handles.size()),
-                                          timeout_ms >= 0 ? &limit : nullptr);
+        targets.push_back(WaitTarget{camera->fileno(), &camera->waits(), camera->waits().epoch()});
     }
-    for (const auto &camera : cameras)
-        camera->wait_end();
-    std::vector<size_t> which;
-    if (result == ISP_ERR_TIMEOUT)
-        return which;
-    if (result == ISP_ERR_WAIT_INTERRUPTED && PyErr_CheckSignals() != 0)
-        throw py::error_already_set();
-    check(result, "isp_camera_wait_for_data");
-    for (size_t i = 0; i < cameras.size(); ++i)
-        if (ready[i])
-            which.push_back(i);
-    return which;
+    std::vector<int> ready(cameras.size() + 1, 0);
+    std::optional<Deadline> deadline;
+    for (;;) {
+        // The library reports which cameras are ready; it is asked with no
+        // time of its own, so that the wait below can be ended.
+        timeval now{0, 0};
+        const int result = isp_camera_wait_for_data(handles.data(), ready.data(), int(handles.size()), &now);
+        if (result > 0) {
+            std::vector<size_t> which;
+            for (size_t i = 0; i < cameras.size(); ++i)
+                if (ready[i])
+                    which.push_back(i);
+            return which;
+        }
+        if (result != ISP_ERR_TIMEOUT)
+            check(result, call);
+        if (timeout_ms == 0)
+            return {};
+        if (!deadline)
+            deadline.emplace(timeout_ms);
+        if (!wait_for_nodes(targets, WaitFor::Any, *deadline, call))
+            return {};
+    }
 }
 
 } // namespace zelpy

@@ -6,13 +6,15 @@
  * camera that mapped it. The buffer goes back to the driver only when the
  * frame was released (or dropped) and no array of it is alive, and the camera
  * refuses to unmap (close, configure) while any buffer is out. Every object
- * here is used with the interpreter lock held; only the waits run without it,
- * and they touch nothing but descriptors.
+ * here is used with the interpreter lock held; only the waits (waiting.h)
+ * run without it, and they touch nothing but descriptors.
  */
 #ifndef ZELISP_PYTHON_CORE_H
 #define ZELISP_PYTHON_CORE_H
 
 #include <zelisp.h>
+
+#include "waiting.h"
 
 #include <array>
 #include <cstdint>
@@ -27,7 +29,8 @@ namespace zelpy {
 struct CallError {
     int code;
     std::string call;
-    std::string detail; /* set when the refusal is the package's own */
+    std::string detail;     /* set when the refusal is the package's own */
+    bool cancelled = false; /* a wait ended from another thread (zelisp.Cancelled) */
 };
 
 [[noreturn]] void fail(int code, const char *call, std::string detail = {});
@@ -64,18 +67,22 @@ public:
     bool capturing() const { return capturing_; }
     ViewFormat view_formats_cached(int view) const { return formats_[size_t(view)]; }
     int outstanding() const { return outstanding_; }
+    /* Frames the library refused (sequence or 12 ms rule) while a frame was asked for. */
+    uint64_t refused() const { return refused_; }
+    WaitCancel &waits() { return waits_; }
 
     void configure(uint32_t view_mask, int buffers, const zelvideo::_resize_param_t *resize);
     void start();
+    /* stop() and close() end every wait on the camera first. */
     void stop();
     void close();
     int fileno() const;
     std::vector<ViewFormat> view_formats() const;
     uint32_t view_mask() const { return view_mask_; }
 
-    /* Waits up to timeout_ms (negative: no limit) for a filled buffer with
-     * the interpreter lock released, then takes it. expected: through the
-     * frame decimation. */
+    /* Takes the next frame, waiting up to timeout_ms (negative: no limit)
+     * with the interpreter lock released. Frames the library refuses are
+     * counted and skipped. expected: through the frame decimation. */
     zelvideo::_isp_buf_t take_frame(int timeout_ms, bool expected);
     /* Gives back a buffer taken in the current stream; one of an earlier
      * stream went back to the driver when that stream stopped. */
@@ -83,8 +90,6 @@ public:
     uint64_t stream() const { return stream_; }
     void frame_out() { ++outstanding_; }
     void frame_in() { --outstanding_; }
-    void wait_begin() { ++waiting_; }
-    void wait_end() { --waiting_; }
 
     /* Follows what the group did to this member, so that its frames can be
      * described and given back. */
@@ -92,7 +97,7 @@ public:
 
 private:
     void require_open(const char *call) const;
-    void require_idle(const char *what) const;
+    void require_no_frames_out(const char *what) const;
     void read_formats();
 
     unsigned long handle_;
@@ -103,7 +108,8 @@ private:
     uint64_t stream_ = 1;
     uint64_t stale_stream_ = 0; /* frames of streams up to this one were taken back by a stop */
     int outstanding_ = 0;
-    int waiting_ = 0;
+    uint64_t refused_ = 0;
+    WaitCancel waits_;
 };
 
 /* One buffer in the hands of Python. */
@@ -169,7 +175,8 @@ public:
 
 private:
     void require_alive(const char *call) const;
-    void require_idle(const char *what) const;
+    void require_no_frames_out(const char *what) const;
+    void end_waits(const char *by);
 
     unsigned long handle_;
     std::vector<int> members_;
@@ -180,8 +187,8 @@ private:
     bool opened_ = false;
 };
 
-/* The cameras (by position) whose descriptor has a filled buffer; empty
- * when the time ran out. */
+/* The cameras (by position) with a filled buffer, as the library's
+ * multi-camera wait reports them; empty when the time ran out. */
 std::vector<size_t> wait_any(const std::vector<std::shared_ptr<CameraCore>> &cameras, int timeout_ms);
 
 } // namespace zelpy

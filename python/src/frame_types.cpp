@@ -295,7 +295,7 @@ PyObject *frame_exit(PyObject *self, PyObject *const *, Py_ssize_t)
 {
     return guarded([&] {
         core_of(self).release();
-        Py_RETURN_FALSE;
+        Py_RETURN_NONE;
     });
 }
 
@@ -306,11 +306,28 @@ PyObject *frame_repr(PyObject *self)
                                 frame.released() ? ", released)" : ")");
 }
 
+/* The views dict is the user's to fill (frame.views["me"] = frame makes a
+ * cycle), so frames take part in garbage collection: a frame kept only by
+ * a cycle is collected and its buffer goes back. */
+int frame_traverse(PyObject *self, visitproc visit, void *arg)
+{
+    Py_VISIT(Py_TYPE(self));
+    Py_VISIT(reinterpret_cast<FrameObject *>(self)->views);
+    return 0;
+}
+
+int frame_clear(PyObject *self)
+{
+    Py_CLEAR(reinterpret_cast<FrameObject *>(self)->views);
+    return 0;
+}
+
 void frame_dealloc(PyObject *self)
 {
+    PyObject_GC_UnTrack(self);
     // The views first: the frame's last owner may be this object, and its
     // buffer goes back (FrameCore's destructor) once they are gone too.
-    Py_CLEAR(reinterpret_cast<FrameObject *>(self)->views);
+    frame_clear(self);
     deallocate<FrameObject>(self);
 }
 
@@ -338,6 +355,8 @@ PyMethodDef frame_methods[] = {
 
 PyType_Slot frame_slots[] = {
     {Py_tp_dealloc, reinterpret_cast<void *>(frame_dealloc)},
+    {Py_tp_traverse, reinterpret_cast<void *>(frame_traverse)},
+    {Py_tp_clear, reinterpret_cast<void *>(frame_clear)},
     {Py_tp_repr, reinterpret_cast<void *>(frame_repr)},
     {Py_tp_getset, frame_getset},
     {Py_tp_methods, frame_methods},
@@ -346,11 +365,12 @@ PyType_Slot frame_slots[] = {
     {0, nullptr},
 };
 
-PyTypeObject *make_type(const char *name, Py_ssize_t size, PyType_Slot *slots)
+PyTypeObject *make_type(const char *name, Py_ssize_t size, PyType_Slot *slots, unsigned long flags = 0)
 {
     // Not instantiable from Python: frames come from a camera. Not immutable:
     // the package adds View.to_bgr in Python.
-    PyType_Spec type_description{name, int(size), 0, Py_TPFLAGS_DEFAULT | Py_TPFLAGS_DISALLOW_INSTANTIATION, slots};
+    PyType_Spec type_description{name, int(size), 0,
+                                 unsigned(Py_TPFLAGS_DEFAULT | Py_TPFLAGS_DISALLOW_INSTANTIATION | flags), slots};
     PyObject *type = PyType_FromSpec(&type_description);
     if (type == nullptr)
         throw py::error_already_set();
@@ -363,7 +383,7 @@ void add_frame_types(py::module_ &module)
 {
     lease_type = make_type("zelisp._zelisp.ArrayLease", sizeof(LeaseObject), lease_slots);
     view_type = make_type("zelisp._zelisp.View", sizeof(ViewObject), view_slots);
-    frame_type = make_type("zelisp._zelisp.Frame", sizeof(FrameObject), frame_slots);
+    frame_type = make_type("zelisp._zelisp.Frame", sizeof(FrameObject), frame_slots, Py_TPFLAGS_HAVE_GC);
     timeout_name = PyUnicode_InternFromString("timeout_ms");
     if (timeout_name == nullptr)
         throw py::error_already_set();
@@ -381,9 +401,10 @@ py::object make_frame(std::shared_ptr<FrameCore> core)
     return py::reinterpret_steal<py::object>(reinterpret_cast<PyObject *>(frame));
 }
 
-bool parse_timeout(const char *method, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames, int *timeout_ms)
+bool timeout_argument(const char *method, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames,
+                      PyObject **timeout)
 {
-    PyObject *value = nargs > 0 ? args[0] : nullptr;
+    *timeout = nargs > 0 ? args[0] : nullptr;
     if (nargs > 1) {
         PyErr_Format(PyExc_TypeError, "%s() takes at most 1 argument (%zd given)", method, nargs);
         return false;
@@ -395,32 +416,12 @@ bool parse_timeout(const char *method, PyObject *const *args, Py_ssize_t nargs, 
             PyErr_Format(PyExc_TypeError, "%s() got an unexpected keyword argument '%U'", method, name);
             return false;
         }
-        if (value != nullptr) {
+        if (*timeout != nullptr) {
             PyErr_Format(PyExc_TypeError, "%s() got multiple values for argument 'timeout_ms'", method);
             return false;
         }
-        value = args[nargs + i];
+        *timeout = args[nargs + i];
     }
-    if (value == nullptr) {
-        *timeout_ms = 1000;
-        return true;
-    }
-    if (value == Py_None) {
-        *timeout_ms = -1;
-        return true;
-    }
-    if (!PyLong_Check(value)) {
-        PyErr_Format(PyExc_TypeError, "%s(): timeout_ms is an int of milliseconds or None, not %s", method,
-                     Py_TYPE(value)->tp_name);
-        return false;
-    }
-    int overflow = 0;
-    const long number = PyLong_AsLongAndOverflow(value, &overflow);
-    if (overflow != 0 || number > 0x7FFFFFFFL || number < -0x7FFFFFFFL - 1) {
-        PyErr_Format(PyExc_OverflowError, "%s(): timeout_ms %S does not fit an int", method, value);
-        return false;
-    }
-    *timeout_ms = int(number);
     return true;
 }
 

@@ -31,15 +31,17 @@ void add_frame_types(pybind11::module_ &module);
 /* A new Python Frame over a buffer taken from the driver. */
 pybind11::object make_frame(std::shared_ptr<FrameCore> core);
 
-/* Reads a method's only argument, timeout_ms (int, or None for no limit;
- * default 1000), from a vectorcall; false with a TypeError set when the
+/* Finds a method's only argument, timeout_ms, in a vectorcall: the object
+ * given, or nullptr for the default; false with a TypeError set when the
  * arguments do not fit. */
-bool parse_timeout(const char *method, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames, int *timeout_ms);
+bool timeout_argument(const char *method, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames,
+                      PyObject **timeout);
 
 /* Runs body, turning a C++ exception into the Python one: the shape of every
- * C-level method of the package. */
+ * C-level method of the package. Not noexcept: a thread that CPython ends
+ * during a wait (interpreter_lock.h) unwinds through it. */
 template <typename Body>
-PyObject *guarded(Body &&body) noexcept
+PyObject *guarded(Body &&body)
 {
     try {
         return body();

@@ -1,14 +1,18 @@
 # Type stubs for the zelisp package (the compiled core has no annotations).
+# Checked against the module with mypy.stubtest (tests/python/test_package.py).
+from dataclasses import dataclass
 from types import TracebackType
-from typing import Iterable, Iterator, Optional, Sequence, Tuple, TypedDict
+from typing import Any, Iterable, Iterator, NamedTuple, Optional, Sequence, Tuple, TypedDict, final
 
 import numpy as np
 import numpy.typing as npt
 
 __all__ = [
-    "BadState", "Camera", "CameraInfo", "Error", "Frame", "FrameSet", "Group", "InvalidArgument",
-    "Timeout", "View", "cameras", "set_i2c_ctrl", "version", "wait",
+    "BadState", "Camera", "CameraInfo", "Cancelled", "Control", "Error", "Frame", "FrameSet", "Group",
+    "InvalidArgument", "Resize", "Timeout", "View", "cameras", "set_i2c_ctrl", "version", "wait",
 ]
+
+__version__: str
 
 class Error(Exception):
     """A call into libzelisp failed."""
@@ -18,24 +22,26 @@ class Error(Exception):
     detail: str
     def __init__(self, code: int, text: str, call: str, detail: str = ...) -> None: ...
 
-class Timeout(Error):
+class Timeout(Error, TimeoutError):
     """No frame came within the time limit (-13)."""
 
 class BadState(Error):
     """The object's state does not allow the call (-4), or frames are still out."""
 
-class InvalidArgument(Error):
+class Cancelled(BadState):
+    """A wait ended by stop(), close() or destroy() from another thread."""
+
+class InvalidArgument(Error, ValueError):
     """An argument was refused (-15)."""
 
 def version() -> str:
     """The library's version string, such as 'zelisp:v1.3.0'."""
 
+@dataclass(frozen=True)
 class CameraInfo:
     """One record of the platform's valid-camera table."""
-    @property
-    def index(self) -> int: ...
-    @property
-    def record(self) -> bytes: ...
+    index: int
+    record: bytes
 
 def cameras() -> list[CameraInfo]:
     """The cameras the platform lists as valid."""
@@ -46,6 +52,20 @@ def set_i2c_ctrl(camera: int, owner: int) -> None:
 def wait(cameras: Iterable[Camera], timeout_ms: Optional[int] = None) -> list[Camera]:
     """The cameras (up to 8) with a frame ready; empty when the time ran out."""
 
+class Control(NamedTuple):
+    """A control's range, default and value now, as the driver has them."""
+    minimum: Any
+    maximum: Any
+    default: Any
+    current: Any
+
+class Resize(TypedDict, total=False):
+    crop_before: Tuple[int, int, int, int]
+    scale: Tuple[int, int]
+    crop_after: Tuple[int, int, int, int]
+    sel: int
+
+@final
 class View:
     """One ISP output image of a frame."""
     @property
@@ -67,6 +87,7 @@ class View:
     def to_bgr(self) -> npt.NDArray[np.uint8]:
         """A new BGR image converted with OpenCV."""
 
+@final
 class Frame:
     """One captured buffer; release it to hand it back."""
     @property
@@ -83,25 +104,17 @@ class Frame:
     def returned(self) -> bool: ...
     def release(self) -> None: ...
     def __enter__(self) -> Frame: ...
-    def __exit__(self, exc_type: Optional[type[BaseException]], exc: Optional[BaseException],
-                 tb: Optional[TracebackType]) -> bool: ...
+    def __exit__(self, *exc: object) -> None: ...
 
 class FrameSet(Tuple[Frame, ...]):
     """One frame per group member, in member order."""
     def release(self) -> None: ...
     def __enter__(self) -> FrameSet: ...
-    def __exit__(self, *exc: object) -> bool: ...
-
-class Resize(TypedDict, total=False):
-    crop_before: Tuple[int, int, int, int]
-    scale: Tuple[int, int]
-    crop_after: Tuple[int, int, int, int]
-    sel: int
+    def __exit__(self, exc_type: Optional[type[BaseException]], exc: Optional[BaseException],
+                 traceback: Optional[TracebackType]) -> None: ...
 
 class Camera:
     """One camera; a context manager that closes on exit."""
-    index: int
-    mode: int
     brightness: int
     contrast: int
     saturation: int
@@ -113,14 +126,22 @@ class Camera:
     denoise: Tuple[int, int]
     def __init__(self, index: int, mode: int = 1) -> None: ...
     @property
+    def index(self) -> int: ...
+    @property
+    def mode(self) -> int: ...
+    @property
     def closed(self) -> bool: ...
+    @property
+    def refused(self) -> int: ...
+    @property
+    def controls(self) -> dict[str, Control]: ...
+    @property
+    def view_formats(self) -> list[Tuple[str, int, int]]: ...
     def configure(self, views: Iterable[int] = (0,), buffers: int = 4, resize: Optional[Resize] = None) -> None: ...
     def start(self) -> None: ...
     def stop(self) -> None: ...
     def close(self) -> None: ...
     def fileno(self) -> int: ...
-    @property
-    def view_formats(self) -> list[Tuple[str, int, int]]: ...
     def get_frame(self, timeout_ms: Optional[int] = 1000) -> Frame: ...
     def get_expected_frame(self, timeout_ms: Optional[int] = 1000) -> Frame: ...
     def frames(self, count: Optional[int] = None, timeout_ms: Optional[int] = 1000) -> Iterator[Frame]: ...
@@ -130,7 +151,7 @@ class Camera:
     def abnormal_info(self) -> bytes: ...
     def __enter__(self) -> Camera: ...
     def __exit__(self, exc_type: Optional[type[BaseException]], exc: Optional[BaseException],
-                 tb: Optional[TracebackType]) -> bool: ...
+                 traceback: Optional[TracebackType]) -> None: ...
 
 class Group:
     """A synchronized group of up to 8 cameras."""
@@ -151,4 +172,5 @@ class Group:
     def camera(self, index: int) -> Camera: ...
     def get_frame_set(self, timeout_ms: Optional[int] = 1000) -> FrameSet: ...
     def __enter__(self) -> Group: ...
-    def __exit__(self, *exc: object) -> bool: ...
+    def __exit__(self, exc_type: Optional[type[BaseException]], exc: Optional[BaseException],
+                 traceback: Optional[TracebackType]) -> None: ...

@@ -3,6 +3,8 @@ test, small cameras with scripted frames, and a reader for the frame number
 the simulator stamps into every image."""
 
 import gc
+import threading
+import time
 
 import numpy as np
 import pytest
@@ -126,5 +128,50 @@ def array_mapping(array):
     return None, ""
 
 
+def in_poll(native_id):
+    """Whether the thread sleeps in poll (the kernel's wait channel), where
+    the package's waits sleep."""
+    try:
+        with open(f"/proc/self/task/{native_id}/wchan") as channel:
+            return "poll" in channel.read()
+    except FileNotFoundError:  # the thread is gone
+        return False
+
+
+class Blocked(threading.Thread):
+    """Runs one blocking call in a thread of its own and keeps its outcome;
+    started(), it returns once the call sleeps in its poll."""
+
+    def __init__(self, call):
+        super().__init__(daemon=True)
+        self.call = call
+        self.result = None
+        self.error = None
+        self.ready = threading.Event()
+
+    def run(self):
+        self.native = threading.get_native_id()
+        self.ready.set()
+        try:
+            self.result = self.call()
+        except BaseException as error:  # the test looks at it
+            self.error = error
+
+    def started(self):
+        self.start()
+        self.ready.wait()
+        deadline = time.monotonic() + 60  # a generous limit, for a loaded machine
+        while not in_poll(self.native):
+            assert self.is_alive(), f"the call returned without waiting: {self.result!r} {self.error!r}"
+            assert time.monotonic() < deadline, "the call never began to wait"
+            time.sleep(0.001)
+        return self
+
+    def outcome(self):
+        self.join(timeout=60)
+        assert not self.is_alive(), "the call is still blocked"
+        return self.error if self.error is not None else self.result
+
+
 __all__ = ["np", "small_camera", "Script", "read_stamp", "stamp_of", "luma", "assert_shares",
-           "array_mapping", "SMALL_VIEWS"]
+           "array_mapping", "in_poll", "Blocked", "SMALL_VIEWS"]

@@ -49,7 +49,7 @@ def test_denoise_manual_balance_exposure_and_abnormal_info(opened):
     opened.set_mec([1, 2, 3, 4, 5, 0x10006])
     payload = zsim.manual_payload(1, 0x00981992)
     assert [int.from_bytes(payload[4 + 2 * i:6 + 2 * i], "little") for i in range(6)] == [1, 2, 3, 4, 5, 6]
-    with pytest.raises(zelisp.InvalidArgument, match="six numbers"):
+    with pytest.raises(zelisp.InvalidArgument, match=r"params=\[1, 2\] does not hold 6 numbers"):
         opened.set_mec([1, 2])
 
     assert opened.abnormal_info() == bytes(14)
@@ -62,7 +62,29 @@ def test_refused_control_values(opened):
         opened.sharpness = 11
     assert refused.value.call == "isp_camera_set_sharpness"
     assert zsim.control_value(1, 0x0098091B) == 5
-    with pytest.raises(zelisp.InvalidArgument, match="does not fit"):
+    with pytest.raises(zelisp.InvalidArgument, match="256 is outside 0..255"):
         opened.awb = 256
-    with pytest.raises(zelisp.InvalidArgument):
-        opened.brightness = -1
+
+
+def test_controls_give_the_drivers_ranges_and_the_values_now(opened):
+    opened.brightness = 140
+    opened.denoise = (3, 7)
+    zsim.set_control_value(1, 0x00980910, -2)  # gamma: a 32-bit word with its top bit set
+    assert opened.controls == {
+        "brightness": (0, 255, 128, 140),
+        "contrast": (0, 255, 128, 128),
+        "saturation": (0, 255, 128, 128),
+        "hue": (0, 255, 128, 128),
+        "gamma": (0, 0xFFFFFFFF, 100, 0xFFFFFFFE),
+        "sharpness": (0, 10, 5, 5),
+        "awb": (0, 1, 1, 1),
+        "aec": (0, 255, 0, 0),
+        "denoise": ((0, 0), (10, 10), (5, 5), (3, 7)),
+    }
+    control = opened.controls["sharpness"]
+    assert (control.minimum, control.maximum, control.default, control.current) == (0, 10, 5, 5)
+    # Everything back to the driver's defaults, as a program would do it.
+    for name, control in opened.controls.items():
+        setattr(opened, name, control.default)
+    assert all(control.current == control.default for control in opened.controls.values())
+    assert zsim.control_value(1, 0x00981993) == 5

@@ -1,6 +1,7 @@
 """Groups and their frame sets, waiting on several cameras, and threads:
 one reads frames while another sets controls."""
 
+import gc
 import threading
 
 import pytest
@@ -152,3 +153,23 @@ def test_set_i2c_ctrl_hands_the_sensor_bus_over():
     with pytest.raises(zelisp.Error) as refused:
         zelisp.set_i2c_ctrl(3, 2)
     assert refused.value.call == "isp_set_i2c_ctrl"
+
+
+def test_leaving_a_group_block_by_an_exception_keeps_that_exception():
+    scripts = [small_camera(0), small_camera(1)]
+    with pytest.raises(ValueError, match="the user's own") as raised:
+        with zelisp.Group([0, 1]) as group:
+            group.open()
+            group.configure(views=(0,), buffers=3)
+            group.start()
+            for script in scripts:
+                script.push()
+            frames = group.get_frame_set()
+            raise ValueError("the user's own")
+    assert raised.value.__context__ is None
+    # The group stayed for its frames and is freed once they are gone.
+    assert not group.destroyed
+    assert [frame.sequence for frame in frames] == [1, 1]
+    del group, frames
+    gc.collect()
+    assert zsim.live_descriptors() == 0

@@ -195,3 +195,20 @@ def test_ten_thousand_frames_lose_no_descriptor_mapping_or_buffer(camera):
     assert sorted(f.index for f in frames) == [0, 1, 2, 3]
     for frame in frames:
         frame.release()
+
+
+def test_a_frame_in_a_reference_cycle_is_collected_and_the_camera_closes():
+    script = small_camera(0)
+    camera = zelisp.Camera(0)
+    camera.configure(views=(0,), buffers=3)
+    camera.start()
+    script.push()
+    frame = camera.get_frame()
+    frame.views["me"] = frame  # the views dict is the user's to fill
+    assert gc.is_tracked(frame)
+    del frame
+    with pytest.raises(zelisp.BadState, match="1 frame"):
+        camera.close()
+    gc.collect()
+    camera.close()
+    assert camera.closed

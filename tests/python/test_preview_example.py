@@ -44,4 +44,6 @@ def test_preview_writes_a_png_per_view_with_the_frame_number(tmp_path):
 def test_preview_reports_a_missing_camera(tmp_path):
     result = run(tmp_path, "--camera", "5", "--out", str(tmp_path))
     assert result.returncode == 1
-    assert result.stderr.startswith("preview.py: isp_open_video: ")
+    # The library's own line first (logging's default: standard error), then the script's.
+    assert result.stderr.splitlines()[0] == "video device /dev/video5 not exist"
+    assert result.stderr.splitlines()[1].startswith("preview.py: isp_open_video: ")

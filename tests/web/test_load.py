@@ -10,7 +10,7 @@ import statistics
 import time
 
 from console import LONG_WAIT_S, Console
-from load import SlowClients, answer_times, connect_from, flood, watch_and_snap
+from load import MANY_CLIENTS_FROM_LOOPBACK, SlowClients, answer_times, connect_from, flood, watch_and_snap
 
 MB = 1024  # in kB, as /proc reports RSS
 
@@ -90,7 +90,7 @@ def test_every_view_watched_and_snapshots_pouring_in_cost_no_frame():
     # Four cameras with their three views at 30 fps; eight viewers of
     # full-size MJPEG streams and forty snapshot clients for 60 s.
     seconds = 60
-    with Console(config="[cameras]\npresent = 0, 1, 2, 3\n") as console:
+    with Console(MANY_CLIENTS_FROM_LOOPBACK, config="[cameras]\npresent = 0, 1, 2, 3\n") as console:
         for _ in range(LONG_WAIT_S * 10):  # past the first fill of every buffer
             baseline = console.stats()["cameras"]
             if all(c["frames"] >= 30 for c in baseline):

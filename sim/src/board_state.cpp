@@ -41,13 +41,16 @@ Attachment g_attachment;
 pthread_once_t g_attach_once = PTHREAD_ONCE_INIT;
 std::atomic<bool> g_adopting{false};
 
-// The kernel's start time of a process (field 22 of /proc/PID/stat, in
-// clock ticks since boot); 0 when the process does not exist or has ended
-// (a zombie, field 3 Z or X, waiting for its parent, holds nothing).
+// The kernel's start time of a process (field 22 of its main thread's
+// stat, in clock ticks since boot); 0 when the process does not exist or has
+// ended (a zombie, field 3 Z or X, waiting for its parent, holds nothing).
+// Read from /proc/PID/task/PID/stat rather than /proc/PID/stat: an Arm64
+// program run under qemu-user on a PC gets a made-up /proc/PID/stat for its
+// own PID, with another start time than its parent reads for it.
 uint64_t process_start(pid_t pid)
 {
-    char path[40];
-    std::snprintf(path, sizeof path, "/proc/%d/stat", int(pid));
+    char path[64];
+    std::snprintf(path, sizeof path, "/proc/%d/task/%d/stat", int(pid), int(pid));
     const int fd = real::openat(AT_FDCWD, path, O_RDONLY | O_CLOEXEC, 0);
     if (fd < 0)
         return 0;

@@ -37,14 +37,14 @@ std::string signed_duration_text(int64_t ns)
 
 } // namespace
 
-std::string state_sentence(const ClockSpec &spec, const ClockState &state)
+std::string state_sentence(const ClockChoice &choice, const ClockState &state)
 {
-    if (spec.kind == ClockKind::System)
+    if (choice.kind == ClockKind::System)
         return "this machine's own real-time clock, followed by no network clock";
     std::string text;
     if (!state.synced) {
         if (!state.heard)
-            return spec.kind == ClockKind::Ptp ? "not synced: no PTP grandmaster heard yet"
+            return choice.kind == ClockKind::Ptp ? "not synced: no PTP grandmaster heard yet"
                                                : "not synced: no answer from the NTP server yet";
         text = "not synced";
         if (!state.grandmaster.empty())
@@ -60,17 +60,17 @@ std::string state_sentence(const ClockSpec &spec, const ClockState &state)
     return text;
 }
 
-std::string state_json(const ClockSpec &spec, const ClockState &state)
+std::string state_json(const ClockChoice &choice, const ClockState &state)
 {
     nlohmann::json json = {
-        {"clock", clock_name(spec)},
+        {"clock", clock_name(choice)},
         {"synced", state.synced},
         {"offset_ns", state.offset_ns},
         {"path_delay_ns", state.path_delay_ns},
         {"system_offset_ns", state.system_offset_ns},
-        {"state", state_sentence(spec, state)},
+        {"state", state_sentence(choice, state)},
     };
-    json["interface"] = spec.interface.empty() ? nullptr : nlohmann::json(spec.interface);
+    json["interface"] = choice.interface.empty() ? nullptr : nlohmann::json(choice.interface);
     json["grandmaster"] = state.grandmaster.empty() ? nullptr : nlohmann::json(state.grandmaster);
     json["seconds_to_sync"] = state.seconds_to_sync < 0 ? nullptr : nlohmann::json(state.seconds_to_sync);
     json["settled"] = state.settled;
@@ -116,7 +116,7 @@ void ClockLog::tell(const ClockState &state)
                    (state.settled && !was_settled_);
     if (!changed && !(state.synced && now - last_line_us_ >= kStateLineEveryUs))
         return;
-    std::string text = state_sentence(clock_.spec(), state);
+    std::string text = state_sentence(clock_.choice(), state);
     char after[48] = "";
     if (state.settled && !was_settled_ && was_synced_ && clock_.is_network()) {
         std::snprintf(after, sizeof after, "settled after %.1f s: ", state.seconds_to_settle);
@@ -127,7 +127,7 @@ void ClockLog::tell(const ClockState &state)
     } else if (!state.synced && was_synced_) {
         text = "lost sync: " + text;
     }
-    std::fprintf(stderr, "%s: clock %s: %s\n", program_.c_str(), clock_name(clock_.spec()).c_str(), text.c_str());
+    std::fprintf(stderr, "%s: clock %s: %s\n", program_.c_str(), clock_name(clock_.choice()).c_str(), text.c_str());
     told_once_ = true;
     was_synced_ = state.synced;
     was_settled_ = state.settled;
@@ -143,7 +143,7 @@ void ClockLog::write_status(const ClockState &state)
         return;
     std::string partial = status_path_ + ".partial";
     FILE *file = std::fopen(partial.c_str(), "w");
-    bool written = file && std::fputs(state_json(clock_.spec(), state).c_str(), file) >= 0;
+    bool written = file && std::fputs(state_json(clock_.choice(), state).c_str(), file) >= 0;
     if (file && std::fclose(file) != 0)
         written = false;
     if (written && std::rename(partial.c_str(), status_path_.c_str()) != 0)

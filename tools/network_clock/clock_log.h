@@ -17,10 +17,10 @@ namespace netclock {
 
 // "synced to grandmaster AA-..., offset 3 µs, path delay 115 µs; this
 // machine's real-time clock is 120.004 ms behind it", or what is missing.
-std::string state_sentence(const ClockSpec &spec, const ClockState &state);
+std::string state_sentence(const ClockChoice &choice, const ClockState &state);
 
 // The state as the status file holds it (one JSON object).
-std::string state_json(const ClockSpec &spec, const ClockState &state);
+std::string state_json(const ClockChoice &choice, const ClockState &state);
 
 class ClockLog {
 public:

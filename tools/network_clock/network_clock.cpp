@@ -29,9 +29,9 @@ std::string seconds_text(double seconds)
 // The network time a real-time reading of this machine corresponds to, in
 // the clock's own epoch (NTP counts from 1900; PTP and the system clock
 // from 1970).
-int64_t to_clock_epoch(const ClockSpec &spec, int64_t unix_ns)
+int64_t to_clock_epoch(const ClockChoice &choice, int64_t unix_ns)
 {
-    return spec.kind == ClockKind::Ntp ? unix_ns + kNtpToUnixNs : unix_ns;
+    return choice.kind == ClockKind::Ntp ? unix_ns + kNtpToUnixNs : unix_ns;
 }
 
 // A server named by a host name that does not resolve would only ever be
@@ -61,10 +61,10 @@ std::string ptp_identity(uint64_t id)
     return text;
 }
 
-std::unique_ptr<NetworkClock> NetworkClock::create(const ClockSpec &spec, std::string *error)
+std::unique_ptr<NetworkClock> NetworkClock::create(const ClockChoice &choice, std::string *error)
 {
     GstClock *clock = nullptr;
-    switch (spec.kind) {
+    switch (choice.kind) {
     case ClockKind::System:
         // The real-time clock, so that a time on it reads as a date.
         clock = GST_CLOCK(g_object_new(GST_TYPE_SYSTEM_CLOCK, "name", "system-clock", "clock-type",
@@ -72,33 +72,33 @@ std::unique_ptr<NetworkClock> NetworkClock::create(const ClockSpec &spec, std::s
         gst_object_ref_sink(clock);
         break;
     case ClockKind::Ptp: {
-        if (!spec.interface.empty() && if_nametoindex(spec.interface.c_str()) == 0) {
-            *error = "there is no network interface '" + spec.interface + "'";
+        if (!choice.interface.empty() && if_nametoindex(choice.interface.c_str()) == 0) {
+            *error = "there is no network interface '" + choice.interface + "'";
             return nullptr;
         }
-        gchar *interfaces[] = {const_cast<gchar *>(spec.interface.c_str()), nullptr};
-        if (!gst_ptp_init(GST_PTP_CLOCK_ID_NONE, spec.interface.empty() ? nullptr : interfaces)) {
+        gchar *interfaces[] = {const_cast<gchar *>(choice.interface.c_str()), nullptr};
+        if (!gst_ptp_init(GST_PTP_CLOCK_ID_NONE, choice.interface.empty() ? nullptr : interfaces)) {
             *error = "GStreamer's PTP client did not start: its helper (gst-ptp-helper, from "
                      "libgstreamer1.0-0) is missing or lacks its network capabilities";
             return nullptr;
         }
-        clock = gst_ptp_clock_new(("ptp-clock-" + std::to_string(spec.domain)).c_str(), guint(spec.domain));
+        clock = gst_ptp_clock_new(("ptp-clock-" + std::to_string(choice.domain)).c_str(), guint(choice.domain));
         break;
     }
     case ClockKind::Ntp:
-        if (!host_resolves(spec.host, error))
+        if (!host_resolves(choice.host, error))
             return nullptr;
-        clock = gst_ntp_clock_new("ntp-clock", spec.host.c_str(), spec.port, 0);
+        clock = gst_ntp_clock_new("ntp-clock", choice.host.c_str(), choice.port, 0);
         break;
     }
     if (!clock) {
-        *error = "GStreamer could not make the " + clock_name(spec) + " clock";
+        *error = "GStreamer could not make the " + clock_name(choice) + " clock";
         return nullptr;
     }
-    std::unique_ptr<NetworkClock> made(new NetworkClock(spec, clock));
-    if (spec.kind == ClockKind::Ptp) {
+    std::unique_ptr<NetworkClock> made(new NetworkClock(choice, clock));
+    if (choice.kind == ClockKind::Ptp) {
         made->ptp_callback_ = gst_ptp_statistics_callback_add(ptp_statistics, made.get(), nullptr);
-    } else if (spec.kind == ClockKind::Ntp) {
+    } else if (choice.kind == ClockKind::Ntp) {
         // The NTP client posts its statistics on a bus of its own.
         made->ntp_bus_ = gst_bus_new();
         gst_bus_set_sync_handler(made->ntp_bus_, ntp_message, made.get(), nullptr);
@@ -107,10 +107,10 @@ std::unique_ptr<NetworkClock> NetworkClock::create(const ClockSpec &spec, std::s
     return made;
 }
 
-NetworkClock::NetworkClock(const ClockSpec &spec, GstClock *clock)
-    : spec_(spec), clock_(clock), created_us_(g_get_monotonic_time())
+NetworkClock::NetworkClock(const ClockChoice &choice, GstClock *clock)
+    : choice_(choice), clock_(clock), created_us_(g_get_monotonic_time())
 {
-    if (spec.kind == ClockKind::System) {
+    if (choice.kind == ClockKind::System) {
         state_.synced = state_.settled = true;
         state_.seconds_to_sync = state_.seconds_to_settle = 0;
     }
@@ -132,7 +132,7 @@ NetworkClock::~NetworkClock()
 gboolean NetworkClock::ptp_statistics(guint8 domain, const GstStructure *statistics, gpointer self)
 {
     auto *clock = static_cast<NetworkClock *>(self);
-    if (domain == clock->spec_.domain)
+    if (domain == clock->choice_.domain)
         clock->on_ptp_statistics(statistics);
     return TRUE;
 }
@@ -232,16 +232,16 @@ bool NetworkClock::wait_for_sync(double timeout_seconds, std::string *error)
         smooth_ptp_clock();
         return true;
     }
-    std::string head = "the " + clock_name(spec_) + " clock did not sync within " + seconds_text(timeout_seconds) + " s: ";
-    if (spec_.kind == ClockKind::Ptp && !now.heard)
-        *error = head + "no PTP grandmaster answered on domain " + std::to_string(spec_.domain) +
-                 (spec_.interface.empty() ? "" : " on " + spec_.interface) +
+    std::string head = "the " + clock_name(choice_) + " clock did not sync within " + seconds_text(timeout_seconds) + " s: ";
+    if (choice_.kind == ClockKind::Ptp && !now.heard)
+        *error = head + "no PTP grandmaster answered on domain " + std::to_string(choice_.domain) +
+                 (choice_.interface.empty() ? "" : " on " + choice_.interface) +
                  " (is ptp4l running, and is there a multicast route, 224.0.0.0/4, on that interface?)";
-    else if (spec_.kind == ClockKind::Ptp)
+    else if (choice_.kind == ClockKind::Ptp)
         *error = head + "grandmaster " + (now.grandmaster.empty() ? "(unknown)" : now.grandmaster) +
                  " answers, but the clock has not settled on it yet";
     else if (!now.heard)
-        *error = head + "no answer from the NTP server " + spec_.host + " port " + std::to_string(spec_.port);
+        *error = head + "no answer from the NTP server " + choice_.host + " port " + std::to_string(choice_.port);
     else
         *error = head + "the NTP server answers, but the clock has not settled on it yet";
     return false;
@@ -255,7 +255,7 @@ bool NetworkClock::wait_for_sync(double timeout_seconds, std::string *error)
 // oscillator changes slowly enough for that.
 void NetworkClock::smooth_ptp_clock()
 {
-    if (spec_.kind != ClockKind::Ptp)
+    if (choice_.kind != ClockKind::Ptp)
         return;
     GstClock *domain_clock = nullptr;
     g_object_get(clock_, "internal-clock", &domain_clock, nullptr);
@@ -269,7 +269,7 @@ ClockState NetworkClock::state() const
 {
     // Asked without our lock held: the PTP clock may take its own locks and
     // signal its sync while answering.
-    bool ptp_synced = spec_.kind == ClockKind::Ptp && gst_clock_is_synced(clock_);
+    bool ptp_synced = choice_.kind == ClockKind::Ptp && gst_clock_is_synced(clock_);
     ClockState copy;
     {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -283,7 +283,7 @@ ClockState NetworkClock::state() const
     // before its first sync, and a clock never goes back behind a time it
     // answered, so one early reading would stick for good.
     if (copy.synced)
-        copy.system_offset_ns = to_clock_epoch(spec_, g_get_real_time() * 1000) - int64_t(gst_clock_get_time(clock_));
+        copy.system_offset_ns = to_clock_epoch(choice_, g_get_real_time() * 1000) - int64_t(gst_clock_get_time(clock_));
     return copy;
 }
 

@@ -20,7 +20,7 @@
 #include <mutex>
 #include <string>
 
-#include "clock_spec.h"
+#include "clock_choice.h"
 
 namespace netclock {
 
@@ -45,18 +45,18 @@ struct ClockState {
 
 class NetworkClock {
 public:
-    // The clock of `spec`. PTP starts GStreamer's PTP client on
-    // spec.interface (every interface when empty). Null with a sentence in
+    // The clock of `choice`. PTP starts GStreamer's PTP client on
+    // choice.interface (every interface when empty). Null with a sentence in
     // *error when it cannot start.
-    static std::unique_ptr<NetworkClock> create(const ClockSpec &spec, std::string *error);
+    static std::unique_ptr<NetworkClock> create(const ClockChoice &choice, std::string *error);
     ~NetworkClock();
     NetworkClock(const NetworkClock &) = delete;
     NetworkClock &operator=(const NetworkClock &) = delete;
 
-    const ClockSpec &spec() const { return spec_; }
+    const ClockChoice &choice() const { return choice_; }
     // The clock itself (the real-time system clock for "system"); borrowed.
     GstClock *clock() const { return clock_; }
-    bool is_network() const { return spec_.kind != ClockKind::System; }
+    bool is_network() const { return choice_.kind != ClockKind::System; }
 
     // Waits up to `timeout_seconds` for the first sync. False with a
     // sentence saying what was heard from the network and what not.
@@ -65,7 +65,7 @@ public:
     ClockState state() const;
 
 private:
-    NetworkClock(const ClockSpec &spec, GstClock *clock);
+    NetworkClock(const ClockChoice &choice, GstClock *clock);
     void on_ptp_statistics(const GstStructure *statistics);
     void on_ntp_statistics(const GstStructure *statistics);
     // With mutex_ held: a new estimate of the path delay or of the rate.
@@ -76,7 +76,7 @@ private:
     static gboolean ptp_statistics(guint8 domain, const GstStructure *statistics, gpointer self);
     static GstBusSyncReply ntp_message(GstBus *bus, GstMessage *message, gpointer self);
 
-    ClockSpec spec_;
+    ClockChoice choice_;
     GstClock *clock_ = nullptr;
     gulong ptp_callback_ = 0;
     GstBus *ntp_bus_ = nullptr;

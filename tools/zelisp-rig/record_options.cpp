@@ -142,7 +142,7 @@ bool parse_record_options(int argc, char **argv, RecordOptions *options, std::st
     options->tcp = transport == "tcp";
     options->latency_ms = int(latency);
     options->clock.interface = interface;
-    if (!netclock::parse_clock_spec(clock_text, &options->clock, error)) {
+    if (!netclock::parse_clock_choice(clock_text, &options->clock, error)) {
         *error = "--clock: " + *error;
         return false;
     }

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "clock_spec.h"
+#include "clock_choice.h"
 
 namespace zrig {
 
@@ -23,7 +23,7 @@ struct RecordOptions {
     std::vector<std::string> urls;
     std::string out_dir;
     double seconds = 0;          // 0: until interrupted
-    netclock::ClockSpec clock;
+    netclock::ClockChoice clock;
     double sync_timeout = 30;
     int latency_ms = 2000;
     bool tcp = true;

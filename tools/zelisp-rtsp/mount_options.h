@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "clock_spec.h"
+#include "clock_choice.h"
 #include "media_launch.h"
 
 namespace zrtsp {
@@ -21,7 +21,7 @@ struct MountOptions {
     std::map<std::string, StreamSize> sizes; // by mount ("cam0", "group"); "" for every mount
     std::string encoder = "auto";
     int buffers = 0;                // capture buffers per camera; 0: the elements' default
-    netclock::ClockSpec clock;
+    netclock::ClockChoice clock;
     double sync_timeout = 60;       // seconds to wait for the network clock at start
     std::string clock_status;       // file the clock state is written to; empty: none
 };

@@ -5,7 +5,7 @@
 
 #include <algorithm>
 
-#include "clock_spec.h"
+#include "clock_choice.h"
 #include "numbers.h"
 
 namespace zrtsp {
@@ -88,7 +88,7 @@ bool read_rig_options(const RigTexts &texts, MountOptions *options, std::string 
     if (texts.encoder)
         options->encoder = texts.encoder;
     options->clock.interface = texts.interface ? texts.interface : "";
-    if (texts.clock && !netclock::parse_clock_spec(texts.clock, &options->clock, error)) {
+    if (texts.clock && !netclock::parse_clock_choice(texts.clock, &options->clock, error)) {
         *error = "--clock: " + *error;
         return false;
     }

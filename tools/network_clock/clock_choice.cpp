@@ -1,7 +1,7 @@
 /*
- * clock_spec.cpp - reading the clock names of the rig's tools.
+ * clock_choice.cpp - reading the clock names of the rig's tools.
  */
-#include "clock_spec.h"
+#include "clock_choice.h"
 
 #include <cstdlib>
 
@@ -23,7 +23,7 @@ bool parse_number(const std::string &text, int low, int high, int *value)
 
 // "HOST", "HOST:PORT" or "[V6]:PORT"; an IPv6 address without brackets has
 // colons of its own and so no port.
-bool parse_server(const std::string &text, ClockSpec *spec)
+bool parse_server(const std::string &text, ClockChoice *choice)
 {
     std::string host = text, port;
     if (!text.empty() && text[0] == '[') {
@@ -47,16 +47,16 @@ bool parse_server(const std::string &text, ClockSpec *spec)
     }
     if (host.empty())
         return false;
-    spec->host = host;
-    return port.empty() || parse_number(port, 1, 65535, &spec->port);
+    choice->host = host;
+    return port.empty() || parse_number(port, 1, 65535, &choice->port);
 }
 
 } // namespace
 
-bool parse_clock_spec(const std::string &text, ClockSpec *spec, std::string *error)
+bool parse_clock_choice(const std::string &text, ClockChoice *choice, std::string *error)
 {
-    ClockSpec parsed;
-    parsed.interface = spec->interface;
+    ClockChoice parsed;
+    parsed.interface = choice->interface;
     bool good = false;
     if (text == "system") {
         good = true;
@@ -79,18 +79,18 @@ bool parse_clock_spec(const std::string &text, ClockSpec *spec, std::string *err
         *error = std::string("the clock is ") + kSyntax + ", got '" + text + "'";
         return false;
     }
-    *spec = parsed;
+    *choice = parsed;
     return true;
 }
 
-std::string clock_name(const ClockSpec &spec)
+std::string clock_name(const ClockChoice &choice)
 {
-    switch (spec.kind) {
+    switch (choice.kind) {
     case ClockKind::Ptp:
-        return "ptp:" + std::to_string(spec.domain);
+        return "ptp:" + std::to_string(choice.domain);
     case ClockKind::Ntp: {
-        std::string host = spec.host.find(':') != std::string::npos ? "[" + spec.host + "]" : spec.host;
-        return "ntp:" + host + ":" + std::to_string(spec.port);
+        std::string host = choice.host.find(':') != std::string::npos ? "[" + choice.host + "]" : choice.host;
+        return "ntp:" + host + ":" + std::to_string(choice.port);
     }
     case ClockKind::System:
         break;

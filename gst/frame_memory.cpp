@@ -83,6 +83,12 @@ void Stream::unref()
     delete this;
 }
 
+Stream::~Stream()
+{
+    for (Frame *frame : spare_)
+        delete frame;
+}
+
 int &Stream::Returns::held_of(unsigned long handle)
 {
     for (auto &[camera, count] : held)
@@ -97,11 +103,18 @@ void Stream::use_planes(unsigned long handle, std::shared_ptr<PlaneMaps> planes)
     planes_.emplace_back(handle, std::move(planes));
 }
 
+// Frames released from now on are freed, not listed; the listed ones are
+// not given back (the camera is closing).
 void Stream::stop()
 {
-    std::lock_guard<std::mutex> guard(returns_->lock);
-    returns_->running = false;
-    returns_->returned.clear();
+    std::vector<Frame *> dropped;
+    {
+        std::lock_guard<std::mutex> guard(returns_->lock);
+        returns_->running = false;
+        dropped.swap(returns_->returned);
+    }
+    for (Frame *frame : dropped)
+        delete frame;
 }
 
 void Stream::put_back_released()
@@ -110,46 +123,71 @@ void Stream::put_back_released()
         std::lock_guard<std::mutex> guard(returns_->lock);
         giving_back_.swap(returns_->returned);
     }
-    for (const auto &[handle, buf] : giving_back_)
-        isp_put_frame_buf(handle, &buf);
+    for (Frame *frame : giving_back_) {
+        isp_put_frame_buf(frame->handle, &frame->buf);
+        spare_.push_back(frame);
+    }
     giving_back_.clear();
 }
 
-int Stream::held(unsigned long handle)
+Stream::Frame *Stream::spare_frame(unsigned long handle)
 {
-    std::lock_guard<std::mutex> guard(returns_->lock);
-    return returns_->held_of(handle);
+    Frame *frame;
+    if (spare_.empty()) {
+        frame = new Frame{returns_, nullptr, nullptr, ~0UL, {}, {0}};
+    } else {
+        frame = spare_.back();
+        spare_.pop_back();
+    }
+    if (frame->handle != handle) {
+        frame->handle = handle;
+        frame->planes = nullptr;
+        for (const auto &[camera, maps] : planes_)
+            if (camera == handle)
+                frame->planes = maps;
+    }
+    return frame;
 }
 
-Stream::Frame *Stream::hold(unsigned long handle, const zelvideo::_isp_buf_t &buf)
+Stream::Frame *Stream::hold(unsigned long handle, const zelvideo::_isp_buf_t &buf, int *held_before)
 {
     {
         std::lock_guard<std::mutex> guard(returns_->lock);
-        ++returns_->held_of(handle);
+        int &held = returns_->held_of(handle);
+        if (held_before)
+            *held_before = held;
+        ++held;
     }
-    std::shared_ptr<PlaneMaps> planes;
-    for (const auto &[camera, maps] : planes_)
-        if (camera == handle)
-            planes = maps;
-    if (!planes)
+    Frame *frame = spare_frame(handle);
+    frame->buf = buf;
+    frame->refs.store(1, std::memory_order_relaxed);
+    frame->stream = frame->planes ? nullptr : this;
+    if (!frame->planes)
         ref();
-    return new Frame{returns_, planes, planes ? nullptr : this, handle, buf, {1}};
+    return frame;
 }
 
 void Stream::done(Frame *frame) { frame_released(frame); }
 
+// Once listed the frame is the streaming thread's again: not touched here
+// after the lock is let go. The returns outlive that: only stop() frees a
+// listed frame, after taking the lock.
 void Stream::frame_released(Frame *frame)
 {
     if (frame->refs.fetch_sub(1) != 1)
         return;
-    {
-        std::lock_guard<std::mutex> guard(frame->returns->lock);
-        --frame->returns->held_of(frame->handle);
-        if (frame->returns->running)
-            frame->returns->returned.emplace_back(frame->handle, frame->buf);
-    }
     Stream *kept_open = frame->stream;
-    delete frame;
+    Returns *returns = frame->returns.get();
+    bool listed;
+    {
+        std::lock_guard<std::mutex> guard(returns->lock);
+        --returns->held_of(frame->handle);
+        listed = returns->running;
+        if (listed)
+            returns->returned.push_back(frame);
+    }
+    if (!listed)
+        delete frame;
     if (kept_open)
         kept_open->unref();
 }

@@ -80,13 +80,12 @@ public:
     // Gives back the frames downstream has released since the last call.
     // Streaming thread only, with library_lock() held.
     void put_back_released();
-    // Frames of this camera handle still held downstream.
-    int held(unsigned long handle);
 
     // Wraps view `view` of `frame` (taken from `handle`) as memory. Every
-    // memory made for one frame keeps it out.
+    // memory made for one frame keeps it out. *held_before: the frames of
+    // this camera handle held downstream until then.
     struct Frame;
-    Frame *hold(unsigned long handle, const zelvideo::_isp_buf_t &frame);
+    Frame *hold(unsigned long handle, const zelvideo::_isp_buf_t &frame, int *held_before = nullptr);
     GstMemory *wrap(Frame *frame, int view, gsize size, bool dmabuf);
     // Drops the streaming thread's own reference on the frame; the frame goes
     // back once the memories made from it are freed as well.
@@ -97,7 +96,7 @@ private:
     struct Returns {
         std::mutex lock;
         bool running = true;
-        std::vector<std::pair<unsigned long, zelvideo::_isp_buf_t>> returned;
+        std::vector<Frame *> returned;
         // Frames out, by camera handle: a handful of cameras, searched in
         // order.
         std::vector<std::pair<unsigned long, int>> held;
@@ -105,6 +104,8 @@ private:
     };
 
     explicit Stream(std::function<void()> close) : close_(std::move(close)) {}
+    ~Stream();
+    Frame *spare_frame(unsigned long handle);
     static void frame_released(Frame *frame);
     static void memory_freed(gpointer data, GstMiniObject *memory);
     static void system_memory_freed(gpointer data);
@@ -115,11 +116,16 @@ private:
     std::shared_ptr<Returns> returns_ = std::make_shared<Returns>();
     // Taken from returns_ and given back in turns, so that neither list
     // allocates once it has grown (streaming thread).
-    std::vector<std::pair<unsigned long, zelvideo::_isp_buf_t>> giving_back_;
+    std::vector<Frame *> giving_back_;
+    // Frames given back, made again for the next frames taken: a frame
+    // costs no allocation once the stream runs (streaming thread).
+    std::vector<Frame *> spare_;
     std::vector<std::pair<unsigned long, std::shared_ptr<PlaneMaps>>> planes_;
     GstAllocator *dmabuf_allocator_ = nullptr;
 };
 
+// Kept with its references to the returns and plane mappings when it is
+// made again for another frame.
 struct Stream::Frame {
     std::shared_ptr<Returns> returns;
     std::shared_ptr<PlaneMaps> planes; // null: the frame keeps `stream` open

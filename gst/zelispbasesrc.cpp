@@ -636,9 +636,10 @@ void Source::push_set(FrameSet &set)
     bool copy[kMostFramesInSet];
     guint64 copies = 0;
     for (size_t i = 0; i < set.count; ++i) {
-        copy[i] = stream_->held(handles_[i]) >= buffers - kQueuedReserve;
+        int held = 0;
+        frames[i] = stream_->hold(handles_[i], set.frames[i], &held);
+        copy[i] = held >= buffers - kQueuedReserve;
         copies += copy[i] ? 1 : 0;
-        frames[i] = stream_->hold(handles_[i], set.frames[i]);
     }
     GstFlowReturn flow = GST_FLOW_OK;
     bool no_copy_left = false;

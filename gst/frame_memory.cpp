@@ -89,18 +89,10 @@ Stream::~Stream()
         delete frame;
 }
 
-int &Stream::Returns::held_of(unsigned long handle)
-{
-    for (auto &[camera, count] : held)
-        if (camera == handle)
-            return count;
-    held.emplace_back(handle, 0);
-    return held.back().second;
-}
-
 void Stream::use_planes(unsigned long handle, std::shared_ptr<PlaneMaps> planes)
 {
     planes_.emplace_back(handle, std::move(planes));
+    returns_->held.at(returns_->cameras++).handle = handle;
 }
 
 // Frames released from now on are freed, not listed; the listed ones are
@@ -134,7 +126,7 @@ Stream::Frame *Stream::spare_frame(unsigned long handle)
 {
     Frame *frame;
     if (spare_.empty()) {
-        frame = new Frame{returns_, nullptr, nullptr, ~0UL, {}, {0}};
+        frame = new Frame{returns_, nullptr, nullptr, nullptr, ~0UL, {}, {0}};
     } else {
         frame = spare_.back();
         spare_.pop_back();
@@ -145,20 +137,19 @@ Stream::Frame *Stream::spare_frame(unsigned long handle)
         for (const auto &[camera, maps] : planes_)
             if (camera == handle)
                 frame->planes = maps;
+        for (size_t i = 0; i < returns_->cameras; ++i)
+            if (returns_->held[i].handle == handle)
+                frame->held = &returns_->held[i].count;
     }
     return frame;
 }
 
 Stream::Frame *Stream::hold(unsigned long handle, const zelvideo::_isp_buf_t &buf, int *held_before)
 {
-    {
-        std::lock_guard<std::mutex> guard(returns_->lock);
-        int &held = returns_->held_of(handle);
-        if (held_before)
-            *held_before = held;
-        ++held;
-    }
     Frame *frame = spare_frame(handle);
+    int held = frame->held->fetch_add(1, std::memory_order_relaxed);
+    if (held_before)
+        *held_before = held;
     frame->buf = buf;
     frame->refs.store(1, std::memory_order_relaxed);
     frame->stream = frame->planes ? nullptr : this;
@@ -178,10 +169,10 @@ void Stream::frame_released(Frame *frame)
         return;
     Stream *kept_open = frame->stream;
     Returns *returns = frame->returns.get();
+    frame->held->fetch_sub(1, std::memory_order_relaxed);
     bool listed;
     {
         std::lock_guard<std::mutex> guard(returns->lock);
-        --returns->held_of(frame->handle);
         listed = returns->running;
         if (listed)
             returns->returned.push_back(frame);

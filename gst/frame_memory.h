@@ -72,7 +72,7 @@ public:
     std::mutex &library_lock() { return library_; }
 
     // Frames of camera `handle` are wrapped from these mappings (set before
-    // streaming starts).
+    // streaming starts, for every camera of the stream, at most 8).
     void use_planes(unsigned long handle, std::shared_ptr<PlaneMaps> planes);
     // The element gives the stream up: frames still out are not given back
     // any more.
@@ -99,8 +99,14 @@ private:
         std::vector<Frame *> returned;
         // Frames out, by camera handle: a handful of cameras, searched in
         // order.
-        std::vector<std::pair<unsigned long, int>> held;
-        int &held_of(unsigned long handle);
+        // Frames out, by camera: counted without the lock, a frame taken
+        // and a frame freed each move their camera's count.
+        struct Held {
+            unsigned long handle = 0;
+            std::atomic<int> count{0};
+        };
+        std::array<Held, 8> held;
+        size_t cameras = 0; // set up before streaming
     };
 
     explicit Stream(std::function<void()> close) : close_(std::move(close)) {}
@@ -129,6 +135,7 @@ private:
 struct Stream::Frame {
     std::shared_ptr<Returns> returns;
     std::shared_ptr<PlaneMaps> planes; // null: the frame keeps `stream` open
+    std::atomic<int> *held;            // its camera's count of frames out
     Stream *stream;                    // a reference, when planes is null
     unsigned long handle;
     zelvideo::_isp_buf_t buf;

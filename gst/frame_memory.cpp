@@ -85,6 +85,7 @@ void Stream::unref()
 
 Stream::~Stream()
 {
+    stop();
     for (Frame *frame : spare_)
         delete frame;
 }
@@ -95,38 +96,43 @@ void Stream::use_planes(unsigned long handle, std::shared_ptr<PlaneMaps> planes)
     returns_->held.at(returns_->cameras++).handle = handle;
 }
 
+// Never a frame's address: marks the released list of a stream given up.
+Stream::Frame *const Stream::kStopped = reinterpret_cast<Stream::Frame *>(alignof(Stream::Frame));
+
 // Frames released from now on are freed, not listed; the listed ones are
 // not given back (the camera is closing).
 void Stream::stop()
 {
-    std::vector<Frame *> dropped;
-    {
-        std::lock_guard<std::mutex> guard(returns_->lock);
-        returns_->running = false;
-        dropped.swap(returns_->returned);
+    Frame *dropped = returns_->released.exchange(kStopped, std::memory_order_acquire);
+    while (dropped && dropped != kStopped) {
+        Frame *next = dropped->next;
+        delete dropped;
+        dropped = next;
     }
-    for (Frame *frame : dropped)
-        delete frame;
 }
 
 void Stream::put_back_released()
 {
-    {
-        std::lock_guard<std::mutex> guard(returns_->lock);
-        giving_back_.swap(returns_->returned);
+    Frame *released = returns_->released.exchange(nullptr, std::memory_order_acquire);
+    // Most recent first: given back in the order downstream let them go.
+    Frame *in_order = nullptr;
+    while (released) {
+        Frame *next = released->next;
+        released->next = in_order;
+        in_order = released;
+        released = next;
     }
-    for (Frame *frame : giving_back_) {
+    for (Frame *frame = in_order; frame; frame = frame->next) {
         isp_put_frame_buf(frame->handle, &frame->buf);
         spare_.push_back(frame);
     }
-    giving_back_.clear();
 }
 
 Stream::Frame *Stream::spare_frame(unsigned long handle)
 {
     Frame *frame;
     if (spare_.empty()) {
-        frame = new Frame{returns_, nullptr, nullptr, nullptr, ~0UL, {}, {0}};
+        frame = new Frame{returns_, nullptr, nullptr, nullptr, nullptr, ~0UL, {}, {0}};
     } else {
         frame = spare_.back();
         spare_.pop_back();
@@ -160,25 +166,23 @@ Stream::Frame *Stream::hold(unsigned long handle, const zelvideo::_isp_buf_t &bu
 
 void Stream::done(Frame *frame) { frame_released(frame); }
 
-// Once listed the frame is the streaming thread's again: not touched here
-// after the lock is let go. The returns outlive that: only stop() frees a
-// listed frame, after taking the lock.
+// Once listed the frame is the streaming thread's again (or stop()'s, which
+// frees it): neither it nor the returns are touched here after that.
 void Stream::frame_released(Frame *frame)
 {
     if (frame->refs.fetch_sub(1) != 1)
         return;
     Stream *kept_open = frame->stream;
-    Returns *returns = frame->returns.get();
     frame->held->fetch_sub(1, std::memory_order_relaxed);
-    bool listed;
-    {
-        std::lock_guard<std::mutex> guard(returns->lock);
-        listed = returns->running;
-        if (listed)
-            returns->returned.push_back(frame);
-    }
-    if (!listed)
-        delete frame;
+    std::atomic<Frame *> &released = frame->returns->released;
+    Frame *top = released.load(std::memory_order_relaxed);
+    do {
+        if (top == kStopped) {
+            delete frame;
+            break;
+        }
+        frame->next = top;
+    } while (!released.compare_exchange_weak(top, frame, std::memory_order_release, std::memory_order_relaxed));
     if (kept_open)
         kept_open->unref();
 }

@@ -94,13 +94,13 @@ public:
 private:
     // What frames report back to, shared with them: it outlives the stream.
     struct Returns {
-        std::mutex lock;
-        bool running = true;
-        std::vector<Frame *> returned;
-        // Frames out, by camera handle: a handful of cameras, searched in
-        // order.
-        // Frames out, by camera: counted without the lock, a frame taken
-        // and a frame freed each move their camera's count.
+        // The frames released since the streaming thread last looked, most
+        // recent first, linked through Frame::next; kStopped once the
+        // element gave the stream up. Released frames are only ever pushed
+        // on and the list is only ever taken whole, so no lock is needed.
+        std::atomic<Frame *> released{nullptr};
+        // Frames out, by camera: a frame taken and a frame freed each move
+        // their camera's count.
         struct Held {
             unsigned long handle = 0;
             std::atomic<int> count{0};
@@ -113,6 +113,7 @@ private:
     ~Stream();
     Frame *spare_frame(unsigned long handle);
     static void frame_released(Frame *frame);
+    static Frame *const kStopped;
     static void memory_freed(gpointer data, GstMiniObject *memory);
     static void system_memory_freed(gpointer data);
 
@@ -120,9 +121,6 @@ private:
     std::function<void()> close_;
     std::mutex library_;
     std::shared_ptr<Returns> returns_ = std::make_shared<Returns>();
-    // Taken from returns_ and given back in turns, so that neither list
-    // allocates once it has grown (streaming thread).
-    std::vector<Frame *> giving_back_;
     // Frames given back, made again for the next frames taken: a frame
     // costs no allocation once the stream runs (streaming thread).
     std::vector<Frame *> spare_;
@@ -137,6 +135,7 @@ struct Stream::Frame {
     std::shared_ptr<PlaneMaps> planes; // null: the frame keeps `stream` open
     std::atomic<int> *held;            // its camera's count of frames out
     Stream *stream;                    // a reference, when planes is null
+    Frame *next;                       // in the released list
     unsigned long handle;
     zelvideo::_isp_buf_t buf;
     std::atomic<int> refs;

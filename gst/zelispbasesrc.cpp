@@ -22,8 +22,9 @@
  *      takes GST_OBJECT_LOCK);
  *   4. GST_OBJECT_LOCK(element): properties, the output list, the stream
  *      pointer; no call out of the element while held (the counters and
- *      the properties read every frame are atomics);
- *   5. the Stream's own lock of frames given back.
+ *      the properties read every frame are atomics).
+ * Frames freed downstream reach the streaming thread through the Stream's
+ * list of released frames, which takes no lock.
  *
  * A camera has only a few buffers. When downstream holds so many that fewer
  * than two would stay queued in the driver, a frame is copied into a pooled

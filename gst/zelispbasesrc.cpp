@@ -524,10 +524,9 @@ static bool trusted_capture(uint64_t capture_us, gint64 stream_on_us, gint64 now
     return gint64(capture_us) >= stream_on_us && gint64(capture_us) <= now_us;
 }
 
-bool Source::captured_before_resume(const FrameSet &set, gint64 now_us) const
+bool Source::captured_before_resume(uint64_t capture_us, gint64 now_us) const
 {
-    uint64_t capture = earliest_capture(set, streaming_outputs_[0]->output.view);
-    return trusted_capture(capture, stream_on_us_, now_us) && gint64(capture) < resume_floor_us_;
+    return trusted_capture(capture_us, stream_on_us_, now_us) && gint64(capture_us) < resume_floor_us_;
 }
 
 void Source::give_back(const FrameSet &set)
@@ -622,21 +621,23 @@ void Source::loop()
     }
     // One reading of the monotonic clock serves the frame's checks and PTS.
     gint64 taken_us = g_get_monotonic_time();
-    if (captured_before_resume(set, taken_us)) {
+    uint64_t capture_us = earliest_capture(set, streaming_outputs_[0]->output.view);
+    if (captured_before_resume(capture_us, taken_us)) {
         GST_LOG_OBJECT(element_, "frame %u was captured before the resume: not pushed",
                        set.frames[0].views[streaming_outputs_[0]->output.view].sequence);
         return give_back(set);
     }
-    push_set(set, taken_us);
+    push_set(set, capture_us, taken_us);
 }
 
-void Source::push_set(FrameSet &set, gint64 taken_us)
+// capture_us: the set's earliest capture time.
+void Source::push_set(FrameSet &set, uint64_t capture_us, gint64 taken_us)
 {
     const auto &outputs = streaming_outputs_;
     // One PTS for the whole set: its earliest capture; the spread of the
     // capture times is the set's skew.
     const int view = outputs[0]->output.view;
-    uint64_t first = earliest_capture(set, view), last = 0;
+    uint64_t first = capture_us, last = 0;
     for (size_t i = 0; i < set.count; ++i)
         last = std::max<uint64_t>(last, set.frames[i].views[view].timestamp);
     uint32_t sequence = set.frames[0].views[view].sequence;

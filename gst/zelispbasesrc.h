@@ -180,11 +180,11 @@ private:
     void wake_streaming_thread(gboolean woken);
     GstFlowReturn take_set(FrameSet *set);
     WaitResult wait_for_all(int timeout_ms, gint64 deadline, gint64 now_us);
-    bool captured_before_resume(const FrameSet &set, gint64 now_us) const;
+    bool captured_before_resume(uint64_t capture_us, gint64 now_us) const;
     void give_back(const FrameSet &set);
     GstClockTime set_pts(uint64_t capture_us, gint64 now_us);
     void refresh_outputs();
-    void push_set(FrameSet &set, gint64 taken_us);
+    void push_set(FrameSet &set, uint64_t capture_us, gint64 taken_us);
     void pause_streaming(GstFlowReturn flow);
     void tear_down();
 

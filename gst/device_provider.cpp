@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "camera_table.h"
 #include "caps_negotiation.h"
 #include "element_support.h"
 #include "formats.h"
@@ -109,11 +110,9 @@ GstDevice *camera_device(int camera)
 GList *probe(GstDeviceProvider *provider)
 {
     LibraryCalls calls(GST_OBJECT(provider), false);
-    std::vector<int> cameras;
-    if (!platform_cameras(&cameras))
-        return nullptr;
+    const CameraTable table = read_camera_table();
     GList *devices = nullptr;
-    for (int camera : cameras)
+    for (int camera : table.cameras)
         if (GstDevice *device = camera_device(camera))
             devices = g_list_append(devices, gst_object_ref_sink(device));
     return devices;

@@ -2,6 +2,7 @@
 // source elements.
 #include "element_support.h"
 
+#include "camera_table.h"
 #include "library_messages.h"
 #include "property_syntax.h"
 
@@ -30,30 +31,13 @@ void refuse_property(GObject *object, const char *property, const std::string &r
     g_warning("%s: refused %s: %s; the value stays as it was", GST_OBJECT_NAME(object), property, reason.c_str());
 }
 
-bool platform_cameras(std::vector<int> *cameras)
-{
-    uint32_t count = 0;
-    if (isp_get_valid_camera_count(&count) != ISP_OK)
-        return false;
-    // The table holds 12 records at most, whatever count the driver gives.
-    zelvideo::_camera_info_t records[12];
-    const uint32_t wanted = count < 12 ? count : 12;
-    uint32_t filled = 0;
-    if (wanted > 0 && isp_get_valid_camera_info(records, wanted, &filled) != ISP_OK)
-        return false;
-    cameras->clear();
-    for (uint32_t i = 0; i < wanted; ++i)
-        cameras->push_back(records[i].camera_index);
-    return true;
-}
-
 bool check_camera_present(GstElement *element, int camera, int mode)
 {
-    std::vector<int> cameras;
-    if (platform_cameras(&cameras)) {
-        for (int listed : cameras)
-            if (listed == camera)
-                return true;
+    const CameraTable table = read_camera_table();
+    if (table.was_read()) {
+        if (table.lists(camera))
+            return true;
+        const std::vector<int> &cameras = table.cameras;
         GST_ELEMENT_ERROR(element, RESOURCE, NOT_FOUND,
                           ("camera %d does not exist: the platform lists camera%s %s", camera,
                            cameras.size() == 1 ? "" : "s", cameras.empty() ? "none" : format_number_list(cameras).c_str()),

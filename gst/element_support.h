@@ -24,9 +24,6 @@ void post_library_error(GstElement *element, const char *call, int result);
 // A refused property value: the element's warning, the old value kept.
 void refuse_property(GObject *object, const char *property, const std::string &reason);
 
-// The cameras the platform lists as valid, in its order; false when its
-// table cannot be read (no ISP platform node).
-bool platform_cameras(std::vector<int> *cameras);
 // NULL to READY: false, after posting the error, when the platform does not
 // list `camera` (or, without a platform node, its video node is missing).
 bool check_camera_present(GstElement *element, int camera, int mode);

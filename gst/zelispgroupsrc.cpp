@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "camera_table.h"
 #include "caps_negotiation.h"
 #include "element_support.h"
 #include "formats.h"
@@ -233,8 +234,9 @@ void get_property(GObject *object, guint id, GValue *value, GParamSpec *pspec)
 
 bool GroupSource::check_present()
 {
-    std::vector<int> listed;
-    if (!platform_cameras(&listed)) {
+    const CameraTable table = read_camera_table();
+    const std::vector<int> &listed = table.cameras;
+    if (!table.was_read()) {
         GST_ELEMENT_ERROR(element_, RESOURCE, NOT_FOUND,
                           ("a group needs the ISP platform's camera table, which cannot be read (see the library's "
                            "line before)"),
@@ -242,7 +244,7 @@ bool GroupSource::check_present()
         return false;
     }
     for (int camera : cameras)
-        if (std::find(listed.begin(), listed.end(), camera) == listed.end()) {
+        if (!table.lists(camera)) {
             GST_ELEMENT_ERROR(element_, RESOURCE, NOT_FOUND,
                               ("camera %d does not exist: the platform lists camera%s %s", camera,
                                listed.size() == 1 ? "" : "s", listed.empty() ? "none" : format_number_list(listed).c_str()),

@@ -29,9 +29,20 @@ export ZELISP_JOBS=${ZELISP_JOBS:-$(nproc)}
 # CI runs as root: the rig tests in network namespaces must run there, and
 # fail rather than skip when they cannot.
 export ZELISP_CI=1
+# Ninja for every tree this run configures afresh (a tree configured before
+# keeps its generator): it compiles a target's objects while the libraries
+# they link are still being built, where make waits for whole targets, which
+# on two cores leaves one idle at every target boundary.
+if command -v ninja >/dev/null; then
+  export CMAKE_GENERATOR=Ninja
+fi
+# The suite's trees carry line tables (-g1), which is all a sanitizer's or
+# valgrind's report needs to name file and line; full debug information
+# would cost a third more compile time in every stage.
+line_tables_only=(-DCMAKE_C_FLAGS_RELWITHDEBINFO="-O2 -g1 -DNDEBUG" -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O2 -g1 -DNDEBUG")
 
 stage_plain() {
-  ZELISP_BUILD_DIR=$prefix ./scripts/build.sh &&
+  ZELISP_BUILD_DIR=$prefix ./scripts/build.sh "${line_tables_only[@]}" &&
     ctest --test-dir "$prefix" --output-on-failure -j"$ZELISP_JOBS"
 }
 stage_sanitize() { ZELISP_BUILD_DIR=$prefix-asan ./scripts/sanitize-test.sh; }

@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(
-  cmake g++ make pkg-config
+  cmake g++ make ninja-build pkg-config   # CI builds with Ninja, make stays the default
   libgtest-dev libgmock-dev libbenchmark-dev
   libinih-dev            # the simulator's configuration files
   v4l-utils              # v4l2-ctl, a V4L2 client we did not write, runs on the simulator

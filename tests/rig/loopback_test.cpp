@@ -390,6 +390,27 @@ TEST(Loopback, AMountTheServerDoesNotHaveAndAStalledServerAreReported)
     EXPECT_EQ(nlohmann::json(frames.size()), summary["servers"][0]["streams"][0]["frames"]);
 }
 
+TEST(Loopback, ARecordingInterruptedWhileItsClockWaitsLeavesNoFolder)
+{
+    std::string folder = test_folder();
+    int silent = rigtest::unused_udp_port();
+    Background recorder(folder, "recorder",
+                        rig_command("record --clock ntp:127.0.0.1:" + std::to_string(silent) +
+                                    " --sync-timeout 120 --out takes/first rtsp://127.0.0.1:1/group"));
+    ASSERT_FALSE(recorder.wait_for_line("zelisp-rig: clock ntp:", 60, true).empty()) << recorder.err();
+    kill(recorder.pid(), SIGINT);
+    EXPECT_EQ(recorder.wait(30), 128 + SIGINT) << recorder.err();
+    EXPECT_FALSE(std::filesystem::exists(folder + "/takes")) << "neither the folder nor its parent is made";
+
+    // The folder is still checked before the wait: a file in its place is
+    // refused at once.
+    std::ofstream(folder + "/taken") << "not a folder";
+    Finished blocked = run(folder, rig_command("record --clock ntp:127.0.0.1:" + std::to_string(silent) +
+                                               " --sync-timeout 120 --out taken rtsp://127.0.0.1:1/group"));
+    EXPECT_EQ(blocked.status, 4);
+    EXPECT_EQ(blocked.err, "zelisp-rig: cannot create the folder taken: File exists\n");
+}
+
 TEST(Loopback, AnInterruptedRecordingClosesItsFilesAndSaysSo)
 {
     std::string folder = test_folder();

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "camera_handle.h"
+#include "camera_table.h"
 #include "capture_loops.h"
 #include "tool_errors.h"
 #include "view_formats.h"
@@ -60,16 +61,11 @@ std::string member_context(const GroupCapture &capture, size_t position)
 // table and at its node to name the one that is missing.
 void report_missing_members(const CaptureOptions &options)
 {
-    uint32_t count = 0, reported = 0;
-    zelvideo::_camera_info_t table[12] = {};
-    if (isp_get_valid_camera_count(&count) != ISP_OK ||
-        isp_get_valid_camera_info(table, count > 12 ? 12 : count, &reported) != ISP_OK)
+    const CameraTable table = read_camera_table();
+    if (!table.was_read())
         return;
     for (int camera : options.cameras) {
-        bool listed = false;
-        for (uint32_t i = 0; i < count && i < 12; ++i)
-            listed = listed || table[i].camera_index == camera;
-        if (!listed) {
+        if (!table.lists(camera)) {
             fprintf(stderr, "zelisp-cam: camera %d is not in the platform's valid-camera table\n", camera);
             continue;
         }

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "camera_handle.h"
+#include "camera_table.h"
 #include "camera_probe.h"
 #include "commands.h"
 #include "tool_errors.h"
@@ -14,7 +15,7 @@
 namespace zcam {
 namespace {
 
-constexpr uint32_t kMaxCameras = 12; // the platform table holds 12 records
+constexpr int kMaxCameras = 12; // camera numbers run from 0 to 11
 
 std::string node_column(int camera, int mode)
 {
@@ -42,26 +43,16 @@ std::string rate_column(int camera)
 
 int run_list()
 {
-    uint32_t count = 0;
-    int result = isp_get_valid_camera_count(&count);
-    if (result != ISP_OK)
-        return report_failure("the valid-camera table", "isp_get_valid_camera_count", result);
-    if (count > kMaxCameras)
-        count = kMaxCameras;
-
-    zelvideo::_camera_info_t info[kMaxCameras] = {};
-    uint32_t reported = 0;
-    result = isp_get_valid_camera_info(info, count, &reported);
-    if (result != ISP_OK)
-        return report_failure("the valid-camera table", "isp_get_valid_camera_info", result);
-
-    printf("%u valid camera%s\n", count, count == 1 ? "" : "s");
+    const CameraTable table = read_camera_table();
+    if (!table.was_read())
+        return report_failure("the valid-camera table", table.failed_call, table.result);
+    const size_t count = table.cameras.size();
+    printf("%zu valid camera%s\n", count, count == 1 ? "" : "s");
     if (count == 0)
         return kExitOk;
     printf("%-7s %-22s %-22s %s\n", "CAMERA", "MODE 1 NODE", "MODE 2 NODE", "FRAME RATE");
-    for (uint32_t i = 0; i < count; ++i) {
-        int camera = info[i].camera_index;
-        if (camera < 0 || camera >= int(kMaxCameras)) {
+    for (int camera : table.cameras) {
+        if (camera < 0 || camera >= kMaxCameras) {
             printf("%-7d (camera number outside 0..11)\n", camera);
             continue;
         }

@@ -59,23 +59,57 @@ Recorder::~Recorder()
         g_main_loop_unref(loop_);
 }
 
-// A folder of its own: a recording never writes over another one.
-bool Recorder::prepare_output(std::string *error)
+// A folder of its own: a recording never writes over another one. Checked
+// before the clock is started, made only once the clock has answered (synced,
+// or to hold the summary of why not): a recording stopped while it waits for
+// its clock leaves no folder behind.
+bool Recorder::check_output(std::string *error)
 {
-    if (g_mkdir_with_parents(options_.out_dir.c_str(), 0755) != 0) {
-        *error = "cannot create the folder " + options_.out_dir + ": " + std::strerror(errno);
+    const std::string &folder = options_.out_dir;
+    if (!g_file_test(folder.c_str(), G_FILE_TEST_EXISTS))
+        return check_folder_can_be_made(error);
+    if (!g_file_test(folder.c_str(), G_FILE_TEST_IS_DIR)) {
+        *error = "cannot create the folder " + folder + ": " + std::strerror(EEXIST);
         return false;
     }
     for (const char *name : {"framesets.csv", "summary.json"}) {
-        if (g_file_test((options_.out_dir + "/" + name).c_str(), G_FILE_TEST_EXISTS)) {
-            *error = options_.out_dir + " already holds a recording (" + name + "): choose another folder";
+        if (g_file_test((folder + "/" + name).c_str(), G_FILE_TEST_EXISTS)) {
+            *error = folder + " already holds a recording (" + name + "): choose another folder";
             return false;
         }
     }
-    // Written to once the clock is synced: a recording stopped while it
-    // waits leaves the folder as it found it.
-    if (access(options_.out_dir.c_str(), W_OK) != 0) {
-        *error = "cannot write into " + options_.out_dir + ": " + std::strerror(errno);
+    if (access(folder.c_str(), W_OK) != 0) {
+        *error = "cannot write into " + folder + ": " + std::strerror(errno);
+        return false;
+    }
+    return true;
+}
+
+// A missing folder is made inside the nearest folder that exists, which
+// must let us write.
+bool Recorder::check_folder_can_be_made(std::string *error)
+{
+    gchar *parent = g_path_get_dirname(options_.out_dir.c_str());
+    while (!g_file_test(parent, G_FILE_TEST_EXISTS)) {
+        gchar *up = g_path_get_dirname(parent);
+        g_free(parent);
+        parent = up;
+    }
+    int reason = 0;
+    if (!g_file_test(parent, G_FILE_TEST_IS_DIR))
+        reason = ENOTDIR;
+    else if (access(parent, W_OK) != 0)
+        reason = errno;
+    g_free(parent);
+    if (reason != 0)
+        *error = "cannot create the folder " + options_.out_dir + ": " + std::strerror(reason);
+    return reason == 0;
+}
+
+bool Recorder::make_output(std::string *error)
+{
+    if (g_mkdir_with_parents(options_.out_dir.c_str(), 0755) != 0) {
+        *error = "cannot create the folder " + options_.out_dir + ": " + std::strerror(errno);
         return false;
     }
     return true;
@@ -98,11 +132,17 @@ bool Recorder::start_clock(std::string *error)
 int Recorder::run()
 {
     std::string error;
-    if (!prepare_output(&error)) {
+    if (!check_output(&error)) {
         std::fprintf(stderr, "zelisp-rig: %s\n", error.c_str());
         return kExitOutput;
     }
-    if (!start_clock(&error)) {
+    const bool synced = start_clock(&error);
+    std::string output_error;
+    if (!make_output(&output_error)) {
+        std::fprintf(stderr, "zelisp-rig: %s\n", output_error.c_str());
+        return kExitOutput;
+    }
+    if (!synced) {
         std::fprintf(stderr, "zelisp-rig: %s\n", error.c_str());
         write_summary(kExitClockNotSynced, {error});
         return kExitClockNotSynced;

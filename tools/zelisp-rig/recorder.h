@@ -53,7 +53,9 @@ private:
         std::string reason;
     };
 
-    bool prepare_output(std::string *error);
+    bool check_output(std::string *error);
+    bool check_folder_can_be_made(std::string *error);
+    bool make_output(std::string *error);
     bool start_clock(std::string *error);
     static gboolean on_tick(gpointer self);
     static gboolean on_stop_signal(gpointer self);

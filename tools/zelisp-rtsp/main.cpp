@@ -27,7 +27,6 @@
 #include <glib-unix.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -38,6 +37,7 @@
 #include <thread>
 #include <vector>
 
+#include "camera_table.h"
 #include "clock_log.h"
 #include "encoder_choice.h"
 #include "mounts.h"
@@ -159,41 +159,24 @@ int parse_options(int *argc, char ***argv, Options *options)
     return status;
 }
 
-// The cameras the ISP platform lists as valid, in its order; false when its
-// table cannot be read.
-bool valid_cameras(std::vector<int> *cameras)
-{
-    uint32_t count = 0;
-    if (isp_get_valid_camera_count(&count) != ISP_OK)
-        return false;
-    zelvideo::_camera_info_t records[12];
-    const uint32_t wanted = count < 12 ? count : 12;
-    uint32_t filled = 0;
-    if (wanted > 0 && isp_get_valid_camera_info(records, wanted, &filled) != ISP_OK)
-        return false;
-    for (uint32_t i = 0; i < wanted; ++i)
-        cameras->push_back(records[i].camera_index);
-    return true;
-}
-
 // The cameras to mount: those asked for that exist (a line for each one
 // skipped), or every valid one.
 std::vector<int> cameras_to_serve(const std::vector<int> &asked)
 {
-    std::vector<int> valid;
-    if (!valid_cameras(&valid)) {
+    const CameraTable table = read_camera_table();
+    if (!table.was_read()) {
         std::fprintf(stderr, "zelisp-rtsp: the ISP platform's camera table cannot be read (/dev/isp_misc)\n");
         return {};
     }
     if (asked.empty())
-        return valid;
+        return table.cameras;
     std::vector<int> served;
     for (int camera : asked) {
-        if (std::find(valid.begin(), valid.end(), camera) != valid.end())
+        if (table.lists(camera))
             served.push_back(camera);
         else
             std::fprintf(stderr, "zelisp-rtsp: camera %d skipped: the platform lists no such camera (it lists %s)\n",
-                         camera, valid.empty() ? "none" : number_list(valid).c_str());
+                         camera, table.cameras.empty() ? "none" : number_list(table.cameras).c_str());
     }
     return served;
 }
@@ -202,13 +185,17 @@ std::vector<int> cameras_to_serve(const std::vector<int> &asked)
 // the rig the user wired.
 bool group_members_exist(const std::vector<int> &group)
 {
-    std::vector<int> valid;
-    if (group.empty() || !valid_cameras(&valid))
-        return group.empty();
+    if (group.empty())
+        return true;
+    const CameraTable table = read_camera_table();
+    if (!table.was_read()) {
+        std::fprintf(stderr, "zelisp-rtsp: --group: the ISP platform's camera table cannot be read (/dev/isp_misc)\n");
+        return false;
+    }
     for (int camera : group) {
-        if (std::find(valid.begin(), valid.end(), camera) == valid.end()) {
+        if (!table.lists(camera)) {
             std::fprintf(stderr, "zelisp-rtsp: --group: the platform lists no camera %d (it lists %s)\n", camera,
-                         valid.empty() ? "none" : number_list(valid).c_str());
+                         table.cameras.empty() ? "none" : number_list(table.cameras).c_str());
             return false;
         }
     }

@@ -5,11 +5,11 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <future>
 
+#include "camera_table.h"
 #include "hub_camera.h"
 #include "tool_errors.h"
 
@@ -45,17 +45,12 @@ int CameraHub::list_cameras()
 {
     numbers_ = options_.cameras;
     if (numbers_.empty()) {
-        uint32_t count = 0;
-        int result = isp_get_valid_camera_count(&count);
-        if (result != ISP_OK)
-            return report_failure("the platform", "isp_get_valid_camera_count", result);
-        zelvideo::_camera_info_t info[12] = {};
-        uint32_t reported = 0;
-        if (count > 0 && (result = isp_get_valid_camera_info(info, std::min(count, 12u), &reported)) != ISP_OK)
-            return report_failure("the platform", "isp_get_valid_camera_info", result);
-        for (uint32_t i = 0; i < std::min(count, 12u); ++i)
-            if (info[i].camera_index >= 0 && info[i].camera_index < 12)
-                numbers_.push_back(info[i].camera_index);
+        const CameraTable table = read_camera_table();
+        if (!table.was_read())
+            return report_failure("the platform", table.failed_call, table.result);
+        for (int number : table.cameras)
+            if (number >= 0 && number < 12)
+                numbers_.push_back(number);
         if (options_.group && numbers_.size() > kMaxGroup)
             numbers_.resize(kMaxGroup);
     }

@@ -57,7 +57,7 @@ bool check_camera_present(GstElement *element, int camera, int mode)
 GstClockTime running_time_ago(GstElement *element, gint64 age_us)
 {
     GST_OBJECT_LOCK(element);
-    GstClock *clock = element->clock ? GST_CLOCK(gst_object_ref(element->clock)) : nullptr;
+    GstClock *clock = element->clock ? GST_CLOCK_CAST(gst_object_ref(element->clock)) : nullptr;
     GstClockTime base = element->base_time;
     GST_OBJECT_UNLOCK(element);
     if (!clock)

@@ -83,73 +83,106 @@ void Stream::unref()
     delete this;
 }
 
-int &Stream::Returns::held_of(unsigned long handle)
+Stream::~Stream()
 {
-    for (auto &[camera, count] : held)
-        if (camera == handle)
-            return count;
-    held.emplace_back(handle, 0);
-    return held.back().second;
+    stop();
+    for (Frame *frame : spare_)
+        delete frame;
 }
 
 void Stream::use_planes(unsigned long handle, std::shared_ptr<PlaneMaps> planes)
 {
     planes_.emplace_back(handle, std::move(planes));
+    returns_->held.at(returns_->cameras++).handle = handle;
 }
 
+// Never a frame's address: marks the released list of a stream given up.
+Stream::Frame *const Stream::kStopped = reinterpret_cast<Stream::Frame *>(alignof(Stream::Frame));
+
+// Frames released from now on are freed, not listed; the listed ones are
+// not given back (the camera is closing).
 void Stream::stop()
 {
-    std::lock_guard<std::mutex> guard(returns_->lock);
-    returns_->running = false;
-    returns_->returned.clear();
+    Frame *dropped = returns_->released.exchange(kStopped, std::memory_order_acquire);
+    while (dropped && dropped != kStopped) {
+        Frame *next = dropped->next;
+        delete dropped;
+        dropped = next;
+    }
 }
 
 void Stream::put_back_released()
 {
-    {
-        std::lock_guard<std::mutex> guard(returns_->lock);
-        giving_back_.swap(returns_->returned);
+    Frame *released = returns_->released.exchange(nullptr, std::memory_order_acquire);
+    // Most recent first: given back in the order downstream let them go.
+    Frame *in_order = nullptr;
+    while (released) {
+        Frame *next = released->next;
+        released->next = in_order;
+        in_order = released;
+        released = next;
     }
-    for (const auto &[handle, buf] : giving_back_)
-        isp_put_frame_buf(handle, &buf);
-    giving_back_.clear();
+    for (Frame *frame = in_order; frame; frame = frame->next) {
+        isp_put_frame_buf(frame->handle, &frame->buf);
+        spare_.push_back(frame);
+    }
 }
 
-int Stream::held(unsigned long handle)
+Stream::Frame *Stream::spare_frame(unsigned long handle)
 {
-    std::lock_guard<std::mutex> guard(returns_->lock);
-    return returns_->held_of(handle);
+    Frame *frame;
+    if (spare_.empty()) {
+        frame = new Frame{returns_, nullptr, nullptr, nullptr, nullptr, ~0UL, {}, {0}};
+    } else {
+        frame = spare_.back();
+        spare_.pop_back();
+    }
+    if (frame->handle != handle) {
+        frame->handle = handle;
+        frame->planes = nullptr;
+        for (const auto &[camera, maps] : planes_)
+            if (camera == handle)
+                frame->planes = maps;
+        for (size_t i = 0; i < returns_->cameras; ++i)
+            if (returns_->held[i].handle == handle)
+                frame->held = &returns_->held[i].count;
+    }
+    return frame;
 }
 
-Stream::Frame *Stream::hold(unsigned long handle, const zelvideo::_isp_buf_t &buf)
+Stream::Frame *Stream::hold(unsigned long handle, const zelvideo::_isp_buf_t &buf, int *held_before)
 {
-    {
-        std::lock_guard<std::mutex> guard(returns_->lock);
-        ++returns_->held_of(handle);
-    }
-    std::shared_ptr<PlaneMaps> planes;
-    for (const auto &[camera, maps] : planes_)
-        if (camera == handle)
-            planes = maps;
-    if (!planes)
+    Frame *frame = spare_frame(handle);
+    int held = frame->held->fetch_add(1, std::memory_order_relaxed);
+    if (held_before)
+        *held_before = held;
+    frame->buf = buf;
+    frame->refs.store(1, std::memory_order_relaxed);
+    frame->stream = frame->planes ? nullptr : this;
+    if (!frame->planes)
         ref();
-    return new Frame{returns_, planes, planes ? nullptr : this, handle, buf, {1}};
+    return frame;
 }
 
 void Stream::done(Frame *frame) { frame_released(frame); }
 
+// Once listed the frame is the streaming thread's again (or stop()'s, which
+// frees it): neither it nor the returns are touched here after that.
 void Stream::frame_released(Frame *frame)
 {
     if (frame->refs.fetch_sub(1) != 1)
         return;
-    {
-        std::lock_guard<std::mutex> guard(frame->returns->lock);
-        --frame->returns->held_of(frame->handle);
-        if (frame->returns->running)
-            frame->returns->returned.emplace_back(frame->handle, frame->buf);
-    }
     Stream *kept_open = frame->stream;
-    delete frame;
+    frame->held->fetch_sub(1, std::memory_order_relaxed);
+    std::atomic<Frame *> &released = frame->returns->released;
+    Frame *top = released.load(std::memory_order_relaxed);
+    do {
+        if (top == kStopped) {
+            delete frame;
+            break;
+        }
+        frame->next = top;
+    } while (!released.compare_exchange_weak(top, frame, std::memory_order_release, std::memory_order_relaxed));
     if (kept_open)
         kept_open->unref();
 }

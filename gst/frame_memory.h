@@ -72,7 +72,7 @@ public:
     std::mutex &library_lock() { return library_; }
 
     // Frames of camera `handle` are wrapped from these mappings (set before
-    // streaming starts).
+    // streaming starts, for every camera of the stream, at most 8).
     void use_planes(unsigned long handle, std::shared_ptr<PlaneMaps> planes);
     // The element gives the stream up: frames still out are not given back
     // any more.
@@ -80,13 +80,12 @@ public:
     // Gives back the frames downstream has released since the last call.
     // Streaming thread only, with library_lock() held.
     void put_back_released();
-    // Frames of this camera handle still held downstream.
-    int held(unsigned long handle);
 
     // Wraps view `view` of `frame` (taken from `handle`) as memory. Every
-    // memory made for one frame keeps it out.
+    // memory made for one frame keeps it out. *held_before: the frames of
+    // this camera handle held downstream until then.
     struct Frame;
-    Frame *hold(unsigned long handle, const zelvideo::_isp_buf_t &frame);
+    Frame *hold(unsigned long handle, const zelvideo::_isp_buf_t &frame, int *held_before = nullptr);
     GstMemory *wrap(Frame *frame, int view, gsize size, bool dmabuf);
     // Drops the streaming thread's own reference on the frame; the frame goes
     // back once the memories made from it are freed as well.
@@ -95,17 +94,26 @@ public:
 private:
     // What frames report back to, shared with them: it outlives the stream.
     struct Returns {
-        std::mutex lock;
-        bool running = true;
-        std::vector<std::pair<unsigned long, zelvideo::_isp_buf_t>> returned;
-        // Frames out, by camera handle: a handful of cameras, searched in
-        // order.
-        std::vector<std::pair<unsigned long, int>> held;
-        int &held_of(unsigned long handle);
+        // The frames released since the streaming thread last looked, most
+        // recent first, linked through Frame::next; kStopped once the
+        // element gave the stream up. Released frames are only ever pushed
+        // on and the list is only ever taken whole, so no lock is needed.
+        std::atomic<Frame *> released{nullptr};
+        // Frames out, by camera: a frame taken and a frame freed each move
+        // their camera's count.
+        struct Held {
+            unsigned long handle = 0;
+            std::atomic<int> count{0};
+        };
+        std::array<Held, 8> held;
+        size_t cameras = 0; // set up before streaming
     };
 
     explicit Stream(std::function<void()> close) : close_(std::move(close)) {}
+    ~Stream();
+    Frame *spare_frame(unsigned long handle);
     static void frame_released(Frame *frame);
+    static Frame *const kStopped;
     static void memory_freed(gpointer data, GstMiniObject *memory);
     static void system_memory_freed(gpointer data);
 
@@ -113,17 +121,21 @@ private:
     std::function<void()> close_;
     std::mutex library_;
     std::shared_ptr<Returns> returns_ = std::make_shared<Returns>();
-    // Taken from returns_ and given back in turns, so that neither list
-    // allocates once it has grown (streaming thread).
-    std::vector<std::pair<unsigned long, zelvideo::_isp_buf_t>> giving_back_;
+    // Frames given back, made again for the next frames taken: a frame
+    // costs no allocation once the stream runs (streaming thread).
+    std::vector<Frame *> spare_;
     std::vector<std::pair<unsigned long, std::shared_ptr<PlaneMaps>>> planes_;
     GstAllocator *dmabuf_allocator_ = nullptr;
 };
 
+// Kept with its references to the returns and plane mappings when it is
+// made again for another frame.
 struct Stream::Frame {
     std::shared_ptr<Returns> returns;
     std::shared_ptr<PlaneMaps> planes; // null: the frame keeps `stream` open
+    std::atomic<int> *held;            // its camera's count of frames out
     Stream *stream;                    // a reference, when planes is null
+    Frame *next;                       // in the released list
     unsigned long handle;
     zelvideo::_isp_buf_t buf;
     std::atomic<int> refs;

@@ -14,14 +14,17 @@
  *   1. the task pad's stream lock, held by the streaming thread while it
  *      runs; taken by others only through pad deactivation and the task
  *      calls of PAUSED to READY, after the thread has been woken;
- *   2. live_lock_: the playing and stopping flags; held only to read or
- *      set them and to wait on them;
+ *   2. live_lock_: the playing and stopping flags and the resume count;
+ *      held to set them and to wait on them (the streaming thread reads
+ *      them without it while it plays on);
  *   3. Stream::library_lock(): every library call on the stream's cameras
  *      (the library's message handler may post from inside a call, which
  *      takes GST_OBJECT_LOCK);
  *   4. GST_OBJECT_LOCK(element): properties, the output list, the stream
- *      pointer, the counters; no call out of the element while held;
- *   5. the Stream's own lock of frames given back.
+ *      pointer; no call out of the element while held (the counters and
+ *      the properties read every frame are atomics).
+ * Frames freed downstream reach the streaming thread through the Stream's
+ * list of released frames, which takes no lock.
  *
  * A camera has only a few buffers. When downstream holds so many that fewer
  * than two would stay queued in the driver, a frame is copied into a pooled
@@ -75,8 +78,10 @@ G_DEFINE_ABSTRACT_TYPE_WITH_PRIVATE(GstZelispBaseSrc, gst_zelisp_base_src, GST_T
 
 Source &gst_zelisp_base_src_source(gpointer element)
 {
+    // Called a frame by the streaming thread, with the element it was given:
+    // no checked cast.
     auto *priv = static_cast<GstZelispBaseSrcPrivate *>(
-        gst_zelisp_base_src_get_instance_private(GST_ZELISP_BASE_SRC(element)));
+        gst_zelisp_base_src_get_instance_private(static_cast<GstZelispBaseSrc *>(element)));
     return *priv->source;
 }
 
@@ -87,6 +92,25 @@ void gst_zelisp_base_src_set_source(GstZelispBaseSrc *element, Source *source)
 }
 
 namespace gstzelisp {
+
+SourceCounters LiveCounters::snapshot() const
+{
+    SourceCounters counters;
+    counters.frames = frames;
+    counters.dropped = dropped;
+    counters.refused = refused;
+    counters.copied = copied;
+    counters.copy_limit_drops = copy_limit_drops;
+    counters.skew_us = skew_us;
+    counters.max_skew_us = max_skew_us;
+    return counters;
+}
+
+void LiveCounters::reset()
+{
+    for (auto *counter : {&frames, &dropped, &refused, &copied, &copy_limit_drops, &skew_us, &max_skew_us})
+        *counter = 0;
+}
 
 PadOutput::~PadOutput()
 {
@@ -104,7 +128,7 @@ void Source::refuse_while_set_up(GObject *object, const char *property) const
 
 void Source::sync_controlled_values(GstClockTime running_time)
 {
-    gst_object_sync_values(GST_OBJECT(element_), running_time);
+    gst_object_sync_values(GST_OBJECT_CAST(element_), running_time);
 }
 
 // ---- Pads ----
@@ -258,6 +282,8 @@ bool Source::set_up()
     poll_fds_ = std::move(fds);
     for (auto &fd : poll_fds_)
         gst_poll_add_fd(poll, &fd);
+    if (poll_fds_.size() == 1)
+        gst_poll_fd_ctl_read(poll, &poll_fds_[0], TRUE);
     handles_ = std::move(handles);
     capturing_ = false;
     started_pads_ = false;
@@ -278,7 +304,7 @@ bool Source::set_up()
     GST_OBJECT_LOCK(element_);
     poll_ = poll;
     stream_ = stream;
-    counters_ = SourceCounters();
+    counters_.reset();
     task_pad_ = GST_PAD(gst_object_ref(outputs_[0]->pad));
     GST_OBJECT_UNLOCK(element_);
     return true;
@@ -383,19 +409,17 @@ void Source::request_eos()
     wake_streaming_thread(TRUE);
 }
 
-GstStructure *Source::stats() const
-{
-    GST_OBJECT_LOCK(element_);
-    SourceCounters counters = counters_;
-    GST_OBJECT_UNLOCK(element_);
-    return stats_structure(counters);
-}
+GstStructure *Source::stats() const { return stats_structure(counters_.snapshot()); }
 
 // ---- Streaming ----
 
 // False when the element stops.
 bool Source::wait_until_playing()
 {
+    // Playing on, with no pause and resume since the last frame: no lock.
+    if (playing_.load(std::memory_order_acquire) && !stopping_.load(std::memory_order_acquire) &&
+        resumes_.load(std::memory_order_acquire) == resumes_seen_)
+        return true;
     std::unique_lock<std::mutex> lock(live_lock_);
     live_changed_.wait(lock, [this] { return playing_ || stopping_ || eos_pending_; });
     note_resume();
@@ -415,17 +439,24 @@ void Source::note_resume()
     resumed_ = have_sequence_;
 }
 
-// Waits until every camera of the set has a filled buffer waiting.
-WaitResult Source::wait_for_all(int timeout, gint64 deadline)
+// Waits until every camera of the set has a filled buffer waiting. A
+// group's nodes are waited for one at a time; a single node keeps its read
+// interest from set-up on.
+WaitResult Source::wait_for_all(int timeout, gint64 deadline, gint64 now_us)
 {
+    const bool alone = poll_fds_.size() == 1;
     for (auto &fd : poll_fds_) {
-        gst_poll_fd_ctl_read(poll_, &fd, TRUE);
-        gint64 left = deadline - g_get_monotonic_time();
+        if (!alone)
+            gst_poll_fd_ctl_read(poll_, &fd, TRUE);
+        gint64 left = deadline - now_us;
         WaitResult wait =
             wait_readable(poll_, timeout < 0 ? GST_CLOCK_TIME_NONE : GstClockTime(MAX(left, 0)) * GST_USECOND);
+        if (alone)
+            return wait;
         gst_poll_fd_ctl_read(poll_, &fd, FALSE);
         if (wait != WaitResult::Ready)
             return wait;
+        now_us = g_get_monotonic_time();
     }
     return WaitResult::Ready;
 }
@@ -434,17 +465,16 @@ WaitResult Source::wait_for_all(int timeout, gint64 deadline)
 // FLUSHING when a state change or an EOS request woke the wait.
 GstFlowReturn Source::take_set(FrameSet *set)
 {
-    GST_OBJECT_LOCK(element_);
-    int timeout = timeout_ms;
-    GST_OBJECT_UNLOCK(element_);
-    gint64 deadline = g_get_monotonic_time() + gint64(timeout) * 1000;
+    int timeout = timeout_ms.load(std::memory_order_relaxed);
+    gint64 now_us = g_get_monotonic_time();
+    gint64 deadline = now_us + gint64(timeout) * 1000;
     int refused_in_a_row = 0;
     for (;;) {
         {
             std::lock_guard<std::mutex> guard(stream_->library_lock());
             stream_->put_back_released();
         }
-        WaitResult wait = wait_for_all(timeout, deadline);
+        WaitResult wait = wait_for_all(timeout, deadline, now_us);
         if (wait == WaitResult::Flushing)
             return GST_FLOW_FLUSHING;
         if (wait != WaitResult::Ready) {
@@ -461,15 +491,14 @@ GstFlowReturn Source::take_set(FrameSet *set)
         }
         if (result == ISP_OK)
             return GST_FLOW_OK;
+        now_us = g_get_monotonic_time();
         if (result == ISP_ERR_NOT_READY) {
             // Decimation skipped the frames that were ready.
-            if (timeout < 0 || g_get_monotonic_time() < deadline)
+            if (timeout < 0 || now_us < deadline)
                 continue;
             result = ISP_ERR_TIMEOUT;
         } else if (result == ISP_ERR_REQUEST && ++refused_in_a_row < kMostRefusedInARow) {
-            GST_OBJECT_LOCK(element_);
-            ++counters_.refused;
-            GST_OBJECT_UNLOCK(element_);
+            counters_.refused.fetch_add(1, std::memory_order_relaxed);
             ++unpushed_since_pushed_;
             continue;
         }
@@ -495,10 +524,9 @@ static bool trusted_capture(uint64_t capture_us, gint64 stream_on_us, gint64 now
     return gint64(capture_us) >= stream_on_us && gint64(capture_us) <= now_us;
 }
 
-bool Source::captured_before_resume(const FrameSet &set) const
+bool Source::captured_before_resume(uint64_t capture_us, gint64 now_us) const
 {
-    uint64_t capture = earliest_capture(set, streaming_outputs_[0]->output.view);
-    return trusted_capture(capture, stream_on_us_, g_get_monotonic_time()) && gint64(capture) < resume_floor_us_;
+    return trusted_capture(capture_us, stream_on_us_, now_us) && gint64(capture_us) < resume_floor_us_;
 }
 
 void Source::give_back(const FrameSet &set)
@@ -508,9 +536,8 @@ void Source::give_back(const FrameSet &set)
 }
 
 // The PTS: the running time of the capture, after the previous set's.
-GstClockTime Source::set_pts(uint64_t capture_us)
+GstClockTime Source::set_pts(uint64_t capture_us, gint64 now_us)
 {
-    gint64 now_us = g_get_monotonic_time();
     gint64 age_us = trusted_capture(capture_us, stream_on_us_, now_us) ? now_us - gint64(capture_us) : 0;
     GstClockTime pts = running_time_ago(element_, age_us);
     if (pts == GST_CLOCK_TIME_NONE)
@@ -526,6 +553,8 @@ GstClockTime Source::set_pts(uint64_t capture_us)
 // or went. An output dropped from the copy is freed outside the lock.
 void Source::refresh_outputs()
 {
+    if (streaming_version_ == outputs_version_.load(std::memory_order_acquire))
+        return;
     std::vector<std::shared_ptr<PadOutput>> old;
     GST_OBJECT_LOCK(element_);
     if (streaming_version_ != outputs_version_) {
@@ -553,16 +582,14 @@ void Source::loop()
 {
     // The frame loop's lines (a refused frame) are logged; what matters is
     // counted in stats or posted as the error.
-    LibraryCalls calls(GST_OBJECT(element_), false);
+    LibraryCalls calls(GST_OBJECT_CAST(element_), false);
     if (!wait_until_playing())
         return pause_streaming(GST_FLOW_FLUSHING);
     if (!started_pads_) {
         start_pads();
         started_pads_ = true;
     }
-    GST_OBJECT_LOCK(element_);
-    int most = num_buffers;
-    GST_OBJECT_UNLOCK(element_);
+    int most = num_buffers.load(std::memory_order_relaxed);
     // Also an EOS sent before the first frame: the camera need not start.
     if (eos_pending_ || (most >= 0 && pushed_ >= guint64(most)))
         return pause_streaming(GST_FLOW_EOS);
@@ -588,25 +615,29 @@ void Source::loop()
     if (flow != GST_FLOW_OK)
         return pause_streaming(flow);
     refresh_outputs();
-    {
+    if (resumes_.load(std::memory_order_acquire) != resumes_seen_) {
         std::lock_guard<std::mutex> guard(live_lock_);
         note_resume();
     }
-    if (captured_before_resume(set)) {
+    // One reading of the monotonic clock serves the frame's checks and PTS.
+    gint64 taken_us = g_get_monotonic_time();
+    uint64_t capture_us = earliest_capture(set, streaming_outputs_[0]->output.view);
+    if (captured_before_resume(capture_us, taken_us)) {
         GST_LOG_OBJECT(element_, "frame %u was captured before the resume: not pushed",
                        set.frames[0].views[streaming_outputs_[0]->output.view].sequence);
         return give_back(set);
     }
-    push_set(set);
+    push_set(set, capture_us, taken_us);
 }
 
-void Source::push_set(FrameSet &set)
+// capture_us: the set's earliest capture time.
+void Source::push_set(FrameSet &set, uint64_t capture_us, gint64 taken_us)
 {
     const auto &outputs = streaming_outputs_;
     // One PTS for the whole set: its earliest capture; the spread of the
     // capture times is the set's skew.
     const int view = outputs[0]->output.view;
-    uint64_t first = earliest_capture(set, view), last = 0;
+    uint64_t first = capture_us, last = 0;
     for (size_t i = 0; i < set.count; ++i)
         last = std::max<uint64_t>(last, set.frames[i].views[view].timestamp);
     uint32_t sequence = set.frames[0].views[view].sequence;
@@ -629,16 +660,17 @@ void Source::push_set(FrameSet &set)
     last_timestamp_us_ = first;
     resumed_ = false;
     unpushed_since_pushed_ = 0;
-    GstClockTime pts = set_pts(first);
+    GstClockTime pts = set_pts(first, taken_us);
 
     // Wrap unless that would leave the driver fewer than two buffers.
     Stream::Frame *frames[kMostFramesInSet];
     bool copy[kMostFramesInSet];
     guint64 copies = 0;
     for (size_t i = 0; i < set.count; ++i) {
-        copy[i] = stream_->held(handles_[i]) >= buffers - kQueuedReserve;
+        int held = 0;
+        frames[i] = stream_->hold(handles_[i], set.frames[i], &held);
+        copy[i] = held >= buffers - kQueuedReserve;
         copies += copy[i] ? 1 : 0;
-        frames[i] = stream_->hold(handles_[i], set.frames[i]);
     }
     GstFlowReturn flow = GST_FLOW_OK;
     bool no_copy_left = false;
@@ -675,21 +707,20 @@ void Source::push_set(FrameSet &set)
             return pause_streaming(flow);
         // Downstream holds every copy: this set is lost, the camera keeps
         // its rate.
-        GST_OBJECT_LOCK(element_);
-        counters_.dropped += missing + 1;
-        ++counters_.copy_limit_drops;
-        GST_OBJECT_UNLOCK(element_);
+        counters_.dropped.fetch_add(missing + 1, std::memory_order_relaxed);
+        counters_.copy_limit_drops.fetch_add(1, std::memory_order_relaxed);
         discont_pending_ = true;
         GST_LOG_OBJECT(element_, "frame %u dropped: downstream holds all %d copies", sequence, max_copies);
         return;
     }
-    GST_OBJECT_LOCK(element_);
-    ++counters_.frames;
-    counters_.dropped += missing;
-    counters_.copied += copies;
-    counters_.skew_us = last - first;
-    counters_.max_skew_us = std::max<guint64>(counters_.max_skew_us, last - first);
-    GST_OBJECT_UNLOCK(element_);
+    counters_.frames.fetch_add(1, std::memory_order_relaxed);
+    if (missing)
+        counters_.dropped.fetch_add(missing, std::memory_order_relaxed);
+    if (copies)
+        counters_.copied.fetch_add(copies, std::memory_order_relaxed);
+    counters_.skew_us.store(last - first, std::memory_order_relaxed);
+    if (last - first > counters_.max_skew_us.load(std::memory_order_relaxed))
+        counters_.max_skew_us.store(last - first, std::memory_order_relaxed);
     discont_pending_ = false;
     ++pushed_;
     check_skew(last - first, frame_interval_);

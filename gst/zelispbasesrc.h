@@ -79,6 +79,15 @@ struct SourceCounters {
     guint64 max_skew_us = 0;      // and the largest since the stream was set up
 };
 
+// The counters as the streaming thread keeps them: it alone writes them,
+// "stats" reads them at any time, without a lock taken a frame.
+struct LiveCounters {
+    std::atomic<guint64> frames{0}, dropped{0}, refused{0}, copied{0}, copy_limit_drops{0}, skew_us{0},
+        max_skew_us{0};
+    SourceCounters snapshot() const;
+    void reset();
+};
+
 class Source {
 public:
     // noun: what is set up, in refusals ("camera", "group").
@@ -141,10 +150,13 @@ public:
     // the element in NULL or READY).
     const std::vector<std::shared_ptr<PadOutput>> &outputs() const { return outputs_; }
 
+    // Fixed while set up: the streaming thread reads them as they are.
     int buffers = 4;
     int max_copies = 16;
-    int timeout_ms = 2000;
-    int num_buffers = -1;
+    // Changeable while streaming, read by the streaming thread every frame:
+    // atomics rather than the object lock.
+    std::atomic<int> timeout_ms{2000};
+    std::atomic<int> num_buffers{-1};
 
     // The GObject side (zelispbasesrc.cpp).
     bool set_up();
@@ -167,20 +179,21 @@ private:
     void note_resume();
     void wake_streaming_thread(gboolean woken);
     GstFlowReturn take_set(FrameSet *set);
-    WaitResult wait_for_all(int timeout_ms, gint64 deadline);
-    bool captured_before_resume(const FrameSet &set) const;
+    WaitResult wait_for_all(int timeout_ms, gint64 deadline, gint64 now_us);
+    bool captured_before_resume(uint64_t capture_us, gint64 now_us) const;
     void give_back(const FrameSet &set);
-    GstClockTime set_pts(uint64_t capture_us);
+    GstClockTime set_pts(uint64_t capture_us, gint64 now_us);
     void refresh_outputs();
-    void push_set(FrameSet &set);
+    void push_set(FrameSet &set, uint64_t capture_us, gint64 taken_us);
     void pause_streaming(GstFlowReturn flow);
     void tear_down();
 
     const char *noun_;
     // The element's list (GST_OBJECT_LOCK), changed only with a new version
-    // number, and the streaming thread's copy of it.
+    // number, and the streaming thread's copy of it. The version is also
+    // read without the lock: the copy is renewed only when it moved.
     std::vector<std::shared_ptr<PadOutput>> outputs_;
-    guint64 outputs_version_ = 0;
+    std::atomic<guint64> outputs_version_{0};
     std::vector<std::shared_ptr<PadOutput>> streaming_outputs_;
     guint64 streaming_version_ = G_MAXUINT64;
     GstPad *task_pad_ = nullptr; // runs the streaming thread, a reference while set up
@@ -189,13 +202,14 @@ private:
     GstPoll *poll_ = nullptr;
     std::vector<GstPollFD> poll_fds_;
 
-    // Live state, set by the state changes and waited for by the streaming
-    // thread (live_lock_).
+    // Live state, set by the state changes under live_lock_ and waited for
+    // by the streaming thread. The flags and the resume count are atomics
+    // too: while playing on, a frame reads them without the lock.
     std::mutex live_lock_;
     std::condition_variable live_changed_;
-    bool playing_ = false;
-    bool stopping_ = false;
-    uint64_t resumes_ = 0;      // PAUSED to PLAYING transitions since set-up
+    std::atomic<bool> playing_{false};
+    std::atomic<bool> stopping_{false};
+    std::atomic<uint64_t> resumes_{0}; // PAUSED to PLAYING transitions since set-up
     gint64 resumed_at_us_ = 0;  // CLOCK_MONOTONIC of the last one
     std::atomic<bool> eos_pending_{false};
 
@@ -216,7 +230,7 @@ private:
     GstClockTime last_pts_ = 0;
     std::atomic<GstClockTime> frame_interval_{33 * GST_MSECOND}; // also read by the latency query
 
-    SourceCounters counters_; // GST_OBJECT_LOCK
+    LiveCounters counters_;
 };
 
 } // namespace gstzelisp

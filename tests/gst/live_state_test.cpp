@@ -6,6 +6,7 @@
 #include <linux/videodev2.h>
 
 #include <condition_variable>
+#include <iterator>
 #include <mutex>
 
 #include "gst_support.h"
@@ -179,7 +180,9 @@ TEST_F(LiveStateTest, FramesCapturedWhilePausedAreNotPushedAndTimeMovesOn)
 TEST_F(LiveStateTest, NullFromPlayingAtAnyMomentWhateverDownstreamDoes)
 {
     // An appsink nobody pulls takes max-buffers frames; the next push
-    // waits inside it.
+    // waits inside it. Behind a tee each frame is let go by whichever of
+    // three queue threads frees it last, so frames come back from several
+    // threads at once while the element stops.
     struct Downstream {
         const char *description;
         size_t takes;
@@ -188,13 +191,16 @@ TEST_F(LiveStateTest, NullFromPlayingAtAnyMomentWhateverDownstreamDoes)
         {"queue max-size-buffers=1 ! fakesink sync=true", SIZE_MAX},
         {"appsink max-buffers=2 drop=false sync=false", 3},
         {"appsink max-buffers=1 drop=false sync=true", 2},
+        {"tee name=t t. ! queue ! fakesink t. ! queue ! fakesink t. ! queue max-size-buffers=1 ! fakesink sync=true",
+         SIZE_MAX},
     };
-    for (int round = 0; round < 24; ++round) {
-        const Downstream &downstream = downstreams[round % 4];
+    const int kinds = int(std::size(downstreams));
+    for (int round = 0; round < 6 * kinds; ++round) {
+        const Downstream &downstream = downstreams[round % kinds];
         launch(std::string("zelispsrc name=s buffers=3 ! ") + downstream.description);
         ASSERT_NE(gst_element_set_state(pipeline_, GST_STATE_PLAYING), GST_STATE_CHANGE_FAILURE);
         // From before the first frame to after downstream stopped taking them.
-        size_t frames = std::min(size_t(round / 4), downstream.takes);
+        size_t frames = std::min(size_t(round / kinds), downstream.takes);
         ASSERT_TRUE(wait_pushed(frames)) << downstream.description;
         ASSERT_EQ(gst_element_set_state(pipeline_, GST_STATE_NULL), GST_STATE_CHANGE_SUCCESS)
             << downstream.description << " after " << frames << " frames";

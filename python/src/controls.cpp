@@ -8,6 +8,7 @@
 #include <linux/videodev2.h>
 #include <sys/ioctl.h>
 
+#include <algorithm>
 #include <cerrno>
 
 namespace zelpy {
@@ -67,6 +68,14 @@ void write_control(unsigned long handle, const NumberControl &control, int64_t v
 }
 
 int64_t control_maximum(const NumberControl &control) { return control.set_word ? UINT32_MAX : UINT8_MAX; }
+
+std::pair<int64_t, int64_t> writable_range(int node, uint32_t id, int64_t call_maximum)
+{
+    if (node >= 0)
+        if (auto range = driver_range(node, id))
+            return {std::max<int64_t>(range->minimum, 0), std::min(range->maximum, call_maximum)};
+    return {0, call_maximum};
+}
 
 std::optional<DriverRange> driver_range(int node, uint32_t id)
 {

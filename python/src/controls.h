@@ -13,6 +13,7 @@
 #include <array>
 #include <cstdint>
 #include <optional>
+#include <utility>
 
 namespace zelpy {
 
@@ -47,6 +48,10 @@ struct DriverRange {
  * know the control. The package's numbers are the driver's 32-bit values
  * read as unsigned, so a range reaching below 0 is every 32-bit word. */
 std::optional<DriverRange> driver_range(int node, uint32_t id);
+/* The values a write of control id may carry: the driver's range where the
+ * driver tells one on the node (so that a refusal names the values the user
+ * can give), else every value the library call takes (node -1: closed). */
+std::pair<int64_t, int64_t> writable_range(int node, uint32_t id, int64_t call_maximum);
 
 } // namespace zelpy
 

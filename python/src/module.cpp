@@ -42,6 +42,8 @@ struct PyCamera {
         return *core;
     }
     unsigned long handle(const char *call) const { return open_core(call).handle(); }
+    /* The camera node's descriptor; -1 once closed. */
+    int node() const { return core->is_open() ? core->fileno() : -1; }
 };
 
 struct PyGroup {
@@ -168,8 +170,8 @@ void add_camera_controls(py::class_<PyCamera> &camera)
             [&control](py::handle self, py::handle value) {
                 PyCamera &c = camera_of(self);
                 const std::string property = std::string("Camera.") + control.name;
-                write_control(c.core->handle(), control,
-                              integer(value, {property.c_str(), nullptr}, 0, control_maximum(control)));
+                const auto [minimum, maximum] = writable_range(c.node(), control.id, control_maximum(control));
+                write_control(c.core->handle(), control, integer(value, {property.c_str(), nullptr}, minimum, maximum));
             },
             control.doc);
     }
@@ -184,8 +186,11 @@ void add_camera_controls(py::class_<PyCamera> &camera)
         [](py::handle self, py::handle value) {
             PyCamera &c = camera_of(self);
             std::vector<py::object> pair = items(value, {"Camera.denoise", nullptr}, 2);
-            const uint32_t luma = unsigned_word(pair[0], {"Camera.denoise", nullptr});
-            const uint32_t chroma = unsigned_word(pair[1], {"Camera.denoise", nullptr});
+            const auto [luma_minimum, luma_maximum] = writable_range(c.node(), kLumaDenoiseId, UINT32_MAX);
+            const auto [chroma_minimum, chroma_maximum] = writable_range(c.node(), kChromaDenoiseId, UINT32_MAX);
+            const auto luma = uint32_t(integer(pair[0], {"Camera.denoise", nullptr}, luma_minimum, luma_maximum));
+            const auto chroma =
+                uint32_t(integer(pair[1], {"Camera.denoise", nullptr}, chroma_minimum, chroma_maximum));
             check(isp_camera_set_denoise(c.handle("isp_camera_set_denoise"), luma, chroma), "isp_camera_set_denoise");
         },
         "(luma, chroma) denoise strengths, read from and written to the driver each time.");

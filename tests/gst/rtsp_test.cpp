@@ -111,6 +111,12 @@ TEST(ZelispRtsp, ServesTheCamerasThatExistAndStopsOnSigterm)
     EXPECT_EQ(none.status, 1);
     EXPECT_EQ(none.out, "zelisp-rtsp: camera 7 skipped: the platform lists no such camera (it lists 0,1,2,3)\n"
                         "zelisp-rtsp: no camera to serve\n");
+    // A platform node that cannot be opened: nothing to serve, and a group
+    // is refused with the reason rather than left out in silence.
+    std::string closed = write_config(folder, "[node /dev/isp_misc]\nopen_errno = EACCES\n");
+    Launch unread = run(folder, on_simulator("'" ZELISP_RTSP "' --group 0,1", closed));
+    EXPECT_EQ(unread.status, 1);
+    EXPECT_EQ(unread.out, "zelisp-rtsp: --group: the ISP platform's camera table cannot be read (/dev/isp_misc)\n");
 }
 
 TEST(ZelispRtsp, EveryKindOfClientLeavingLeavesItServing)

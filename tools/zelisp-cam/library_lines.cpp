@@ -59,10 +59,12 @@ LibraryLine library_line(int kind, int error_number, const char *text, const cha
     return line;
 }
 
-void keep_in_watch(const zelvideo::_isp_message_t &message)
+bool keep_in_watch(const zelvideo::_isp_message_t &message)
 {
-    if (current_watch != nullptr)
-        current_watch->keep(copy_line(message));
+    if (current_watch == nullptr)
+        return false;
+    current_watch->keep(copy_line(message));
+    return current_watch->holds_back();
 }
 
 void route_library_lines()

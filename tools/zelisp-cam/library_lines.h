@@ -43,8 +43,10 @@ void route_library_lines();
 LibraryLine library_line(int kind, int error_number, const char *text, const char *dev_path);
 
 // For a handler of the tool's own (the web console's): the watch of the
-// calling thread, if it has one, keeps the line without showing it.
-void keep_in_watch(const zelvideo::_isp_message_t &message);
+// calling thread, if it has one, keeps the line without showing it. True
+// when that watch holds the line back (Echo::Keep): its caller shows what
+// it wants of it, and the handler shows nothing.
+bool keep_in_watch(const zelvideo::_isp_message_t &message);
 
 // "camera N: <text>" on standard error ("<text>" for a line about no
 // camera).
@@ -74,6 +76,8 @@ public:
     const LibraryLine *first_about_camera() const;
     // Lines collected so far are forgotten (the watch goes on).
     void clear() { lines_.clear(); }
+    // Its caller decides which of its lines are shown.
+    bool holds_back() const { return echo_ == Echo::Keep; }
 
     // Called by the handler on the watching thread. Watches nest: the
     // innermost one shows the line (or not), every one keeps it.

@@ -60,7 +60,10 @@ double RateMeter::rate(Clock::time_point now) const
     return span > 0 ? double(n - 1) / span : 0;
 }
 
-CameraHub::CameraHub(HubOptions options) : options_(std::move(options)), commands_(options_.queue_capacity) {}
+CameraHub::CameraHub(HubOptions options, EventLog &events)
+    : options_(std::move(options)), events_(events), commands_(options_.queue_capacity)
+{
+}
 
 CameraHub::~CameraHub()
 {
@@ -200,27 +203,54 @@ void CameraHub::handle_frame(Camera &camera, const zelvideo::_isp_buf_t &frame)
         entry.tap->take(view_image(frame, entry.view, camera.formats[size_t(entry.view)]), mark);
 }
 
+// A frame the library refuses (one taken less than 12 ms after the last,
+// some 60 a second from a 120 fps sensor) is counted; its line is logged for
+// the camera's first refusal only, as zelisp-cam capture does. False when
+// the watched lines tell no refusal.
+bool CameraHub::count_refusal(Camera &camera, const LineWatch &watch)
+{
+    Refusal why = Refusal::TooSoon;
+    uint32_t sequence = 0;
+    const LibraryLine *refusal = refusal_line(watch, &why, &sequence);
+    if (refusal == nullptr)
+        return false;
+    bool first = false;
+    {
+        std::lock_guard<std::mutex> lock(stats_mutex_);
+        first = camera.stats.refused() == 0;
+        first = camera.stats.refuse(why, sequence) && first;
+    }
+    if (first) {
+        events_.library_line(*refusal);
+        events_.note("warning",
+                     "camera " + std::to_string(camera.number) +
+                         ": the library refused a frame; further refusals are counted in the statistics, not shown",
+                     refusal->dev_path);
+    }
+    return true;
+}
+
+void CameraHub::log_lines(const LineWatch &watch)
+{
+    for (const LibraryLine &line : watch.lines())
+        events_.library_line(line);
+}
+
 void CameraHub::take_frame(Camera &camera)
 {
     zelvideo::_isp_buf_t frame;
-    Refusal why = Refusal::TooSoon;
-    uint32_t sequence = 0;
-    bool refused = false;
     int result;
     {
-        LineWatch watch(LineWatch::Echo::Keep); // the event log shows the lines
+        LineWatch watch(LineWatch::Echo::Keep);
         result = isp_get_frame_buf(camera.handle, &frame, 0);
-        refused = result == ISP_ERR_REQUEST && refusal_line(watch, &why, &sequence) != nullptr;
+        if (result == ISP_ERR_REQUEST && count_refusal(camera, watch))
+            return;
+        log_lines(watch);
     }
     if (result == ISP_ERR_NOT_READY || result == ISP_ERR_TIMEOUT)
         return;
     if (result != ISP_OK) {
-        if (refused) {
-            std::lock_guard<std::mutex> lock(stats_mutex_);
-            camera.stats.refuse(why, sequence);
-        } else {
-            note_error(camera, std::string("taking a frame: ") + isp_get_result_text(result));
-        }
+        note_error(camera, std::string("taking a frame: ") + isp_get_result_text(result));
         return;
     }
     handle_frame(camera, frame);
@@ -292,14 +322,19 @@ void CameraHub::group_loop()
             continue;
         for (auto &frame : set_frames_)
             frame.index = kNoFrame;
-        Refusal why = Refusal::TooSoon;
-        uint32_t sequence = 0;
         bool refused = false;
         int result;
         {
             LineWatch watch(LineWatch::Echo::Keep);
             result = zelvideo::isp_group_get_sync_frame(group_, set_frames_.data(), int(set_frames_.size()), kWaitMs);
-            refused = result == ISP_ERR_REQUEST && refusal_line(watch, &why, &sequence) != nullptr;
+            // The member the read stopped at: the first without a frame.
+            size_t stopped_at = 0;
+            while (stopped_at < set_frames_.size() && set_frames_[stopped_at].index != kNoFrame)
+                ++stopped_at;
+            refused = result == ISP_ERR_REQUEST && stopped_at < set_frames_.size() &&
+                      count_refusal(*cameras_[stopped_at], watch);
+            if (!refused)
+                log_lines(watch);
         }
         if (result == ISP_ERR_TIMEOUT)
             result = ISP_ERR_NOT_READY;
@@ -314,9 +349,7 @@ void CameraHub::group_loop()
             std::lock_guard<std::mutex> lock(stats_mutex_);
             if (failed > 0)
                 sets_.incomplete();
-            if (refused && failed < set_frames_.size())
-                cameras_[failed]->stats.refuse(why, sequence);
-            else if (result != ISP_ERR_NOT_READY && failed < set_frames_.size())
+            if (!refused && result != ISP_ERR_NOT_READY && failed < set_frames_.size())
                 cameras_[failed]->error = std::string("reading a frame set: ") + isp_get_result_text(result);
             continue;
         }

@@ -26,6 +26,7 @@
 #include "camera_handle.h"
 #include "capture_options.h"
 #include "command_queue.h"
+#include "event_log.h"
 #include "frame_stats.h"
 #include "view_tap.h"
 
@@ -54,7 +55,8 @@ private:
 
 class CameraHub {
 public:
-    explicit CameraHub(HubOptions options);
+    // `events` logs what the library says while frames are taken.
+    CameraHub(HubOptions options, EventLog &events);
     ~CameraHub();
     CameraHub(const CameraHub &) = delete;
     CameraHub &operator=(const CameraHub &) = delete;
@@ -142,9 +144,12 @@ private:
     void take_frame(Camera &camera);
     void handle_frame(Camera &camera, const zelvideo::_isp_buf_t &frame);
     void note_error(Camera &camera, const std::string &error);
+    bool count_refusal(Camera &camera, const LineWatch &watch);
+    void log_lines(const LineWatch &watch);
     Camera *find(int camera) const;
 
     HubOptions options_;
+    EventLog &events_;
     std::vector<int> numbers_;
     std::vector<std::unique_ptr<Camera>> cameras_;
     unsigned long group_ = 0;

@@ -44,7 +44,7 @@ public:
     Timers timers;
     EventLog events{timers};
     PictureWorkers workers{2};
-    CameraHub hub{options.hub};
+    CameraHub hub{options.hub, events};
     StreamSlots slots{options.max_streams};
     std::unique_ptr<AccessRules> rules;
     std::unique_ptr<WebRtcViewers> webrtc;

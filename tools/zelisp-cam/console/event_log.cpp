@@ -86,19 +86,32 @@ void EventLog::stop()
 }
 
 // On the thread of the library call that made the line: copy and go. The
-// capture thread's watch sees the line too (why a frame was refused).
+// capture thread's watch sees the line first, and holds back the lines of
+// taking a frame: it logs a refused frame's line once, then counts them.
 void EventLog::on_library_message(const zelvideo::_isp_message_t *message, void *log)
 {
-    auto *self = static_cast<EventLog *>(log);
-    keep_in_watch(*message);
+    if (keep_in_watch(*message))
+        return;
     QueuedLine line;
     line.kind = message->kind;
     line.error_number = message->error_number;
     copy_text(line.text, sizeof line.text, message->text);
     copy_text(line.label, sizeof line.label, message->label);
     copy_text(line.node, sizeof line.node, message->dev_path);
+    auto *self = static_cast<EventLog *>(log);
     if (self->ring_.put(line))
         sem_post(&self->arrived_);
+}
+
+// Straight into the log, as a note is: a console warning about the line that
+// follows it keeps its place after the line.
+void EventLog::library_line(const LibraryLine &line)
+{
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        add_locked({0, 0, "library", kind_name(line.kind), line.dev_path, line.text});
+    }
+    sem_post(&arrived_);
 }
 
 void EventLog::add_locked(Event event)

@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "http_exchange.h"
+#include "library_lines.h"
 #include "line_ring.h"
 #include "zelisp.h"
 
@@ -53,6 +54,8 @@ public:
 
     // The console's own events: any thread.
     void note(const std::string &kind, const std::string &text, const std::string &node = "");
+    // A library line a watch held back, logged after all (any thread).
+    void library_line(const LibraryLine &line);
     // Events after `after` for `exchange`: at once when there are any, else
     // when the next comes, or an empty list after `wait`.
     void poll(uint64_t after, const std::shared_ptr<HttpExchange> &exchange, std::chrono::milliseconds wait);

@@ -217,8 +217,8 @@ bool CameraHub::count_refusal(Camera &camera, const LineWatch &watch)
     bool first = false;
     {
         std::lock_guard<std::mutex> lock(stats_mutex_);
-        first = camera.stats.refused() == 0;
-        first = camera.stats.refuse(why, sequence) && first;
+        const bool none_before = camera.stats.refused() == 0;
+        first = camera.stats.refuse(why, sequence) && none_before;
     }
     if (first) {
         events_.library_line(*refusal);

@@ -313,19 +313,32 @@ TEST(ZelispCam, ContactSheetLabelsEachTileAndIsWrittenWithoutAFont)
 
 TEST(ZelispCam, GroupCaptureReadsFrameSetsOnOneTrigger)
 {
-    std::string out = test_folder();
-    ToolRun run =
-        run_tool("capture -c 0,1,2,3 --group --trigger internal --views 2 --buffers 8 --frames 8 --json --out " + out);
-    ASSERT_EQ(run.status, 0) << run.err;
-
-    // With --json the document is all of standard output.
-    json summary = json::parse(run.out);
+    // One trigger drives every sensor: the members' frames carry one time.
+    // A sensor takes its first frame on the first tick a frame time after
+    // its stream starts, and the members start one after another: a tick
+    // that falls between two starts (more often on a loaded machine) puts
+    // the later members one frame behind for the whole capture, which the
+    // group does not line up, so the skew is then exactly one period (30 fps)
+    // and the capture is tried again.
+    std::string out;
+    ToolRun run;
+    json summary;
+    for (int attempt = 0; attempt < 5; ++attempt) {
+        out = test_folder();
+        run = run_tool("capture -c 0,1,2,3 --group --trigger internal --views 2 --buffers 8 --frames 8 --json --out " +
+                       out);
+        ASSERT_EQ(run.status, 0) << run.err;
+        // With --json the document is all of standard output.
+        summary = json::parse(run.out);
+        if (summary["group"]["skew_max_us"] == 0)
+            break;
+        EXPECT_NEAR(summary["group"]["skew_max_us"].get<double>(), 1e6 / 30, 1) << "not a tick between two starts";
+    }
+    EXPECT_EQ(summary["group"]["skew_max_us"], 0);
     EXPECT_EQ(summary, summary_file(out));
     EXPECT_EQ(summary["how"], "group");
     EXPECT_EQ(summary["group"]["frame_sets"], 8);
     EXPECT_EQ(summary["group"]["incomplete_sets"], 0);
-    // One trigger drives every sensor: the members' frames carry one time.
-    EXPECT_EQ(summary["group"]["skew_max_us"], 0);
     ASSERT_EQ(summary["cameras"].size(), 4u);
     for (int camera = 0; camera < 4; ++camera) {
         SCOPED_TRACE(camera);

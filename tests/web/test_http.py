@@ -310,22 +310,32 @@ def test_four_viewers_and_a_stalled_one_cost_the_capture_no_frame():
 
 
 def test_group_shows_the_frame_set_skew_and_trigger():
-    with Console(["--group", "--trigger", "internal", "1", "2", "--views", "2"],
-                 config="[cameras]\npresent = 0, 1, 2\n") as console:
-        console.preview(2, 2)
-        for _ in range(LONG_WAIT_S * 10):
-            status, stats = console.json("GET", "/api/stats")
-            if stats["group"]["sets"] >= 5:
+    # Triggered cameras of one rate take their frames on the same tick. A
+    # sensor takes its first frame on the first tick a frame time after its
+    # stream starts, and the members start one after another: a tick that
+    # falls between two starts (more often on a loaded machine) puts the
+    # later members one frame behind for good, which the group does not line
+    # up, so every set then shows exactly one period (30 fps) and the console
+    # is started again.
+    for attempt in range(5):
+        with Console(["--group", "--trigger", "internal", "1", "2", "--views", "2"],
+                     config="[cameras]\npresent = 0, 1, 2\n") as console:
+            console.preview(2, 2)
+            for _ in range(LONG_WAIT_S * 10):
+                status, stats = console.json("GET", "/api/stats")
+                if stats["group"]["sets"] >= 5:
+                    break
+                console.preview(0, 2)
+            group = stats["group"]
+            assert stats["trigger"] == "internal 1 2 0"
+            assert group["sets"] >= 5 and group["incomplete"] == 0
+            status, layout = console.json("GET", "/api/cameras")
+            assert (layout["group"], [len(c["views"]) for c in layout["cameras"]]) == (True, [1, 1, 1])
+            if group["max_skew_us"] == 0:
                 break
-            console.preview(0, 2)
-        group = stats["group"]
-        assert stats["trigger"] == "internal 1 2 0"
-        assert group["sets"] >= 5 and group["incomplete"] == 0
-        # Triggered cameras of one rate take their frames on the same tick.
-        assert (group["max_skew_us"], group["mean_skew_us"]) == (0, 0.0)
-        assert len(group["recent"]) >= 5 and all(skew == 0 for _, skew in group["recent"])
-        status, layout = console.json("GET", "/api/cameras")
-        assert (layout["group"], [len(c["views"]) for c in layout["cameras"]]) == (True, [1, 1, 1])
+            assert abs(group["max_skew_us"] - 1e6 / 30) <= 1, group
+    assert (group["max_skew_us"], group["mean_skew_us"]) == (0, 0.0)
+    assert len(group["recent"]) >= 5 and all(skew == 0 for _, skew in group["recent"])
 
 
 def test_ctrl_c_stops_cleanly_with_a_stream_open():

@@ -680,8 +680,8 @@ void Source::push_set(FrameSet &set, uint64_t capture_us, gint64 taken_us)
     for (auto &output : outputs) {
         bool copy_limit = false;
         GstBuffer *buffer = output->eos ? nullptr
-                                        : view_buffer(stream_, frames[output->frame], output->output,
-                                                      copy[output->frame], max_copies, &copy_limit);
+                                        : view_buffer(stream_, frames[output->frame], set.frames[output->frame],
+                                                      output->output, copy[output->frame], max_copies, &copy_limit);
         if (buffer) {
             GST_BUFFER_PTS(buffer) = pts;
             if (discont)

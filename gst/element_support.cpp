@@ -99,11 +99,7 @@ GstBuffer *view_buffer(Stream *stream, Stream::Frame *frame, const zelvideo::_is
         if (result != CopyPool::Result::Copied)
             return nullptr;
     } else {
-        GstMemory *memory = stream->wrap(frame, buf, output.view, size, output.dmabuf);
-        if (memory) {
-            buffer = gst_buffer_new();
-            gst_buffer_append_memory(buffer, memory);
-        }
+        buffer = stream->wrap(frame, buf, output.view, size, output.dmabuf);
     }
     if (!buffer)
         return nullptr;

@@ -204,7 +204,7 @@ void Stream::memory_freed(gpointer data, GstMiniObject *) { frame_released(stati
 
 void Stream::system_memory_freed(gpointer data) { memory_freed(data, nullptr); }
 
-GstMemory *Stream::wrap(Frame *frame, const zelvideo::_isp_buf_t &buf, int view, gsize size, bool dmabuf)
+GstBuffer *Stream::wrap(Frame *frame, const zelvideo::_isp_buf_t &buf, int view, gsize size, bool dmabuf)
 {
     const zelvideo::_isp_view_buf_t &plane = buf.views[view];
     const PlaneMaps::Plane *own = frame->planes ? frame->planes->plane(buf.index, view) : nullptr;
@@ -213,7 +213,6 @@ GstMemory *Stream::wrap(Frame *frame, const zelvideo::_isp_buf_t &buf, int view,
     gsize length = own ? own->length : plane.length;
     if (length < size || plane.length < size)
         return nullptr;
-    GstMemory *memory = nullptr;
     if (dmabuf) {
         if (fd < 0)
             return nullptr;
@@ -221,18 +220,23 @@ GstMemory *Stream::wrap(Frame *frame, const zelvideo::_isp_buf_t &buf, int view,
             dmabuf_allocator_ = gst_dmabuf_allocator_new();
         // The descriptor stays ours (or the camera's): closed with the
         // mappings, never by GStreamer.
-        memory = gst_dmabuf_allocator_alloc_with_flags(dmabuf_allocator_, fd, length, GST_FD_MEMORY_FLAG_DONT_CLOSE);
+        GstMemory *memory =
+            gst_dmabuf_allocator_alloc_with_flags(dmabuf_allocator_, fd, length, GST_FD_MEMORY_FLAG_DONT_CLOSE);
         if (!memory)
             return nullptr;
         gst_memory_resize(memory, 0, size);
         frame->refs.fetch_add(1);
         gst_mini_object_weak_ref(GST_MINI_OBJECT_CAST(memory), memory_freed, frame);
-        return memory;
+        GstBuffer *buffer = gst_buffer_new();
+        gst_buffer_append_memory(buffer, memory);
+        return buffer;
     }
     if (!address || address == MAP_FAILED)
         return nullptr;
     frame->refs.fetch_add(1);
-    return gst_memory_new_wrapped(GstMemoryFlags(0), address, length, 0, size, frame, system_memory_freed);
+    // The buffer and its memory made together: GStreamer then skips the
+    // checks of adding a memory to a buffer that may be shared.
+    return gst_buffer_new_wrapped_full(GstMemoryFlags(0), address, length, 0, size, frame, system_memory_freed);
 }
 
 // ---- Copies ----

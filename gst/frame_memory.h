@@ -9,8 +9,8 @@
  * when the last memory of the frame is freed, never earlier. Memories are
  * freed on whatever thread downstream drops them, while the library wants
  * one thread per camera, so a freed frame is only listed here and the
- * element's streaming thread gives it back (isp_put_frame_buf) before it
- * takes the next one.
+ * element's streaming thread gives it back (isp_put_frame_buf_by_index)
+ * before it takes the next one.
  *
  * The mappings belong to the frames still out, not to the camera: the
  * camera closes as soon as the element stops, and a buffer held past the

@@ -83,10 +83,31 @@ stage_lint() {
   return $status
 }
 
+# A CI log is often read from its end only: repeat there each failed test's
+# result line and the last lines of its output, as ctest printed them
+# (--output-on-failure), so a failure far up in an hour of log is still seen.
+failed_tests_output() {
+  awk '
+    /^ *[0-9]+\/[0-9]+ Test +#[0-9]+: .*\*\*\*(Failed|Timeout|Exception)/ { keep = 1; n = 0; print; next }
+    /^ *[0-9]+\/[0-9]+ Test +#[0-9]+: |^ +Start +[0-9]+: |tests passed, [0-9]+ tests? failed/ { if (keep) flush(); keep = 0; next }
+    keep { lines[n++ % 40] = $0 }
+    END { if (keep) flush() }
+    function flush(  i, first) {
+      first = n > 40 ? n - 40 : 0
+      if (first) print "  [" first " earlier lines]"
+      for (i = first; i < n; i++) print lines[i % 40]
+    }
+  ' "$1" | head -n 400
+  grep -A 30 '^The following tests FAILED' "$1" || tail -n 30 "$1"
+}
+
 stages=("$@")
 [ ${#stages[@]} -eq 0 ] && stages=(plain sanitize valgrind lint coverage cross configs packages)
 results=()
 failed=0
+failed_stages=()
+stage_logs=$(mktemp -d)
+trap 'rm -rf "$stage_logs"' EXIT
 total_start=$SECONDS
 for stage in "${stages[@]}"; do
   if ! declare -F "stage_$stage" >/dev/null; then
@@ -94,12 +115,21 @@ for stage in "${stages[@]}"; do
   fi
   echo "=== $stage ==="
   start=$SECONDS
-  if "stage_$stage"; then outcome=passed; else outcome=FAILED; failed=1; fi
+  if "stage_$stage" 2>&1 | tee "$stage_logs/$stage.log"; then
+    outcome=passed
+  else
+    outcome=FAILED; failed=1; failed_stages+=("$stage")
+  fi
   elapsed=$((SECONDS - start))
   results+=("$(printf '%-9s %-7s %3dm%02ds' "$stage" "$outcome" $((elapsed / 60)) $((elapsed % 60)))")
   echo "=== $stage $outcome in ${elapsed}s ==="
 done
 total=$((SECONDS - total_start))
+for stage in "${failed_stages[@]}"; do
+  echo
+  echo "=== what failed in $stage ==="
+  failed_tests_output "$stage_logs/$stage.log"
+done
 echo
 echo "=== summary ==="
 printf '%s\n' "${results[@]}"

@@ -85,10 +85,10 @@ WaitResult wait_readable(GstPoll *poll, GstClockTime timeout)
     }
 }
 
-GstBuffer *view_buffer(Stream *stream, Stream::Frame *frame, ViewOutput &output, bool copy, int most_copies,
-                       bool *copy_limit)
+GstBuffer *view_buffer(Stream *stream, Stream::Frame *frame, const zelvideo::_isp_buf_t &buf, ViewOutput &output,
+                       bool copy, int most_copies, bool *copy_limit)
 {
-    const zelvideo::_isp_view_buf_t &plane = frame->buf.views[output.view];
+    const zelvideo::_isp_view_buf_t &plane = buf.views[output.view];
     gsize size = GST_VIDEO_INFO_SIZE(&output.info);
     if (plane.length < size || !plane.addr || plane.addr == MAP_FAILED)
         return nullptr;
@@ -99,11 +99,7 @@ GstBuffer *view_buffer(Stream *stream, Stream::Frame *frame, ViewOutput &output,
         if (result != CopyPool::Result::Copied)
             return nullptr;
     } else {
-        GstMemory *memory = stream->wrap(frame, output.view, size, output.dmabuf);
-        if (memory) {
-            buffer = gst_buffer_new();
-            gst_buffer_append_memory(buffer, memory);
-        }
+        buffer = stream->wrap(frame, buf, output.view, size, output.dmabuf);
     }
     if (!buffer)
         return nullptr;

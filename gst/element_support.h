@@ -46,13 +46,13 @@ struct ViewOutput {
     CopyPool copies;
 };
 
-// The buffer of one view of `frame`: its wrapped plane or, when `copy`, a
-// pooled copy of it (at most `most_copies` held downstream); with the ISP's
-// plane layout in a video meta, the sequence number as offset. NULL when the
-// plane cannot hold the image, or with *copy_limit set when every copy is
-// held downstream.
-GstBuffer *view_buffer(Stream *stream, Stream::Frame *frame, ViewOutput &output, bool copy, int most_copies,
-                       bool *copy_limit);
+// The buffer of one view of `buf`, held as `frame`: its wrapped plane or,
+// when `copy`, a pooled copy of it (at most `most_copies` held downstream);
+// with the ISP's plane layout in a video meta, the sequence number as
+// offset. NULL when the plane cannot hold the image, or with *copy_limit set
+// when every copy is held downstream.
+GstBuffer *view_buffer(Stream *stream, Stream::Frame *frame, const zelvideo::_isp_buf_t &buf, ViewOutput &output,
+                       bool copy, int most_copies, bool *copy_limit);
 
 } // namespace gstzelisp
 

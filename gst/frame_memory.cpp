@@ -86,8 +86,10 @@ void Stream::unref()
 Stream::~Stream()
 {
     stop();
-    for (Frame *frame : spare_)
+    while (Frame *frame = spare_) {
+        spare_ = frame->next;
         delete frame;
+    }
 }
 
 void Stream::use_planes(unsigned long handle, std::shared_ptr<PlaneMaps> planes)
@@ -122,31 +124,42 @@ void Stream::put_back_released()
         in_order = released;
         released = next;
     }
-    for (Frame *frame = in_order; frame; frame = frame->next) {
-        isp_put_frame_buf(frame->handle, &frame->buf);
-        spare_.push_back(frame);
+    while (Frame *frame = in_order) {
+        in_order = frame->next;
+        isp_put_frame_buf_by_index(frame->handle, int32_t(frame->index));
+        frame->next = spare_;
+        spare_ = frame;
     }
 }
 
+// The spare frame on top serves when it last held a frame of the same
+// camera, as it always does with one camera.
 Stream::Frame *Stream::spare_frame(unsigned long handle)
 {
-    Frame *frame;
-    if (spare_.empty()) {
-        frame = new Frame{returns_, nullptr, nullptr, nullptr, nullptr, ~0UL, {}, {0}};
-    } else {
-        frame = spare_.back();
-        spare_.pop_back();
-    }
-    if (frame->handle != handle) {
-        frame->handle = handle;
-        frame->planes = nullptr;
-        for (const auto &[camera, maps] : planes_)
-            if (camera == handle)
-                frame->planes = maps;
-        for (size_t i = 0; i < returns_->cameras; ++i)
-            if (returns_->held[i].handle == handle)
-                frame->held = &returns_->held[i].count;
-    }
+    Frame *frame = spare_;
+    if (!frame || frame->handle != handle)
+        return frame_for(handle);
+    spare_ = frame->next;
+    return frame;
+}
+
+// A spare frame (or a new one) made over for another camera. Out of line:
+// the common case above needs none of its work.
+G_NO_INLINE Stream::Frame *Stream::frame_for(unsigned long handle)
+{
+    Frame *frame = spare_;
+    if (frame)
+        spare_ = frame->next;
+    else
+        frame = new Frame{returns_, nullptr, nullptr, nullptr, nullptr, ~0UL, 0, {0}};
+    frame->handle = handle;
+    frame->planes = nullptr;
+    for (const auto &[camera, maps] : planes_)
+        if (camera == handle)
+            frame->planes = maps;
+    for (size_t i = 0; i < returns_->cameras; ++i)
+        if (returns_->held[i].handle == handle)
+            frame->held = &returns_->held[i].count;
     return frame;
 }
 
@@ -156,7 +169,7 @@ Stream::Frame *Stream::hold(unsigned long handle, const zelvideo::_isp_buf_t &bu
     int held = frame->held->fetch_add(1, std::memory_order_relaxed);
     if (held_before)
         *held_before = held;
-    frame->buf = buf;
+    frame->index = buf.index;
     frame->refs.store(1, std::memory_order_relaxed);
     frame->stream = frame->planes ? nullptr : this;
     if (!frame->planes)
@@ -191,16 +204,15 @@ void Stream::memory_freed(gpointer data, GstMiniObject *) { frame_released(stati
 
 void Stream::system_memory_freed(gpointer data) { memory_freed(data, nullptr); }
 
-GstMemory *Stream::wrap(Frame *frame, int view, gsize size, bool dmabuf)
+GstBuffer *Stream::wrap(Frame *frame, const zelvideo::_isp_buf_t &buf, int view, gsize size, bool dmabuf)
 {
-    const zelvideo::_isp_view_buf_t &plane = frame->buf.views[view];
-    const PlaneMaps::Plane *own = frame->planes ? frame->planes->plane(frame->buf.index, view) : nullptr;
+    const zelvideo::_isp_view_buf_t &plane = buf.views[view];
+    const PlaneMaps::Plane *own = frame->planes ? frame->planes->plane(buf.index, view) : nullptr;
     void *address = own ? own->address : plane.addr;
     int fd = own ? own->fd : plane.fd;
     gsize length = own ? own->length : plane.length;
     if (length < size || plane.length < size)
         return nullptr;
-    GstMemory *memory = nullptr;
     if (dmabuf) {
         if (fd < 0)
             return nullptr;
@@ -208,18 +220,23 @@ GstMemory *Stream::wrap(Frame *frame, int view, gsize size, bool dmabuf)
             dmabuf_allocator_ = gst_dmabuf_allocator_new();
         // The descriptor stays ours (or the camera's): closed with the
         // mappings, never by GStreamer.
-        memory = gst_dmabuf_allocator_alloc_with_flags(dmabuf_allocator_, fd, length, GST_FD_MEMORY_FLAG_DONT_CLOSE);
+        GstMemory *memory =
+            gst_dmabuf_allocator_alloc_with_flags(dmabuf_allocator_, fd, length, GST_FD_MEMORY_FLAG_DONT_CLOSE);
         if (!memory)
             return nullptr;
         gst_memory_resize(memory, 0, size);
         frame->refs.fetch_add(1);
         gst_mini_object_weak_ref(GST_MINI_OBJECT_CAST(memory), memory_freed, frame);
-        return memory;
+        GstBuffer *buffer = gst_buffer_new();
+        gst_buffer_append_memory(buffer, memory);
+        return buffer;
     }
     if (!address || address == MAP_FAILED)
         return nullptr;
     frame->refs.fetch_add(1);
-    return gst_memory_new_wrapped(GstMemoryFlags(0), address, length, 0, size, frame, system_memory_freed);
+    // The buffer and its memory made together: GStreamer then skips the
+    // checks of adding a memory to a buffer that may be shared.
+    return gst_buffer_new_wrapped_full(GstMemoryFlags(0), address, length, 0, size, frame, system_memory_freed);
 }
 
 // ---- Copies ----

@@ -9,8 +9,8 @@
  * when the last memory of the frame is freed, never earlier. Memories are
  * freed on whatever thread downstream drops them, while the library wants
  * one thread per camera, so a freed frame is only listed here and the
- * element's streaming thread gives it back (isp_put_frame_buf) before it
- * takes the next one.
+ * element's streaming thread gives it back (isp_put_frame_buf_by_index)
+ * before it takes the next one.
  *
  * The mappings belong to the frames still out, not to the camera: the
  * camera closes as soon as the element stops, and a buffer held past the
@@ -81,12 +81,14 @@ public:
     // Streaming thread only, with library_lock() held.
     void put_back_released();
 
-    // Wraps view `view` of `frame` (taken from `handle`) as memory. Every
-    // memory made for one frame keeps it out. *held_before: the frames of
-    // this camera handle held downstream until then.
+    // Holds `frame` (taken from `handle`) out until every memory made from
+    // it is freed; wrap() makes a buffer of one such memory from view
+    // `view` of the same descriptor. Only the buffer's index is kept: that is what the driver
+    // is given back. *held_before: the frames of this camera handle held
+    // downstream until then.
     struct Frame;
     Frame *hold(unsigned long handle, const zelvideo::_isp_buf_t &frame, int *held_before = nullptr);
-    GstMemory *wrap(Frame *frame, int view, gsize size, bool dmabuf);
+    GstBuffer *wrap(Frame *frame, const zelvideo::_isp_buf_t &buf, int view, gsize size, bool dmabuf);
     // Drops the streaming thread's own reference on the frame; the frame goes
     // back once the memories made from it are freed as well.
     void done(Frame *frame);
@@ -112,6 +114,7 @@ private:
     explicit Stream(std::function<void()> close) : close_(std::move(close)) {}
     ~Stream();
     Frame *spare_frame(unsigned long handle);
+    Frame *frame_for(unsigned long handle);
     static void frame_released(Frame *frame);
     static Frame *const kStopped;
     static void memory_freed(gpointer data, GstMiniObject *memory);
@@ -121,9 +124,10 @@ private:
     std::function<void()> close_;
     std::mutex library_;
     std::shared_ptr<Returns> returns_ = std::make_shared<Returns>();
-    // Frames given back, made again for the next frames taken: a frame
-    // costs no allocation once the stream runs (streaming thread).
-    std::vector<Frame *> spare_;
+    // Frames given back, made again for the next frames taken (linked
+    // through Frame::next): a frame costs no allocation once the stream
+    // runs (streaming thread).
+    Frame *spare_ = nullptr;
     std::vector<std::pair<unsigned long, std::shared_ptr<PlaneMaps>>> planes_;
     GstAllocator *dmabuf_allocator_ = nullptr;
 };
@@ -135,9 +139,9 @@ struct Stream::Frame {
     std::shared_ptr<PlaneMaps> planes; // null: the frame keeps `stream` open
     std::atomic<int> *held;            // its camera's count of frames out
     Stream *stream;                    // a reference, when planes is null
-    Frame *next;                       // in the released list
+    Frame *next;                       // in the released or spare list
     unsigned long handle;
-    zelvideo::_isp_buf_t buf;
+    uint32_t index;                    // the V4L2 buffer it holds
     std::atomic<int> refs;
 };
 

@@ -420,6 +420,13 @@ bool Source::wait_until_playing()
     if (playing_.load(std::memory_order_acquire) && !stopping_.load(std::memory_order_acquire) &&
         resumes_.load(std::memory_order_acquire) == resumes_seen_)
         return true;
+    return wait_for_live_change();
+}
+
+// Kept out of line: the lock and the wait would cost every frame's check
+// its own stack frame.
+G_NO_INLINE bool Source::wait_for_live_change()
+{
     std::unique_lock<std::mutex> lock(live_lock_);
     live_changed_.wait(lock, [this] { return playing_ || stopping_ || eos_pending_; });
     note_resume();
@@ -507,13 +514,17 @@ GstFlowReturn Source::take_set(FrameSet *set)
     }
 }
 
-// The capture time of a set is its earliest frame's.
-static uint64_t earliest_capture(const FrameSet &set, int view)
+// The capture time of a set is its earliest frame's; the spread up to its
+// latest is the set's skew.
+static CaptureSpan capture_span(const FrameSet &set, int view)
 {
-    uint64_t first = UINT64_MAX;
-    for (size_t i = 0; i < set.count; ++i)
-        first = std::min<uint64_t>(first, set.frames[i].views[view].timestamp);
-    return first;
+    CaptureSpan span{UINT64_MAX, 0};
+    for (size_t i = 0; i < set.count; ++i) {
+        uint64_t timestamp = set.frames[i].views[view].timestamp;
+        span.first = std::min(span.first, timestamp);
+        span.last = std::max(span.last, timestamp);
+    }
+    return span;
 }
 
 // A driver timestamp before the stream started or in the future is not a
@@ -621,25 +632,22 @@ void Source::loop()
     }
     // One reading of the monotonic clock serves the frame's checks and PTS.
     gint64 taken_us = g_get_monotonic_time();
-    uint64_t capture_us = earliest_capture(set, streaming_outputs_[0]->output.view);
-    if (captured_before_resume(capture_us, taken_us)) {
+    CaptureSpan capture = capture_span(set, streaming_outputs_[0]->output.view);
+    if (captured_before_resume(capture.first, taken_us)) {
         GST_LOG_OBJECT(element_, "frame %u was captured before the resume: not pushed",
                        set.frames[0].views[streaming_outputs_[0]->output.view].sequence);
         return give_back(set);
     }
-    push_set(set, capture_us, taken_us);
+    push_set(set, capture, taken_us);
 }
 
-// capture_us: the set's earliest capture time.
-void Source::push_set(FrameSet &set, uint64_t capture_us, gint64 taken_us)
+void Source::push_set(FrameSet &set, CaptureSpan capture, gint64 taken_us)
 {
     const auto &outputs = streaming_outputs_;
     // One PTS for the whole set: its earliest capture; the spread of the
     // capture times is the set's skew.
     const int view = outputs[0]->output.view;
-    uint64_t first = capture_us, last = 0;
-    for (size_t i = 0; i < set.count; ++i)
-        last = std::max<uint64_t>(last, set.frames[i].views[view].timestamp);
+    const uint64_t first = capture.first, last = capture.last;
     uint32_t sequence = set.frames[0].views[view].sequence;
     // After a resume the frames of the pause are missing on purpose.
     bool discont = !have_sequence_ || discont_pending_ || resumed_;
@@ -680,8 +688,8 @@ void Source::push_set(FrameSet &set, uint64_t capture_us, gint64 taken_us)
     for (auto &output : outputs) {
         bool copy_limit = false;
         GstBuffer *buffer = output->eos ? nullptr
-                                        : view_buffer(stream_, frames[output->frame], output->output,
-                                                      copy[output->frame], max_copies, &copy_limit);
+                                        : view_buffer(stream_, frames[output->frame], set.frames[output->frame],
+                                                      output->output, copy[output->frame], max_copies, &copy_limit);
         if (buffer) {
             GST_BUFFER_PTS(buffer) = pts;
             if (discont)

@@ -69,6 +69,12 @@ struct FrameSet {
     size_t count = 0;
 };
 
+// The earliest and latest capture times of a set's frames, microseconds.
+struct CaptureSpan {
+    uint64_t first;
+    uint64_t last;
+};
+
 struct SourceCounters {
     guint64 frames = 0;  // frames, or frame sets of a group, pushed
     guint64 dropped = 0; // lost: sequence gaps, and frames no copy was left for
@@ -176,6 +182,7 @@ protected:
 private:
     void start_pads();
     bool wait_until_playing();
+    bool wait_for_live_change();
     void note_resume();
     void wake_streaming_thread(gboolean woken);
     GstFlowReturn take_set(FrameSet *set);
@@ -184,7 +191,7 @@ private:
     void give_back(const FrameSet &set);
     GstClockTime set_pts(uint64_t capture_us, gint64 now_us);
     void refresh_outputs();
-    void push_set(FrameSet &set, uint64_t capture_us, gint64 taken_us);
+    void push_set(FrameSet &set, CaptureSpan capture, gint64 taken_us);
     void pause_streaming(GstFlowReturn flow);
     void tear_down();
 

@@ -83,9 +83,9 @@ public:
 
     // Holds `frame` (taken from `handle`) out until every memory made from
     // it is freed; wrap() makes a buffer of one such memory from view
-    // `view` of the same descriptor. Only the buffer's index is kept: that is what the driver
-    // is given back. *held_before: the frames of this camera handle held
-    // downstream until then.
+    // `view` of the same descriptor. Only the buffer's index is kept: that
+    // is what the driver is given back. *held_before: the frames of this
+    // camera handle held downstream until then.
     struct Frame;
     Frame *hold(unsigned long handle, const zelvideo::_isp_buf_t &frame, int *held_before = nullptr);
     GstBuffer *wrap(Frame *frame, const zelvideo::_isp_buf_t &buf, int view, gsize size, bool dmabuf);

@@ -642,7 +642,8 @@ def measure_one_section(options, quick, saved):
         text = stream.read()
     start = text.index(f"## {module.TITLE}\n")
     end = text.find("\n## ", start)
-    part = "\n".join(module.report(section)) + "\n\n"
+    # A report ends on a blank line of its own: exactly one before the next section.
+    part = "\n".join(module.report(section)).rstrip("\n") + "\n\n"
     text = text[:start] + part + (text[end + 1:] if end >= 0 else "")
     with open(options.output, "w", encoding="utf-8") as stream:
         stream.write(text)

@@ -15,7 +15,7 @@ namespace {
 constexpr uint32_t kUnreadable = UINT32_MAX;
 
 struct Received {
-    std::string caps;                    // the last sample's
+    std::string caps; // the last sample's
     std::vector<std::string> each_caps; // every sample's, in order
     std::vector<uint32_t> numbers; // painted frame numbers, kUnreadable when there is none
     std::vector<std::vector<int>> green; // RGB of the green bar, RGB caps only

@@ -576,7 +576,7 @@ void Source::refresh_outputs()
     GST_OBJECT_UNLOCK(element_);
 }
 
-void Source::pause_streaming(GstFlowReturn flow)
+bool Source::pause_streaming(GstFlowReturn flow)
 {
     GST_DEBUG_OBJECT(element_, "pausing: %s", gst_flow_get_name(flow));
     if (flow == GST_FLOW_EOS || flow <= GST_FLOW_NOT_NEGOTIATED) {
@@ -587,6 +587,7 @@ void Source::pause_streaming(GstFlowReturn flow)
             gst_pad_push_event(output->pad, gst_event_new_eos());
     }
     gst_pad_pause_task(task_pad_);
+    return false;
 }
 
 void Source::loop()
@@ -594,6 +595,17 @@ void Source::loop()
     // The frame loop's lines (a refused frame) are logged; what matters is
     // counted in stats or posted as the error.
     LibraryCalls calls(GST_OBJECT_CAST(element_), false);
+    // Frames follow one another without going back to the task in between:
+    // the task's round (its locks and state check) and this scope would
+    // otherwise cost every frame. The round ends when the thread pauses its
+    // task; a pause or stop of the element wakes it to do so.
+    while (stream_next_set()) {
+    }
+}
+
+// False once the task is paused.
+bool Source::stream_next_set()
+{
     if (!wait_until_playing())
         return pause_streaming(GST_FLOW_FLUSHING);
     if (!started_pads_) {
@@ -622,7 +634,7 @@ void Source::loop()
     FrameSet set;
     GstFlowReturn flow = take_set(&set);
     if (flow == GST_FLOW_FLUSHING)
-        return; // woken: the next round waits for PLAYING, stops or ends
+        return true; // woken: the next round waits for PLAYING, stops or ends
     if (flow != GST_FLOW_OK)
         return pause_streaming(flow);
     refresh_outputs();
@@ -636,12 +648,13 @@ void Source::loop()
     if (captured_before_resume(capture.first, taken_us)) {
         GST_LOG_OBJECT(element_, "frame %u was captured before the resume: not pushed",
                        set.frames[0].views[streaming_outputs_[0]->output.view].sequence);
-        return give_back(set);
+        give_back(set);
+        return true;
     }
-    push_set(set, capture, taken_us);
+    return push_set(set, capture, taken_us);
 }
 
-void Source::push_set(FrameSet &set, CaptureSpan capture, gint64 taken_us)
+bool Source::push_set(FrameSet &set, CaptureSpan capture, gint64 taken_us)
 {
     const auto &outputs = streaming_outputs_;
     // One PTS for the whole set: its earliest capture; the spread of the
@@ -719,7 +732,7 @@ void Source::push_set(FrameSet &set, CaptureSpan capture, gint64 taken_us)
         counters_.copy_limit_drops.fetch_add(1, std::memory_order_relaxed);
         discont_pending_ = true;
         GST_LOG_OBJECT(element_, "frame %u dropped: downstream holds all %d copies", sequence, max_copies);
-        return;
+        return true;
     }
     counters_.frames.fetch_add(1, std::memory_order_relaxed);
     if (missing)
@@ -761,8 +774,7 @@ void Source::push_set(FrameSet &set, CaptureSpan capture, gint64 taken_us)
         flow = GST_FLOW_EOS;
     else if (flow == GST_FLOW_OK && unlinked + finished == outputs.size())
         flow = GST_FLOW_NOT_LINKED;
-    if (flow != GST_FLOW_OK)
-        pause_streaming(flow);
+    return flow == GST_FLOW_OK || pause_streaming(flow);
 }
 
 } // namespace gstzelisp

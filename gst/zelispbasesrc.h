@@ -191,8 +191,11 @@ private:
     void give_back(const FrameSet &set);
     GstClockTime set_pts(uint64_t capture_us, gint64 now_us);
     void refresh_outputs();
-    void push_set(FrameSet &set, CaptureSpan capture, gint64 taken_us);
-    void pause_streaming(GstFlowReturn flow);
+    bool stream_next_set();
+    bool push_set(FrameSet &set, CaptureSpan capture, gint64 taken_us);
+    // Pauses the task (with EOS downstream when the stream ended or
+    // failed); false, for the frame loop to end its round.
+    bool pause_streaming(GstFlowReturn flow);
     void tear_down();
 
     const char *noun_;

@@ -15,7 +15,8 @@ namespace {
 constexpr uint32_t kUnreadable = UINT32_MAX;
 
 struct Received {
-    std::string caps;
+    std::string caps; // the last sample's
+    std::vector<std::string> each_caps; // every sample's, in order
     std::vector<uint32_t> numbers; // painted frame numbers, kUnreadable when there is none
     std::vector<std::vector<int>> green; // RGB of the green bar, RGB caps only
 };
@@ -58,6 +59,7 @@ protected:
             GstCaps *caps = gst_sample_get_caps(sample);
             gchar *text = gst_caps_to_string(caps);
             received.caps = text;
+            received.each_caps.push_back(text);
             g_free(text);
             GstBuffer *buffer = gst_sample_get_buffer(sample);
             received.numbers.push_back(painted_number(buffer, caps).value_or(kUnreadable));
@@ -233,21 +235,47 @@ TEST_F(NegotiationTest, DownstreamChoosesFormatAndSizeThroughTheDriverBeforeTheB
 
 TEST_F(NegotiationTest, BackInReadyTheNextStartNegotiatesAgain)
 {
+    // Scripted frames: each start gets exactly the frames it is shown, so a
+    // painted number tells which start a sample comes from. An appsink keeps
+    // what it queued across READY (only NULL or a flush empties it), so a
+    // frame of the first start that the test did not pull would be handed
+    // out in the second with the first start's caps, as a free-running
+    // sensor does whenever the test thread is slow to leave PLAYING.
+    zsim::set_frame_mode(0, zsim::FrameMode::Scripted);
+    push_frames(0, 1, 2);
     launch("zelispsrc ! capsfilter name=f caps=video/x-raw,width=640,height=360 ! appsink name=sink sync=false");
-    Received first = receive(1);
-    EXPECT_NE(first.caps.find("width=(int)640, height=(int)360"), std::string::npos) << first.caps;
+    const std::string small = "video/x-raw, format=(string)NV12, colorimetry=(string)bt601, width=(int)640, "
+                              "height=(int)360, framerate=(fraction)30/1";
+    Received first = receive(2);
+    EXPECT_EQ(first.each_caps, (std::vector<std::string>{small, small}));
+    EXPECT_EQ(first.numbers, (std::vector<uint32_t>{1, 2}));
     ASSERT_EQ(gst_element_set_state(pipeline_, GST_STATE_READY), GST_STATE_CHANGE_SUCCESS);
+    GstElement *sink = gst_bin_get_by_name(GST_BIN(pipeline_), "sink");
+    GstSample *left = gst_app_sink_try_pull_sample(GST_APP_SINK(sink), 0);
+    EXPECT_EQ(left, nullptr) << "a sample of the first start is still queued";
+    if (left)
+        gst_sample_unref(left);
+    gst_object_unref(sink);
+
     GstElement *filter = gst_bin_get_by_name(GST_BIN(pipeline_), "f");
     GstCaps *caps = gst_caps_from_string("video/x-raw,format=GRAY8,width=1280,height=720,framerate=15/1");
     g_object_set(filter, "caps", caps, nullptr);
     gst_caps_unref(caps);
     gst_object_unref(filter);
-    Received second = receive(2);
-    EXPECT_EQ(second.caps, "video/x-raw, format=(string)GRAY8, colorimetry=(string)bt601, width=(int)1280, "
-                           "height=(int)720, framerate=(fraction)15/1");
-    ASSERT_EQ(second.numbers.size(), 2u);
-    EXPECT_NE(second.numbers[0], kUnreadable);
-    EXPECT_EQ(second.numbers[1], second.numbers[0] + 2); // every other frame
+    push_frames(0, 100, 6, 3000000);
+    const std::string grey = "video/x-raw, format=(string)GRAY8, colorimetry=(string)bt601, width=(int)1280, "
+                             "height=(int)720, framerate=(fraction)15/1";
+    Received second = receive(3);
+    EXPECT_EQ(second.each_caps, (std::vector<std::string>{grey, grey, grey}));
+    EXPECT_EQ(second.numbers, (std::vector<uint32_t>{101, 103, 105})); // fresh frames, one in two
+    // Each start asked the driver for its own format before its buffers
+    // (negotiation, then the set-up).
+    std::vector<std::string> requests;
+    for (const zsim::LogEntry &entry : view_format_requests())
+        requests.push_back(entry.detail);
+    EXPECT_EQ(requests, (std::vector<std::string>{
+                            "view=0 width=640 height=360 fourcc=NV12", "view=0 width=640 height=360 fourcc=NV12",
+                            "view=0 width=1280 height=720 fourcc=GREY", "view=0 width=1280 height=720 fourcc=GREY"}));
 }
 
 TEST_F(NegotiationTest, AResizedViewComesAtTheSizeTheResizeMakes)

@@ -131,6 +131,7 @@ void WebRtcViewers::retire(const std::string &id)
         session = it->second;
         sessions_.erase(it);
         to_close_.push_back(session);
+        ++closing_;
     }
     retired_.notify_one();
 }
@@ -154,6 +155,7 @@ void WebRtcViewers::reap()
         lock.lock();
         sent_closed_ += figures.sent;
         skipped_closed_ += figures.skipped;
+        --closing_;
     }
 }
 
@@ -180,7 +182,9 @@ WebRtcViewers::Figures WebRtcViewers::figures() const
 {
     std::lock_guard<std::mutex> lock(mutex_);
     Figures figures;
-    figures.sessions = sessions_.size();
+    // A session ends for the page when its slot is free again: a viewer
+    // reading 0 here can start another one at once.
+    figures.sessions = sessions_.size() + closing_;
     figures.started = started_;
     figures.sent = sent_closed_;
     figures.skipped = skipped_closed_;

@@ -63,6 +63,9 @@ private:
     std::condition_variable retired_;
     std::map<std::string, std::shared_ptr<WebRtcSession>> sessions_;
     std::deque<std::shared_ptr<WebRtcSession>> to_close_;
+    // Retired sessions the reaper has not closed yet: they still hold their
+    // stream slot, so they still count as sessions.
+    size_t closing_ = 0;
     uint64_t started_ = 0, sent_closed_ = 0, skipped_closed_ = 0;
     bool stopping_ = false;
     std::thread reaper_;

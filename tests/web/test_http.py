@@ -166,6 +166,8 @@ def test_controls_are_applied_and_read_back(console):
      'the body must be {"format": NV12|NV21|YUYV|RGB3|GREY, "width": W, "height": H}, with W and H even, 2..65534'),
     ("PUT", "/api/cameras/1/views/0", '{"format": "NV12", "width": 641, "height": 360}', 400,
      'the body must be {"format": NV12|NV21|YUYV|RGB3|GREY, "width": W, "height": H}, with W and H even, 2..65534'),
+    ("PUT", "/api/cameras/1/views/0", '{"format": "NV12", "width": 4294967936, "height": 360}', 400,
+     'the body must be {"format": NV12|NV21|YUYV|RGB3|GREY, "width": W, "height": H}, with W and H even, 2..65534'),
     ("GET", "/api/events?after=x", None, 400, "after must be an event number"),
     ("GET", "/api/events?wait=11", None, 400, "wait must be 0..10 seconds"),
     ("POST", "/whep/0/0", "v=0", 415, "the offer is sent as application/sdp"),
@@ -194,13 +196,13 @@ def test_controls_are_applied_and_read_back(console):
      "request body over 4096 bytes"),
 ])
 def test_refusals_answer_json_and_change_nothing(console, method, path, body, status, message):
-    before = controls_of(console, 1)[0]
+    before = controls_of(console, 1)  # the controls, and the camera's views
     headers = {"Content-Type": "text/plain" if path.startswith("/whep") else "application/json"} if body is not None else {}
     got, answer = console.json(method, path, headers=headers, raw=body)
     assert (got, answer["error"]) == (status, message)
     if message.startswith("brightness must"):
         assert answer["range"] == {"min": 0, "max": 255}
-    assert controls_of(console, 1)[0] == before
+    assert controls_of(console, 1) == before
 
 
 def test_stats_count_frames_of_every_camera(console):

@@ -257,13 +257,16 @@ void ConsoleRoutes::put_view(const Exchange &exchange, const Segments &captured)
     bool sized = !body.is_discarded() && body.is_object() && body.contains("format") && body["format"].is_string() &&
                  body.contains("width") && body["width"].is_number_unsigned() && body.contains("height") &&
                  body["height"].is_number_unsigned();
+    // Read wide and checked before narrowing: 2^32 + 640 must not pass as 640.
+    uint64_t width = sized ? body["width"].get<uint64_t>() : 0;
+    uint64_t height = sized ? body["height"].get<uint64_t>() : 0;
     if (sized) {
         format.format = fourcc_from_name(body["format"].get<std::string>());
-        format.width = body["width"].get<uint32_t>();
-        format.height = body["height"].get<uint32_t>();
+        format.width = uint32_t(width);
+        format.height = uint32_t(height);
     }
-    if (!sized || format.format == 0 || format.width < 2 || format.height < 2 || format.width > 65534 ||
-        format.height > 65534 || format.width % 2 || format.height % 2) {
+    if (!sized || format.format == 0 || width < 2 || height < 2 || width > 65534 || height > 65534 || width % 2 ||
+        height % 2) {
         exchange->reply(error_response(400, "the body must be {\"format\": NV12|NV21|YUYV|RGB3|GREY, \"width\": W, "
                                             "\"height\": H}, with W and H even, 2..65534"));
         return;

@@ -3,6 +3,7 @@ JSON API, the previews, streams and snapshots read back frame by frame,
 every refusal, start and stop, a view's new format, the event panel's feed,
 late commands withdrawn, the stream limit, several viewers and a stalled one
 against the capture's own drop count, and Ctrl-C."""
+import json
 import socket
 import subprocess
 import threading
@@ -86,6 +87,24 @@ def test_mjpeg_stream_and_full_size_stream(console):
         conn.close()
     assert image.shape[:2] == (720, 1280)
     assert frame_number(image) == sequence
+
+    # HEAD says what the stream is and sends nothing after the headers: the
+    # answer pipelined after it on the same connection reads whole, and no
+    # stream slot was taken.
+    served = console.stats()["streams"]["served"]
+    host = b"Host: 127.0.0.1:%d\r\n" % console.port
+    with socket.create_connection(("127.0.0.1", console.port), timeout=LONG_WAIT_S) as s:
+        s.sendall(b"HEAD /stream/0/1.mjpg HTTP/1.1\r\n" + host + b"\r\n"
+                  b"GET /api/cameras HTTP/1.1\r\n" + host + b"Connection: close\r\n\r\n")
+        received = b""
+        while chunk := s.recv(1 << 16):
+            received += chunk
+    head, _, rest = received.partition(b"\r\n\r\n")
+    assert head.startswith(b"HTTP/1.1 200 OK\r\n")
+    assert b"\r\nContent-Type: multipart/x-mixed-replace; boundary=zelispframe\r\n" in head + b"\r\n"
+    assert rest.startswith(b"HTTP/1.1 200 OK\r\n"), rest[:40]
+    assert json.loads(rest.partition(b"\r\n\r\n")[2])["cameras"][0]["camera"] == 0
+    assert console.stats()["streams"]["served"] == served
 
 
 def test_snapshot_is_the_full_view_as_png(console):

@@ -98,6 +98,17 @@ void ConsoleRoutes::get_stream(const Exchange &exchange, const Segments &capture
         exchange->reply(error_response(400, "size must be preview or full"));
         return;
     }
+    const std::string type = std::string("multipart/x-mixed-replace; boundary=") + kBoundary;
+    if (request.method == "HEAD") {
+        // The headers alone, without a stream or its slot: libmicrohttpd
+        // would end the endless body it leaves out with a chunk trailer all
+        // the same, which the client reads as the start of its next answer.
+        HttpResponse head;
+        head.type = type;
+        head.headers = {{"Cache-Control", "no-store"}};
+        exchange->reply(std::move(head));
+        return;
+    }
     if (!console_.slots.take()) {
         exchange->reply(error_response(503, "at most " + std::to_string(console_.slots.max()) +
                                                 " streams at once: close one first"));
@@ -107,8 +118,7 @@ void ConsoleRoutes::get_stream(const Exchange &exchange, const Segments &capture
     int64_t later_than = console_.hub.last_sequence(camera, &sequence) ? int64_t(sequence) : -1;
     auto viewer = std::make_shared<MjpegViewer>(*console_.feed(camera, view, size == "full"), console_.slots,
                                                 later_than, exchange);
-    exchange->stream(200, std::string("multipart/x-mixed-replace; boundary=") + kBoundary,
-                     {{"Cache-Control", "no-store"}}, viewer);
+    exchange->stream(200, type, {{"Cache-Control", "no-store"}}, viewer);
 }
 
 void ConsoleRoutes::get_snapshot(const Exchange &exchange, const Segments &captured)

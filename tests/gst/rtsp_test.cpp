@@ -1,9 +1,14 @@
 // rtsp_test.cpp - zelisp-rtsp as a user runs it, with the clients users
 // point at it: rtspsrc, ffprobe and ffmpeg over UDP and TCP. Clients come
 // and go in every way they do (a clean teardown, a kill -9 mid-stream), and
-// the server keeps serving; SIGINT and SIGTERM stop it.
+// the server keeps serving; connections that never start a session cannot
+// crowd clients out; SIGINT and SIGTERM stop it.
+#include <netinet/in.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -154,6 +159,80 @@ TEST(ZelispRtsp, EveryKindOfClientLeavingLeavesItServing)
     std::optional<int> status = server.process.finish(30);
     ASSERT_TRUE(status.has_value()) << "still running 30 s after SIGINT";
     EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << read_text(server.process.err_path);
+}
+
+// A TCP connection to 127.0.0.1:port whose reads give up after a minute; -1 when refused.
+int connect_idle(int port)
+{
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(uint16_t(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    timeval minute{60, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &minute, sizeof minute);
+    if (connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+// The server closed the connection without a word (not a read timing out).
+bool closed_by_server(int fd)
+{
+    char byte;
+    return recv(fd, &byte, 1, 0) == 0;
+}
+
+TEST(ZelispRtsp, IdleConnectionsCannotCrowdOutClients)
+{
+    if (!have_ffmpeg())
+        GTEST_SKIP() << "ffmpeg and ffprobe are not installed (scripts/setup.sh installs them)";
+    std::string folder = test_folder();
+    std::string config = write_config(folder, kSmallCameras);
+    Server server(folder, "--cameras 0 --max-clients 4", config);
+    ASSERT_TRUE(server.started(1)) << read_text(server.process.err_path);
+    int port = std::stoi(server.url.substr(server.url.rfind(':') + 1));
+    // A viewer plays through all of it.
+    Background player(folder, "ffmpeg -v error -rtsp_transport tcp -i " + server.url + " -f rawvideo -pix_fmt gray -",
+                      "player.err");
+    std::vector<char> frame(640 * 360);
+    ASSERT_EQ(std::fread(frame.data(), 1, frame.size(), player.out), frame.size()) << read_text(player.err_path);
+
+    // Three connections that say nothing fill the four places; a fifth is
+    // closed at once, before any of them.
+    std::vector<pollfd> idle;
+    for (int i = 0; i < 4; ++i) {
+        idle.push_back({connect_idle(port), POLLIN, 0});
+        ASSERT_GE(idle.back().fd, 0);
+    }
+    ASSERT_EQ(poll(idle.data(), idle.size(), 60000), 1);
+    EXPECT_NE(idle[3].revents, 0);
+    EXPECT_TRUE(closed_by_server(idle[3].fd));
+    // The others are closed when their time to start a session is up.
+    for (int i = 0; i < 3; ++i)
+        EXPECT_TRUE(closed_by_server(idle[i].fd)) << "connection " << i;
+    for (const pollfd &connection : idle)
+        close(connection.fd);
+
+    // The viewer still plays, and a new client gets in.
+    ASSERT_EQ(std::fread(frame.data(), 1, frame.size(), player.out), frame.size()) << read_text(player.err_path);
+    EXPECT_EQ(probe_width(folder, server.url), "640\n");
+    kill(player.pid, SIGKILL);
+    ASSERT_TRUE(player.finish(30).has_value());
+    kill(server.process.pid, SIGTERM);
+    std::optional<int> status = server.process.finish(30);
+    ASSERT_TRUE(status.has_value()) << "still running 30 s after SIGTERM";
+    EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0);
+    EXPECT_EQ(read_text(server.process.err_path),
+              "zelisp-rtsp: H.264 encoder: x264enc (software: this board has no V4L2 memory-to-memory H.264 "
+              "encoder)\n"
+              "zelisp-rtsp: a new client was closed: 4 clients are connected already (--max-clients)\n");
+
+    Launch refused = run(folder, on_simulator("'" ZELISP_RTSP "' --max-clients 0"));
+    EXPECT_EQ(refused.status, 2);
+    EXPECT_EQ(refused.out, "zelisp-rtsp: --max-clients takes 1..512, got 0\n");
 }
 
 TEST(ZelispRtsp, SigintStopsItWhileAClientPlays)

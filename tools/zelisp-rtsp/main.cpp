@@ -4,6 +4,7 @@
  *     zelisp-rtsp [--cameras 0,1,2] [--group 0,1,2,3 --trigger external]
  *                 [--port 8554] [--codec h264|jpeg] [--encoder auto]
  *                 [--size [MOUNT=]WxH] [--clock system|ptp[:D]|ntp:HOST[:PORT]]
+ *                 [--max-clients N]
  *
  * Every camera is a mount rtsp://HOST:PORT/camN, made of zelispsrc and a
  * stock encoder and payloader: no protocol of our own, any RTSP client
@@ -38,6 +39,7 @@
 #include <vector>
 
 #include "camera_table.h"
+#include "client_limits.h"
 #include "clock_log.h"
 #include "encoder_choice.h"
 #include "mounts.h"
@@ -52,6 +54,7 @@ struct Options {
     int port = 8554;
     std::string codec = "h264";
     std::string address = "0.0.0.0";
+    int max_clients = int(zrtsp::ClientLimits{}.max_clients);
     zrtsp::MountOptions rig; // group, sizes, encoder, clock
 };
 
@@ -96,6 +99,8 @@ int parse_options(int *argc, char ***argv, Options *options)
          "TCP port of the RTSP server (default 8554; 0: any free port)", "PORT"},
         {"codec", 0, 0, G_OPTION_ARG_STRING, &codec_text, "h264 (default) or jpeg", "CODEC"},
         {"address", 0, 0, G_OPTION_ARG_STRING, &address_text, "Address to listen on (default 0.0.0.0)", "ADDRESS"},
+        {"max-clients", 0, 0, G_OPTION_ARG_INT, &options->max_clients,
+         "Clients connected at once, 1..512 (default 64); a client past them is closed at once", "N"},
         {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
     };
     zrtsp::RigTexts rig;
@@ -140,6 +145,10 @@ int parse_options(int *argc, char ***argv, Options *options)
     }
     if (status == 0 && (options->port < 0 || options->port > 65535)) {
         std::fprintf(stderr, "zelisp-rtsp: --port takes 0..65535, got %d\n", options->port);
+        status = 2;
+    }
+    if (status == 0 && (options->max_clients < 1 || options->max_clients > 512)) {
+        std::fprintf(stderr, "zelisp-rtsp: --max-clients takes 1..512, got %d\n", options->max_clients);
         status = 2;
     }
     if (status == 0 && cameras_text && !parse_cameras(cameras_text, &options->cameras)) {
@@ -326,6 +335,9 @@ int main(int argc, char **argv)
     gst_rtsp_server_set_address(server, options.address.c_str());
     gst_rtsp_server_set_service(server, std::to_string(options.port).c_str());
     zrtsp::add_mounts(server, mounts, clock && clock->is_network() ? clock->clock() : nullptr);
+    zrtsp::ClientLimits limits;
+    limits.max_clients = unsigned(options.max_clients);
+    zrtsp::limit_clients(server, limits);
     guint listening = gst_rtsp_server_attach(server, nullptr);
     if (listening == 0) {
         std::fprintf(stderr, "zelisp-rtsp: cannot listen on %s:%d\n", options.address.c_str(), options.port);

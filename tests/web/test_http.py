@@ -276,6 +276,25 @@ def test_stream_limit_answers_503_and_frees_on_close():
         conn.close()
         streams[0][0].close()
 
+        # With the camera stopped no picture comes to show a hang-up: the
+        # server looks at the sockets of waiting streams, and viewers that
+        # opened a stream and left give their slots and sockets back.
+        def all_slots_free():
+            deadline = time.monotonic() + LONG_WAIT_S
+            while console.stats()["streams"]["active"] and time.monotonic() < deadline:
+                time.sleep(0.05)
+            stats = console.stats()
+            return (stats["streams"]["active"], stats["http"]["connections"]) == (0, 1)
+
+        assert console.json("PUT", "/api/cameras/0/running", {"value": False})[0] == 200
+        assert all_slots_free()
+        for _ in range(3):
+            streams = [open_stream(console, "/stream/0/2.mjpg") for _ in range(2)]
+            assert [response.status for _, response in streams] == [200, 200]
+            for conn, _ in streams:
+                conn.close()
+            assert all_slots_free()
+
 
 # Slow cameras and deep queues: capture only drops a frame if its thread
 # stalls for 1.4 s, so any drop below is the server's fault, not the machine's.

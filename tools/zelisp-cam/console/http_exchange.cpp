@@ -12,6 +12,9 @@
 #include "http_exchange.h"
 
 #include <microhttpd.h>
+#include <sys/socket.h>
+
+#include <cerrno>
 
 #include <algorithm>
 #include <cctype>
@@ -162,7 +165,7 @@ void HttpExchange::release_stream(void *exchange)
 ssize_t HttpExchange::pull(char *out, size_t max)
 {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (stopping_ || state_ == State::Finished)
+    if (stopping_ || client_left_ || state_ == State::Finished)
         return MHD_CONTENT_READER_END_OF_STREAM;
     long count = source_->read(out, max);
     if (count < 0)
@@ -206,11 +209,31 @@ void HttpExchange::abandon()
     }
 }
 
+// libmicrohttpd does not watch a suspended connection, so a client that
+// hangs up on a stream waiting for its next picture is noticed only when
+// that picture comes, which may be never (a stopped or unplugged camera):
+// until then it would hold its stream slot and its socket. A look at the
+// socket (which may hold the client's next request: not a hang-up) tells.
+void HttpExchange::end_if_client_left()
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (state_ != State::StreamParked || socket_ < 0)
+        return;
+    char byte;
+    ssize_t peeked = recv(socket_, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+    if (peeked > 0 || (peeked < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)))
+        return;
+    client_left_ = true;
+    state_ = State::StreamRunning;
+    MHD_resume_connection(connection_); // the reader then ends the stream
+}
+
 std::shared_ptr<StreamSource> HttpExchange::finish()
 {
     std::lock_guard<std::mutex> lock(mutex_);
     state_ = State::Finished;
     connection_ = nullptr;
+    socket_ = -1;
     pending_.reset();
     pending_stream_.reset();
     return std::move(source_);

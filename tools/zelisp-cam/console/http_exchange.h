@@ -96,6 +96,8 @@ private:
     void route_returned();
     // The server is stopping: a parked request gets 503, a stream ends.
     void abandon();
+    // Ends a stream that waits for its source if its client has hung up.
+    void end_if_client_left();
     // The server is done with the connection. Returns the stream's source to
     // be told outside the lock.
     std::shared_ptr<StreamSource> finish();
@@ -104,6 +106,7 @@ private:
     mutable std::mutex mutex_;
     State state_ = State::InRoute;
     MHD_Connection *connection_ = nullptr;
+    int socket_ = -1; // the connection's, open while the exchange is the server's
     std::optional<HttpResponse> pending_;
     struct PendingStream {
         int status;
@@ -113,6 +116,7 @@ private:
     std::optional<PendingStream> pending_stream_;
     std::shared_ptr<StreamSource> source_;
     bool stopping_ = false;
+    bool client_left_ = false;
     // For the access log.
     int status_ = 0;
     uint64_t bytes_ = 0;

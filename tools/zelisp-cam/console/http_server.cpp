@@ -89,9 +89,14 @@ public:
         std::lock_guard<std::mutex> lock(exchange.mutex_);
         exchange.queue_locked(std::move(response));
     }
-    static void attach(HttpExchange &exchange, MHD_Connection *connection) { exchange.connection_ = connection; }
+    static void attach(HttpExchange &exchange, MHD_Connection *connection, int socket)
+    {
+        exchange.connection_ = connection;
+        exchange.socket_ = socket;
+    }
     static void route_returned(HttpExchange &exchange) { exchange.route_returned(); }
     static void abandon(HttpExchange &exchange) { exchange.abandon(); }
+    static void end_if_client_left(HttpExchange &exchange) { exchange.end_if_client_left(); }
     static std::shared_ptr<StreamSource> finish(HttpExchange &exchange) { return exchange.finish(); }
     static int status(const HttpExchange &exchange) { return exchange.status_; }
     static uint64_t bytes(const HttpExchange &exchange) { return exchange.bytes_; }
@@ -173,11 +178,15 @@ struct HttpServer::Impl {
 
     // Closes every connection whose request has taken longer than the
     // deadline. A per-read timeout would not do: one byte every few seconds
-    // keeps a connection alive forever.
+    // keeps a connection alive forever. Ends the waiting streams whose
+    // clients have hung up. An exchange leaves the set, under this mutex,
+    // before libmicrohttpd closes its socket.
     void sweep()
     {
         auto now = Clock::now();
         std::lock_guard<std::mutex> lock(mutex);
+        for (const auto &exchange : exchanges)
+            HttpDaemon::end_if_client_left(*exchange);
         for (ConnectionClock *clock : connections)
             if (clock->receiving && !clock->shut_down && now - clock->since > limits.request_deadline) {
                 ::shutdown(clock->fd, SHUT_RDWR); // the event loop sees the end and closes it
@@ -210,7 +219,8 @@ struct HttpServer::Impl {
         std::string length = request.header("Content-Length");
         request_state->exchange = std::make_shared<HttpExchange>(std::move(request));
         HttpExchange &exchange = *request_state->exchange;
-        HttpDaemon::attach(exchange, connection);
+        ConnectionClock *clock = clock_of(connection);
+        HttpDaemon::attach(exchange, connection, clock ? clock->fd : -1);
         {
             std::lock_guard<std::mutex> lock(mutex);
             exchanges.insert(request_state->exchange);

@@ -4,6 +4,7 @@ in. What is asserted is what a loaded machine cannot change: every request
 answered, not one frame lost by the capture, memory flat, a prompt stop.
 The speed figures (answer times, frame rates) are measured by the benchmark
 (bench/sections/web_console.py) and written to docs/performance.md."""
+import os
 import select
 import signal
 import statistics
@@ -84,6 +85,51 @@ def test_floods_leave_memory_flat():
         grown = console.rss_kb() - rss_before
         print(f"\nRSS after 300 MB of headers and 100 MB of chunked bodies: {grown / MB:+.1f} MB")
         assert grown < 10 * MB
+
+
+def whep_offer(fingerprint=True):
+    """A receive-only H.264 offer as a WHEP player sends it; without the
+    fingerprint, one webrtcbin cannot answer."""
+    return "\r\n".join([
+        "v=0", "o=- 1 1 IN IP4 127.0.0.1", "s=-", "t=0 0", "a=group:BUNDLE 0", "m=video 9 UDP/TLS/RTP/SAVPF 96",
+        "c=IN IP4 0.0.0.0", "a=mid:0", "a=recvonly", "a=rtcp-mux", "a=ice-ufrag:abcd",
+        "a=ice-pwd:abcdefghijklmnopqrstuvwx", "a=setup:actpass", "a=rtpmap:96 H264/90000",
+        "a=fmtp:96 level-asymmetry-allowed=1;packetization-mode=1;profile-level-id=42e01f"] +
+        (["a=fingerprint:sha-256 " + ":".join(["AB"] * 32)] if fingerprint else []) + [""])
+
+
+def descriptors_and_threads(console):
+    with open(f"/proc/{console.process.pid}/status") as f:
+        threads = next(int(line.split()[1]) for line in f if line.startswith("Threads:"))
+    return len(os.listdir(f"/proc/{console.process.pid}/fd")), threads
+
+
+def test_webrtc_sessions_that_end_give_back_descriptors_and_threads():
+    # Each session is a pipeline with an encoder, ICE sockets and their
+    # threads: a viewer reloading the page all day must not use them up.
+    sdp = {"Content-Type": "application/sdp"}
+    with Console(["--cameras", "0"]) as console:
+        def sessions(rounds):
+            for _ in range(rounds):
+                for _ in range(4):
+                    status, headers, answer = console.request("POST", "/whep/0/2", whep_offer(), sdp)
+                    assert status == 201 and answer.startswith(b"v=0\r\n"), (status, answer)
+                    assert console.request("DELETE", headers["Location"])[0] == 200
+                    status, _, answer = console.request("POST", "/whep/0/2", whep_offer(fingerprint=False), sdp)
+                    assert (status, answer) == (
+                        400, b'{"error":"the offer cannot be answered (webrtcbin made no answer from it)"}')
+                deadline = time.monotonic() + LONG_WAIT_S
+                while console.stats()["webrtc"]["sessions"] and time.monotonic() < deadline:
+                    time.sleep(0.05)
+                assert console.stats()["streams"]["active"] == 0
+        sessions(1)  # GStreamer's registry, thread pools and first buffers come once
+        before = descriptors_and_threads(console)
+        sessions(2)
+        after = descriptors_and_threads(console)
+        print(f"\n16 WebRTC sessions started and ended: descriptors {before[0]} -> {after[0]}, "
+              f"threads {before[1]} -> {after[1]}")
+        # One session held some 20 descriptors and 2 threads until it was released.
+        assert after[0] - before[0] < 10 and after[1] - before[1] < 4, (before, after)
 
 
 def test_every_view_watched_and_snapshots_pouring_in_cost_no_frame():

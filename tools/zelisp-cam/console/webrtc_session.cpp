@@ -217,8 +217,11 @@ struct WebRtcSession::Callbacks {
                 session->end();
             }
         }
-        return GST_BUS_DROP; // the bus releases the message
-
+        // A sync handler that drops a message owns it: each message holds
+        // its element, and one left behind keeps the whole pipeline (its
+        // ICE sockets and threads) alive after the session has ended.
+        gst_message_unref(message);
+        return GST_BUS_DROP;
     }
 };
 

@@ -193,6 +193,7 @@ GstBusSyncReply NetworkClock::ntp_message(GstBus *, GstMessage *message, gpointe
     const GstStructure *statistics = gst_message_get_structure(message);
     if (statistics && gst_structure_has_name(statistics, "gst-netclock-statistics"))
         static_cast<NetworkClock *>(self)->on_ntp_statistics(statistics);
+    gst_message_unref(message); // dropped here, so it is ours to release
     return GST_BUS_DROP;
 }
 

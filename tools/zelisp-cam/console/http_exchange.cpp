@@ -12,9 +12,7 @@
 #include "http_exchange.h"
 
 #include <microhttpd.h>
-#include <sys/socket.h>
-
-#include <cerrno>
+#include <poll.h>
 
 #include <algorithm>
 #include <cctype>
@@ -212,16 +210,16 @@ void HttpExchange::abandon()
 // libmicrohttpd does not watch a suspended connection, so a client that
 // hangs up on a stream waiting for its next picture is noticed only when
 // that picture comes, which may be never (a stopped or unplugged camera):
-// until then it would hold its stream slot and its socket. A look at the
-// socket (which may hold the client's next request: not a hang-up) tells.
+// until then it would hold its stream slot and its socket. The socket tells
+// at once: the peer's end of sending shows as POLLRDHUP even behind unread
+// bytes (a TLS client's closing alert).
 void HttpExchange::end_if_client_left()
 {
     std::lock_guard<std::mutex> lock(mutex_);
     if (state_ != State::StreamParked || socket_ < 0)
         return;
-    char byte;
-    ssize_t peeked = recv(socket_, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
-    if (peeked > 0 || (peeked < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)))
+    pollfd look{socket_, POLLRDHUP, 0};
+    if (poll(&look, 1, 0) <= 0 || (look.revents & (POLLRDHUP | POLLHUP | POLLERR)) == 0)
         return;
     client_left_ = true;
     state_ = State::StreamRunning;

@@ -20,11 +20,13 @@ namespace zelpy {
 
 void fail(int code, const char *call, std::string detail)
 {
+    log_library_lines();
     throw CallError{code, call, std::move(detail)};
 }
 
 int check(int result, const char *call)
 {
+    log_library_lines();
     if (result < 0)
         fail(result, call);
     return result;
@@ -58,13 +60,16 @@ constexpr uint32_t kNoBuffer = 0xFFFFFFFFu;
 
 CameraCore::~CameraCore()
 {
-    if (handle_ != 0 && !member_)
+    if (handle_ != 0 && !member_) {
         isp_close_video(handle_);
+        log_library_lines();
+    }
 }
 
 std::shared_ptr<CameraCore> CameraCore::open(uint32_t index, int mode)
 {
     unsigned long handle = isp_open_video(index, mode);
+    log_library_lines();
     if (handle == 0)
         fail(ISP_ERR_OPEN, "isp_open_video",
              "camera " + std::to_string(index) + " mode " + std::to_string(mode) + " could not be opened");
@@ -93,6 +98,7 @@ void CameraCore::read_formats()
         else
             formats_[view] = ViewFormat{};
     }
+    log_library_lines();
 }
 
 void CameraCore::configure(uint32_t view_mask, int buffers, const zelvideo::_resize_param_t *resize)
@@ -186,8 +192,12 @@ zelvideo::_isp_buf_t CameraCore::take_frame(int timeout_ms, bool expected)
         zelvideo::_isp_buf_t buf{};
         const CallLines lines;
         const int result = expected ? isp_get_expected_frame(handle_, &buf, 0) : isp_get_frame_buf(handle_, &buf, 0);
+        log_library_lines();
         if (result == ISP_OK)
             return buf;
+        // Logging the lines let other threads run: one may have stopped or
+        // closed the camera meanwhile.
+        waits_.check(since, call);
         // A frame that does not follow the last one (number or 12 ms rule)
         // went back to the driver: ask again, as after a frame the
         // decimation dropped, which leaves the descriptor idle until the next.
@@ -274,8 +284,10 @@ std::shared_ptr<GroupCore> GroupCore::create(const std::vector<int> &cameras, co
 
 GroupCore::~GroupCore()
 {
-    if (handle_ != 0)
+    if (handle_ != 0) {
         isp_destroy_video_group(handle_);
+        log_library_lines();
+    }
 }
 
 void GroupCore::require_alive(const char *call) const
@@ -299,6 +311,7 @@ std::vector<int> GroupCore::open(int mode)
     require_alive("isp_group_open_video");
     std::vector<int> results(members_.size(), 0);
     int result = isp_group_open_video(handle_, mode, results.data());
+    log_library_lines();
     if (result < 0) {
         std::string failed;
         for (size_t i = 0; i < members_.size(); ++i)
@@ -424,6 +437,7 @@ std::vector<std::shared_ptr<FrameCore>> GroupCore::take_frame_set(int timeout_ms
     for (auto &frame : frames)
         frame.index = kNoBuffer;
     int result = zelvideo::isp_group_get_sync_frame(handle_, frames.data(), int(count), 0);
+    log_library_lines();
     std::vector<std::shared_ptr<FrameCore>> set;
     for (size_t i = 0; i < count && i < cameras_.size(); ++i) {
         if (frames[i].index != kNoBuffer)
@@ -456,6 +470,7 @@ std::vector<size_t> wait_any(const std::vector<std::shared_ptr<CameraCore>> &cam
         // time of its own, so that the wait below can be ended.
         timeval now{0, 0};
         const int result = isp_camera_wait_for_data(handles.data(), ready.data(), int(handles.size()), &now);
+        log_library_lines();
         if (result > 0) {
             std::vector<size_t> which;
             for (size_t i = 0; i < cameras.size(); ++i)

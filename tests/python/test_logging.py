@@ -3,6 +3,7 @@ system errors (with their errno text) at WARNING, progress at DEBUG, never
 on standard output, where a script's own data goes."""
 
 import errno
+import threading
 import logging
 import subprocess
 import sys
@@ -11,7 +12,7 @@ import pytest
 
 import zelisp
 import zsim
-from conftest import small_camera
+from conftest import Blocked, small_camera
 
 
 def zelisp_records(caplog):
@@ -70,3 +71,45 @@ def test_a_scripts_piped_output_holds_only_its_own_data():
     assert run.stdout == "7\n"
     assert run.stderr.splitlines()[0] == "video device /dev/video5 not exist"
     assert run.stderr.splitlines()[-1].startswith("zelisp.Error: isp_open_video: ")
+
+
+def test_a_handler_that_lets_other_threads_run_never_sees_the_library_mid_call():
+    """A handler that blocks (a socket, a slow disk) while a refused frame is
+    logged: another thread closes the camera meanwhile. The line is logged
+    once the library has put the refused buffer back, and the reader ends
+    with Cancelled rather than in a camera that is gone."""
+    small_camera(0)
+    in_handler, closed = threading.Event(), threading.Event()
+    requeued_before_logging = []
+
+    class Blocking(logging.Handler):
+        def emit(self, record):
+            if threading.current_thread() is not threading.main_thread() and "ERROR" in record.getMessage():
+                requeued_before_logging.append([r["detail"] for r in zsim.requests("VIDIOC_QBUF")][-1:])
+                in_handler.set()
+                closed.wait(60)
+
+    handler = Blocking()
+    logging.getLogger("zelisp").addHandler(handler)
+    try:
+        camera = zelisp.Camera(0)
+        camera.configure(views=(0,), buffers=3)
+        camera.start()
+        zsim.push_frame(0, 4, 2_000_000)
+        zsim.push_frame(0, 4, 2_100_000)  # numbered like the last one: refused
+        with camera.get_frame() as first:
+            assert first.sequence == 4
+        zsim.clear_log()
+        reader = Blocked(camera.get_frame)
+        reader.start()
+        assert in_handler.wait(60)
+        camera.close()
+        closed.set()
+        error = reader.outcome()
+    finally:
+        closed.set()
+        logging.getLogger("zelisp").removeHandler(handler)
+    assert requeued_before_logging == [["index=1"]]
+    assert isinstance(error, zelisp.Cancelled)
+    assert (error.call, error.detail) == ("isp_get_frame_buf", "close() ended the wait")
+    assert camera.closed

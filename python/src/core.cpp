@@ -16,6 +16,8 @@
 #include <optional>
 #include <utility>
 
+#include <unistd.h>
+
 namespace zelpy {
 
 void fail(int code, const char *call, std::string detail)
@@ -30,6 +32,13 @@ int check(int result, const char *call)
     if (result < 0)
         fail(result, call);
     return result;
+}
+
+void require_opening_process(pid_t opener, const char *call)
+{
+    if (getpid() != opener)
+        fail(ISP_ERR_STATE, call,
+             "opened by process " + std::to_string(opener) + "; a forked child opens cameras of its own");
 }
 
 std::string fourcc_text(uint32_t fourcc)
@@ -58,6 +67,8 @@ constexpr uint32_t kNoBuffer = 0xFFFFFFFFu;
 
 /* ---- CameraCore ---- */
 
+CameraCore::CameraCore(unsigned long handle) : handle_(handle), opener_(getpid()) {}
+
 CameraCore::~CameraCore()
 {
     if (handle_ != 0 && !member_) {
@@ -82,6 +93,12 @@ void CameraCore::require_open(const char *call) const
         fail(ISP_ERR_STATE, call, "the camera is closed");
 }
 
+void CameraCore::require_streaming_process(const char *call) const
+{
+    require_open(call);
+    require_opening_process(opener_, call);
+}
+
 void CameraCore::require_no_frames_out(const char *what) const
 {
     if (outstanding_ > 0)
@@ -103,7 +120,7 @@ void CameraCore::read_formats()
 
 void CameraCore::configure(uint32_t view_mask, int buffers, const zelvideo::_resize_param_t *resize)
 {
-    require_open("isp_init_video");
+    require_streaming_process("isp_init_video");
     if (borrowed())
         fail(ISP_ERR_STATE, "isp_init_video", "a group member is configured through its group");
     require_no_frames_out("isp_init_video");
@@ -116,7 +133,7 @@ void CameraCore::configure(uint32_t view_mask, int buffers, const zelvideo::_res
 
 void CameraCore::start()
 {
-    require_open("isp_start_capture");
+    require_streaming_process("isp_start_capture");
     if (borrowed())
         fail(ISP_ERR_STATE, "isp_start_capture", "a group member is started through its group");
     require_no_frames_out("isp_start_capture");
@@ -126,7 +143,7 @@ void CameraCore::start()
 
 void CameraCore::stop()
 {
-    require_open("isp_stop_capture");
+    require_streaming_process("isp_stop_capture");
     if (borrowed())
         fail(ISP_ERR_STATE, "isp_stop_capture", "a group member is stopped through its group");
     waits_.cancel("stop()");
@@ -183,7 +200,7 @@ void CameraCore::adopt_stream(uint32_t view_mask, bool capturing, bool reread_fo
 zelvideo::_isp_buf_t CameraCore::take_frame(int timeout_ms, bool expected)
 {
     const char *call = expected ? "isp_get_expected_frame" : "isp_get_frame_buf";
-    require_open(call);
+    require_streaming_process(call);
     const uint64_t since = waits_.epoch();
     std::optional<Deadline> deadline; /* from the first miss: a waiting frame costs no clock read */
     for (;;) {
@@ -216,7 +233,8 @@ zelvideo::_isp_buf_t CameraCore::take_frame(int timeout_ms, bool expected)
 
 void CameraCore::give_back(const zelvideo::_isp_buf_t &buf, uint64_t stream)
 {
-    if (handle_ == 0 || stream <= stale_stream_ || !capturing_)
+    // A forked child's copy of a frame: the buffer is the parent's.
+    if (handle_ == 0 || stream <= stale_stream_ || !capturing_ || getpid() != opener_)
         return;
     check(isp_put_frame_buf(handle_, &buf), "isp_put_frame_buf");
 }
@@ -273,6 +291,11 @@ void FrameCore::array_gone()
 
 /* ---- GroupCore ---- */
 
+GroupCore::GroupCore(unsigned long handle, std::vector<int> members)
+    : handle_(handle), members_(std::move(members)), opener_(getpid())
+{
+}
+
 std::shared_ptr<GroupCore> GroupCore::create(const std::vector<int> &cameras, const std::string &name,
                                              uint32_t group_type)
 {
@@ -296,6 +319,12 @@ void GroupCore::require_alive(const char *call) const
         fail(ISP_ERR_STATE, call, "the group was destroyed");
 }
 
+void GroupCore::require_streaming_process(const char *call) const
+{
+    require_alive(call);
+    require_opening_process(opener_, call);
+}
+
 void GroupCore::require_no_frames_out(const char *what) const
 {
     for (const auto &camera : cameras_) {
@@ -308,7 +337,7 @@ void GroupCore::require_no_frames_out(const char *what) const
 
 std::vector<int> GroupCore::open(int mode)
 {
-    require_alive("isp_group_open_video");
+    require_streaming_process("isp_group_open_video");
     std::vector<int> results(members_.size(), 0);
     int result = isp_group_open_video(handle_, mode, results.data());
     log_library_lines();
@@ -332,7 +361,7 @@ std::vector<int> GroupCore::open(int mode)
 
 void GroupCore::configure(uint32_t view_mask, uint32_t buffers)
 {
-    require_alive("isp_group_init_video");
+    require_streaming_process("isp_group_init_video");
     require_no_frames_out("isp_group_init_video");
     check(isp_group_init_video(handle_, view_mask, buffers), "isp_group_init_video");
     view_mask_ = view_mask;
@@ -342,14 +371,14 @@ void GroupCore::configure(uint32_t view_mask, uint32_t buffers)
 
 void GroupCore::set_view_format(int view, const ViewFormat &format)
 {
-    require_alive("isp_group_set_view_format");
+    require_streaming_process("isp_group_set_view_format");
     check(zelvideo::isp_group_set_view_format(handle_, view, {format.fourcc, format.width, format.height}),
           "isp_group_set_view_format");
 }
 
 void GroupCore::start()
 {
-    require_alive("isp_group_start_captrue");
+    require_streaming_process("isp_group_start_captrue");
     require_no_frames_out("isp_group_start_captrue");
     check(isp_group_start_captrue(handle_), "isp_group_start_captrue");
     for (const auto &camera : cameras_)
@@ -364,7 +393,7 @@ void GroupCore::end_waits(const char *by)
 
 void GroupCore::stop()
 {
-    require_alive("isp_group_stop_captrue");
+    require_streaming_process("isp_group_stop_captrue");
     end_waits("Group.stop()");
     check(isp_group_stop_captrue(handle_), "isp_group_stop_captrue");
     for (const auto &camera : cameras_)
@@ -420,7 +449,7 @@ std::shared_ptr<CameraCore> GroupCore::camera(int index)
 std::vector<std::shared_ptr<FrameCore>> GroupCore::take_frame_set(int timeout_ms)
 {
     const char *call = "isp_group_get_sync_frame";
-    require_alive(call);
+    require_streaming_process(call);
     const size_t count = members_.size();
     // Wait until every member holds a filled buffer, so that the library's
     // member-by-member read, given no time of its own, takes all of them.
@@ -460,6 +489,7 @@ std::vector<size_t> wait_any(const std::vector<std::shared_ptr<CameraCore>> &cam
     std::vector<unsigned long> handles;
     std::vector<WaitTarget> targets;
     for (const auto &camera : cameras) {
+        require_opening_process(camera->opener(), call);
         handles.push_back(camera->handle());
         targets.push_back(WaitTarget{camera->fileno(), &camera->waits(), camera->waits().epoch()});
     }

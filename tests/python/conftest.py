@@ -173,5 +173,35 @@ class Blocked(threading.Thread):
         return self.error if self.error is not None else self.result
 
 
+def in_forked_child(body):
+    """Runs body() in a forked child and returns what it returned (repr'd),
+    or the repr of what it raised; fails when the child hangs."""
+    import os
+    import signal
+    reading, writing = os.pipe()
+    pid = os.fork()
+    if pid == 0:  # the child: never back into pytest
+        try:
+            os.close(reading)
+            try:
+                outcome = repr(body())
+            except BaseException as error:
+                outcome = "raised " + repr(error)
+            os.write(writing, outcome.encode())
+        finally:
+            os._exit(0)
+    os.close(writing)
+    deadline = time.monotonic() + 60  # a generous limit, for a loaded machine
+    while os.waitpid(pid, os.WNOHANG) == (0, 0):
+        if time.monotonic() > deadline:
+            os.kill(pid, signal.SIGKILL)
+            os.waitpid(pid, 0)
+            os.close(reading)
+            pytest.fail("the forked child hung")
+        time.sleep(0.01)
+    with os.fdopen(reading, "rb") as pipe:
+        return pipe.read().decode()
+
+
 __all__ = ["np", "small_camera", "Script", "read_stamp", "stamp_of", "luma", "assert_shares",
-           "array_mapping", "in_poll", "Blocked", "SMALL_VIEWS"]
+           "array_mapping", "in_poll", "Blocked", "in_forked_child", "SMALL_VIEWS"]

@@ -114,8 +114,17 @@ def test_close_with_frames_or_arrays_out_raises_and_keeps_the_camera_open():
     del array
     with camera.get_frame() as second:
         assert second.sequence == 2
+        view = second.views[0]
+        kept = os.dup(view.fd)
     camera.close()
     assert camera.closed
+    # The view's descriptor number went with the camera; the duplicate stays.
+    with pytest.raises(zelisp.BadState) as gone:
+        view.fd
+    assert (gone.value.call, gone.value.detail) == (
+        "View.fd", "the camera is closed and its descriptors with it; os.dup the fd first")
+    assert os.fstat(kept).st_size >= view.length
+    os.close(kept)
     camera.close()  # closing twice is harmless
     with pytest.raises(zelisp.BadState, match="closed"):
         camera.brightness

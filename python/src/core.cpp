@@ -127,6 +127,7 @@ void CameraCore::configure(uint32_t view_mask, int buffers, const zelvideo::_res
     if (resize)
         check(isp_resize_resolution(handle_, resize), "isp_resize_resolution");
     check(isp_init_video(handle_, view_mask, buffers), "isp_init_video");
+    buffers_replaced();
     view_mask_ = view_mask;
     read_formats();
 }
@@ -244,7 +245,7 @@ void CameraCore::give_back(const zelvideo::_isp_buf_t &buf, uint64_t stream)
 FrameCore::FrameCore(std::shared_ptr<CameraCore> camera, const zelvideo::_isp_buf_t &buf,
                      std::shared_ptr<void> owner)
     : owner_(std::move(owner)), camera_(std::move(camera)), buf_(buf), view_mask_(camera_->view_mask()),
-      stream_(camera_->stream())
+      stream_(camera_->stream()), buffer_set_(camera_->buffer_set())
 {
     for (int view = 0; view < 3; ++view)
         formats_[size_t(view)] = camera_->view_formats_cached(view);
@@ -365,8 +366,10 @@ void GroupCore::configure(uint32_t view_mask, uint32_t buffers)
     require_no_frames_out("isp_group_init_video");
     check(isp_group_init_video(handle_, view_mask, buffers), "isp_group_init_video");
     view_mask_ = view_mask;
-    for (const auto &camera : cameras_)
+    for (const auto &camera : cameras_) {
+        camera->buffers_replaced();
         camera->adopt_stream(view_mask_, false, true);
+    }
 }
 
 void GroupCore::set_view_format(int view, const ViewFormat &format)
@@ -406,8 +409,10 @@ void GroupCore::close()
     require_no_frames_out("isp_group_close_video");
     end_waits("Group.close()");
     check(isp_group_close_video(handle_), "isp_group_close_video");
-    for (const auto &camera : cameras_)
+    for (const auto &camera : cameras_) {
+        camera->buffers_replaced();
         camera->adopt_stream(view_mask_, false, false);
+    }
     opened_ = false;
 }
 

@@ -99,6 +99,10 @@ public:
      * stream went back to the driver when that stream stopped. */
     void give_back(const zelvideo::_isp_buf_t &buf, uint64_t stream);
     uint64_t stream() const { return stream_; }
+    /* The buffers (and their descriptors) were unmapped and closed: by a
+     * configure, or by the group closing its members. */
+    void buffers_replaced() { ++buffer_set_; }
+    uint64_t buffer_set() const { return buffer_set_; }
     void frame_out() { ++outstanding_; }
     void frame_in() { --outstanding_; }
 
@@ -120,6 +124,7 @@ private:
     uint64_t stream_ = 1;
     uint64_t stale_stream_ = 0; /* frames of streams up to this one were taken back by a stop */
     int outstanding_ = 0;
+    uint64_t buffer_set_ = 0;
     uint64_t refused_ = 0;
     WaitCancel waits_;
     pid_t opener_;
@@ -142,6 +147,8 @@ public:
     bool released() const { return release_requested_; }
     bool returned() const { return returned_; }
     int live_arrays() const { return live_arrays_; }
+    /* The planes' descriptors are still the camera's. */
+    bool descriptors_open() const { return camera_->is_open() && camera_->buffer_set() == buffer_set_; }
 
     /* The caller is done; the buffer goes back now or when the last array dies. */
     void release();
@@ -157,6 +164,7 @@ private:
     std::array<ViewFormat, 3> formats_{};
     uint32_t view_mask_;
     uint64_t stream_;
+    uint64_t buffer_set_;
     bool release_requested_ = false;
     bool returned_ = false;
     int live_arrays_ = 0;

@@ -185,10 +185,11 @@ ViewFormat format_of(PyObject *self) { return view_of(self).frame->format(view_o
 PyObject *view_get_fd(PyObject *self, void *)
 {
     return guarded([&] {
-        // The camera closes its descriptors: after that the number may be
-        // any other file of the process.
-        if (!view_of(self).frame->camera()->is_open())
-            fail(ISP_ERR_STATE, "View.fd", "the camera is closed and its descriptors with it; os.dup the fd first");
+        // Closing or re-configuring the camera closes these descriptors:
+        // after that the number may be any other file of the process.
+        if (!view_of(self).frame->descriptors_open())
+            fail(ISP_ERR_STATE, "View.fd",
+                 "the camera was closed or re-configured, and the descriptor with it; os.dup the fd first");
         return PyLong_FromLong(plane_of(self).fd);
     });
 }
@@ -220,7 +221,7 @@ PyGetSetDef view_getset[] = {
      nullptr},
     {"fd", view_get_fd, nullptr,
      "The plane's DMA-buf descriptor. The camera owns it: duplicate it (os.dup) to keep it past close(); "
-     "once the camera is closed, BadState.",
+     "once the camera (or its group) is closed, BadState.",
      nullptr},
     {"length", view_get_length, nullptr, "Bytes of the plane the driver filled.", nullptr},
     {"format", view_get_format, nullptr, "The pixel format as four characters, such as 'NV12'.", nullptr},

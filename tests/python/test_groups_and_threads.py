@@ -66,12 +66,17 @@ def test_member_cameras_controls_triggers_and_closing(group):
     with pytest.raises(zelisp.BadState, match="still out"):
         group.close()
     array = frames[0].views[0].array
+    view = frames[1].views[2]
     frames.release()
     with pytest.raises(zelisp.BadState):
         group.destroy()
     del array
     group.stop()
+    assert os.fstat(view.fd).st_size >= view.length  # stopped: still the member's descriptor
     group.close()
+    # The members closed their descriptors; the number may be another file now.
+    with pytest.raises(zelisp.BadState, match="closed or re-configured"):
+        view.fd
     group.destroy()
     with pytest.raises(zelisp.BadState, match="closed"):
         member.brightness

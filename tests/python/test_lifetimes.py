@@ -122,7 +122,7 @@ def test_close_with_frames_or_arrays_out_raises_and_keeps_the_camera_open():
     with pytest.raises(zelisp.BadState) as gone:
         view.fd
     assert (gone.value.call, gone.value.detail) == (
-        "View.fd", "the camera is closed and its descriptors with it; os.dup the fd first")
+        "View.fd", "the camera was closed or re-configured, and the descriptor with it; os.dup the fd first")
     assert os.fstat(kept).st_size >= view.length
     os.close(kept)
     camera.close()  # closing twice is harmless

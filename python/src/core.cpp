@@ -456,14 +456,17 @@ std::vector<std::shared_ptr<FrameCore>> GroupCore::take_frame_set(int timeout_ms
     const char *call = "isp_group_get_sync_frame";
     require_streaming_process(call);
     const size_t count = members_.size();
+    // The members outlive the call even when destroy() drops them meanwhile.
+    const std::vector<std::shared_ptr<CameraCore>> members = cameras_;
+    std::vector<uint64_t> since;
+    for (const auto &camera : members)
+        since.push_back(camera->waits().epoch());
     // Wait until every member holds a filled buffer, so that the library's
     // member-by-member read, given no time of its own, takes all of them.
-    if (timeout_ms != 0 && !cameras_.empty() && cameras_[0]->capturing()) {
-        // The members outlive the wait even when destroy() drops them meanwhile.
-        const std::vector<std::shared_ptr<CameraCore>> members = cameras_;
+    if (timeout_ms != 0 && !members.empty() && members[0]->capturing()) {
         std::vector<WaitTarget> targets;
-        for (const auto &camera : members)
-            targets.push_back(WaitTarget{camera->fileno(), &camera->waits(), camera->waits().epoch()});
+        for (size_t i = 0; i < members.size(); ++i)
+            targets.push_back(WaitTarget{members[i]->fileno(), &members[i]->waits(), since[i]});
         if (!wait_for_nodes(targets, WaitFor::All, Deadline(timeout_ms), call))
             fail(ISP_ERR_TIMEOUT, call);
     }
@@ -472,10 +475,14 @@ std::vector<std::shared_ptr<FrameCore>> GroupCore::take_frame_set(int timeout_ms
         frame.index = kNoBuffer;
     int result = zelvideo::isp_group_get_sync_frame(handle_, frames.data(), int(count), 0);
     log_library_lines();
+    // Logging the lines let other threads run: one may have stopped, closed
+    // or destroyed the group meanwhile, which took the buffers back.
+    for (size_t i = 0; i < members.size(); ++i)
+        members[i]->waits().check(since[i], call);
     std::vector<std::shared_ptr<FrameCore>> set;
-    for (size_t i = 0; i < count && i < cameras_.size(); ++i) {
+    for (size_t i = 0; i < count && i < members.size(); ++i) {
         if (frames[i].index != kNoBuffer)
-            set.push_back(std::make_shared<FrameCore>(cameras_[i], frames[i], shared_from_this()));
+            set.push_back(std::make_shared<FrameCore>(members[i], frames[i], shared_from_this()));
     }
     if (result < 0) {
         // The members read before the failure hand their frames back at once.

@@ -65,6 +65,18 @@ def camera():
         yield cam
 
 
+@pytest.fixture
+def group():
+    """Cameras 0 and 1 as a group with views 0 and 2, started, frames scripted."""
+    scripts = [small_camera(0), small_camera(1)]
+    with zelisp.Group([0, 1], name="pair") as pair:
+        pair.open()
+        pair.configure(views=(0, 2), buffers=3)
+        pair.start()
+        pair.scripts = scripts
+        yield pair
+
+
 def luma(view_format, array):
     """The luma (or, for RGB, red) plane of an image array."""
     fourcc, width, height = view_format

@@ -12,17 +12,6 @@ import zsim
 from conftest import Script, in_forked_child, small_camera, stamp_of
 
 
-@pytest.fixture
-def group():
-    scripts = [small_camera(0), small_camera(1)]
-    with zelisp.Group([0, 1], name="pair") as pair:
-        pair.open()
-        pair.configure(views=(0, 2), buffers=3)
-        pair.start()
-        pair.scripts = scripts
-        yield pair
-
-
 def test_frame_sets_hold_one_stamped_frame_per_member(group):
     for _ in range(3):
         numbers = [script.push() for script in group.scripts]

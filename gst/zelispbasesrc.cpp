@@ -504,7 +504,8 @@ GstFlowReturn Source::take_set(FrameSet *set)
             if (timeout < 0 || now_us < deadline)
                 continue;
             result = ISP_ERR_TIMEOUT;
-        } else if (result == ISP_ERR_REQUEST && ++refused_in_a_row < kMostRefusedInARow) {
+        } else if (result == ISP_ERR_REQUEST && ++refused_in_a_row < kMostRefusedInARow &&
+                   !node_hung_up(poll_fds_)) {
             counters_.refused.fetch_add(1, std::memory_order_relaxed);
             ++unpushed_since_pushed_;
             continue;

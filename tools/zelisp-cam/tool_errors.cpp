@@ -74,8 +74,8 @@ int finish_output(FILE *stream, int status)
     // An earlier write may have failed with nothing left to flush now.
     const std::string why = errno != 0 ? strerror(errno) : "a write failed";
     int output_status = report_output_failure("standard output", why);
-    const bool ran_as_asked_or_not = status == kExitOk || (status >= kExitTriggerRefused && status <= kExitFramesRefused);
-    return ran_as_asked_or_not ? output_status : status;
+    const bool ran = status == kExitOk || (status >= kExitTriggerRefused && status <= kExitFramesRefused);
+    return ran ? output_status : status;
 }
 
 void report_warning(const std::string &message)

@@ -246,6 +246,21 @@ void Source::start_pads()
 
 bool Source::set_up()
 {
+    // From here on a request pad or a property change would come after the
+    // set-up read them: refused (see is_fixed()).
+    std::lock_guard<std::mutex> layout(layout_lock_);
+    GST_OBJECT_LOCK(element_);
+    setting_up_ = true;
+    GST_OBJECT_UNLOCK(element_);
+    bool done = open_stream();
+    GST_OBJECT_LOCK(element_);
+    setting_up_ = false;
+    GST_OBJECT_UNLOCK(element_);
+    return done;
+}
+
+bool Source::open_stream()
+{
     std::vector<unsigned long> handles;
     Stream *stream = open(&handles);
     if (!stream)
@@ -504,7 +519,8 @@ GstFlowReturn Source::take_set(FrameSet *set)
             if (timeout < 0 || now_us < deadline)
                 continue;
             result = ISP_ERR_TIMEOUT;
-        } else if (result == ISP_ERR_REQUEST && ++refused_in_a_row < kMostRefusedInARow) {
+        } else if (result == ISP_ERR_REQUEST && ++refused_in_a_row < kMostRefusedInARow &&
+                   !node_hung_up(poll_fds_)) {
             counters_.refused.fetch_add(1, std::memory_order_relaxed);
             ++unpushed_since_pushed_;
             continue;
@@ -848,7 +864,7 @@ gboolean send_event(GstElement *element, GstEvent *event)
 void set_property(GObject *object, guint id, const GValue *value, GParamSpec *pspec)
 {
     Source &source = source_of(object);
-    if ((id == PROP_BUFFERS || id == PROP_MAX_COPIES) && source.is_set_up()) {
+    if ((id == PROP_BUFFERS || id == PROP_MAX_COPIES) && source.is_fixed()) {
         source.refuse_while_set_up(object, pspec->name);
         return;
     }

@@ -519,15 +519,25 @@ GstFlowReturn Source::take_set(FrameSet *set)
             if (timeout < 0 || now_us < deadline)
                 continue;
             result = ISP_ERR_TIMEOUT;
-        } else if (result == ISP_ERR_REQUEST && ++refused_in_a_row < kMostRefusedInARow &&
-                   !node_hung_up(poll_fds_)) {
-            counters_.refused.fetch_add(1, std::memory_order_relaxed);
-            ++unpushed_since_pushed_;
+        } else if (result == ISP_ERR_REQUEST && retry_refused(++refused_in_a_row)) {
             continue;
         }
         post_library_error(element_, take_call(), result);
         return GST_FLOW_ERROR;
     }
+}
+
+// A failed take is a frame the library refused (a repeated sequence, or
+// closer than 12 ms to the last): counted, and the next one taken; unless
+// refusals keep coming or a node hung up, which no retry mends. Out of
+// line: inlined, this rare path would cost every frame's path registers.
+G_NO_INLINE bool Source::retry_refused(int refused_in_a_row)
+{
+    if (refused_in_a_row >= kMostRefusedInARow || node_hung_up(poll_fds_))
+        return false;
+    counters_.refused.fetch_add(1, std::memory_order_relaxed);
+    ++unpushed_since_pushed_;
+    return true;
 }
 
 // The capture time of a set is its earliest frame's; the spread up to its

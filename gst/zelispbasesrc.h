@@ -193,6 +193,7 @@ private:
     void note_resume();
     void wake_streaming_thread(gboolean woken);
     GstFlowReturn take_set(FrameSet *set);
+    bool retry_refused(int refused_in_a_row);
     WaitResult wait_for_all(int timeout_ms, gint64 deadline, gint64 now_us);
     bool captured_before_resume(uint64_t capture_us, gint64 now_us) const;
     void give_back(const FrameSet &set);

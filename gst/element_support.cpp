@@ -6,6 +6,7 @@
 #include "library_messages.h"
 #include "property_syntax.h"
 
+#include <poll.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 
@@ -83,6 +84,19 @@ WaitResult wait_readable(GstPoll *poll, GstClockTime timeout)
         if (errno != EINTR && errno != EAGAIN)
             return WaitResult::Failed;
     }
+}
+
+bool node_hung_up(const std::vector<GstPollFD> &fds)
+{
+    std::vector<pollfd> probe;
+    for (const GstPollFD &fd : fds)
+        probe.push_back({fd.fd, 0, 0});
+    if (poll(probe.data(), probe.size(), 0) <= 0)
+        return false;
+    for (const pollfd &fd : probe)
+        if (fd.revents & (POLLERR | POLLHUP | POLLNVAL))
+            return true;
+    return false;
 }
 
 GstBuffer *view_buffer(Stream *stream, Stream::Frame *frame, const zelvideo::_isp_buf_t &buf, ViewOutput &output,

@@ -36,6 +36,10 @@ GstClockTime running_time_ago(GstElement *element, gint64 age_us);
 // Waits until the node's descriptor is readable (a filled buffer waits).
 enum class WaitResult { Ready, TimedOut, Flushing, Failed };
 WaitResult wait_readable(GstPoll *poll, GstClockTime timeout);
+// Whether a node has hung up: its camera was unplugged (the kernel
+// unregistered the node) or its queue is in error. Every request on it
+// fails from then on, so a failed take is no refused frame to retry.
+bool node_hung_up(const std::vector<GstPollFD> &fds);
 
 // One view as it leaves the element: its pad, layout and memory choice.
 struct ViewOutput {

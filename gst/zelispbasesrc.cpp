@@ -246,6 +246,21 @@ void Source::start_pads()
 
 bool Source::set_up()
 {
+    // From here on a request pad or a property change would come after the
+    // set-up read them: refused (see is_fixed()).
+    std::lock_guard<std::mutex> layout(layout_lock_);
+    GST_OBJECT_LOCK(element_);
+    setting_up_ = true;
+    GST_OBJECT_UNLOCK(element_);
+    bool done = open_stream();
+    GST_OBJECT_LOCK(element_);
+    setting_up_ = false;
+    GST_OBJECT_UNLOCK(element_);
+    return done;
+}
+
+bool Source::open_stream()
+{
     std::vector<unsigned long> handles;
     Stream *stream = open(&handles);
     if (!stream)
@@ -504,14 +519,25 @@ GstFlowReturn Source::take_set(FrameSet *set)
             if (timeout < 0 || now_us < deadline)
                 continue;
             result = ISP_ERR_TIMEOUT;
-        } else if (result == ISP_ERR_REQUEST && ++refused_in_a_row < kMostRefusedInARow) {
-            counters_.refused.fetch_add(1, std::memory_order_relaxed);
-            ++unpushed_since_pushed_;
+        } else if (result == ISP_ERR_REQUEST && retry_refused(++refused_in_a_row)) {
             continue;
         }
         post_library_error(element_, take_call(), result);
         return GST_FLOW_ERROR;
     }
+}
+
+// A failed take is a frame the library refused (a repeated sequence, or
+// closer than 12 ms to the last): counted, and the next one taken; unless
+// refusals keep coming or a node hung up, which no retry mends. Out of
+// line: inlined, this rare path would cost every frame's path registers.
+G_NO_INLINE bool Source::retry_refused(int refused_in_a_row)
+{
+    if (refused_in_a_row >= kMostRefusedInARow || node_hung_up(poll_fds_))
+        return false;
+    counters_.refused.fetch_add(1, std::memory_order_relaxed);
+    ++unpushed_since_pushed_;
+    return true;
 }
 
 // The capture time of a set is its earliest frame's; the spread up to its
@@ -848,7 +874,7 @@ gboolean send_event(GstElement *element, GstEvent *event)
 void set_property(GObject *object, guint id, const GValue *value, GParamSpec *pspec)
 {
     Source &source = source_of(object);
-    if ((id == PROP_BUFFERS || id == PROP_MAX_COPIES) && source.is_set_up()) {
+    if ((id == PROP_BUFFERS || id == PROP_MAX_COPIES) && source.is_fixed()) {
         source.refuse_while_set_up(object, pspec->name);
         return;
     }

@@ -141,6 +141,12 @@ public:
     // another thread may set it.
     Stream *stream() const { return stream_; }
     bool is_set_up() const { return stream_ != nullptr; }
+    // Set up, or being set up: what the set-up reads (the views, pads and
+    // members, the buffer counts) can no longer change. GST_OBJECT_LOCK.
+    bool is_fixed() const { return stream_ != nullptr || setting_up_; }
+    // Held by the set-up throughout, and by whatever adds an output, so
+    // that an output is either in the set-up or refused, never half in.
+    std::mutex &layout_lock() { return layout_lock_; }
     // The warning for a property that cannot change while set up.
     void refuse_while_set_up(GObject *object, const char *property) const;
 
@@ -180,12 +186,14 @@ protected:
     GstElement *element_;
 
 private:
+    bool open_stream();
     void start_pads();
     bool wait_until_playing();
     bool wait_for_live_change();
     void note_resume();
     void wake_streaming_thread(gboolean woken);
     GstFlowReturn take_set(FrameSet *set);
+    bool retry_refused(int refused_in_a_row);
     WaitResult wait_for_all(int timeout_ms, gint64 deadline, gint64 now_us);
     bool captured_before_resume(uint64_t capture_us, gint64 now_us) const;
     void give_back(const FrameSet &set);
@@ -208,6 +216,8 @@ private:
     guint64 streaming_version_ = G_MAXUINT64;
     GstPad *task_pad_ = nullptr; // runs the streaming thread, a reference while set up
     Stream *stream_ = nullptr;
+    bool setting_up_ = false; // GST_OBJECT_LOCK
+    std::mutex layout_lock_;
     std::vector<unsigned long> handles_; // the camera of each frame of a set
     GstPoll *poll_ = nullptr;
     std::vector<GstPollFD> poll_fds_;

@@ -17,6 +17,7 @@
 #include <algorithm>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -172,7 +173,15 @@ namespace {
 void set_property(GObject *object, guint id, const GValue *value, GParamSpec *pspec)
 {
     GroupSource &s = source_of(object);
-    if (s.is_set_up()) {
+    // As for a request pad of zelispsrc: refused at once within the set-up
+    // (downstream answering its negotiation), and asked again under the
+    // layout lock, which another thread's set-up holds throughout.
+    if (s.is_fixed()) {
+        s.refuse_while_set_up(object, pspec->name);
+        return;
+    }
+    std::lock_guard<std::mutex> layout(s.layout_lock());
+    if (s.is_fixed()) {
         s.refuse_while_set_up(object, pspec->name);
         return;
     }

@@ -185,7 +185,7 @@ void set_property(GObject *object, guint id, const GValue *value, GParamSpec *ps
             refuse_property(object, pspec->name, refusal);
         return;
     }
-    if (s.is_set_up()) {
+    if (s.is_fixed()) {
         s.refuse_while_set_up(object, pspec->name);
         return;
     }
@@ -283,11 +283,12 @@ GstPad *make_view_pad(GstZelispSrc *self, GstPadTemplate *templ, int view)
     return source_of(self).make_pad(templ, name, std::move(output));
 }
 
-GstPad *request_new_pad(GstElement *element, GstPadTemplate *templ, const gchar *name, const GstCaps *)
+// Why no pad can be made for `name` (any free view when NULL), or "" with
+// the view it will carry.
+std::string request_refusal(GstZelispSrc *self, const gchar *name, int *view)
 {
-    GstZelispSrc *self = GST_ZELISP_SRC(element);
     CameraSource &s = source_of(self);
-    int view = -1;
+    *view = -1;
     GST_OBJECT_LOCK(self);
     auto taken = [&](int v) {
         if (v == s.view)
@@ -304,19 +305,36 @@ GstPad *request_new_pad(GstElement *element, GstPadTemplate *templ, const gchar 
             reason = std::string("pad ") + name + " names no view (src_0, src_1 or src_2)";
         else if (taken(int(parsed)))
             reason = "view " + std::to_string(parsed) + " already has a pad";
-        view = int(parsed);
+        *view = int(parsed);
     } else {
-        for (int v = 0; v < 3 && view < 0; ++v)
+        for (int v = 0; v < 3 && *view < 0; ++v)
             if (!taken(v))
-                view = v;
-        if (view < 0)
+                *view = v;
+        if (*view < 0)
             reason = "every view already has a pad";
     }
-    if (reason.empty() && s.is_set_up())
+    if (reason.empty() && s.is_fixed())
         reason = "the stream's views are chosen when it is set up; request pads in the NULL or READY state";
     if (reason.empty() && s.mode == 2)
         reason = "open mode 2 carries view 0 only";
     GST_OBJECT_UNLOCK(self);
+    return reason;
+}
+
+GstPad *request_new_pad(GstElement *element, GstPadTemplate *templ, const gchar *name, const GstCaps *)
+{
+    GstZelispSrc *self = GST_ZELISP_SRC(element);
+    int view = -1;
+    // Asked first without the layout lock: a request made from within the
+    // set-up (by downstream, answering its negotiation) is refused here
+    // rather than waiting for the set-up it is part of. Then again under
+    // it: another thread's set-up or request may have come in between.
+    std::string reason = request_refusal(self, name, &view);
+    std::unique_lock<std::mutex> layout(source_of(self).layout_lock(), std::defer_lock);
+    if (reason.empty()) {
+        layout.lock();
+        reason = request_refusal(self, name, &view);
+    }
     if (!reason.empty()) {
         g_warning("%s: no request pad: %s", GST_OBJECT_NAME(self), reason.c_str());
         return nullptr;

@@ -16,18 +16,29 @@
 #include <optional>
 #include <utility>
 
+#include <unistd.h>
+
 namespace zelpy {
 
 void fail(int code, const char *call, std::string detail)
 {
+    log_library_lines();
     throw CallError{code, call, std::move(detail)};
 }
 
 int check(int result, const char *call)
 {
+    log_library_lines();
     if (result < 0)
         fail(result, call);
     return result;
+}
+
+void require_opening_process(pid_t opener, const char *call)
+{
+    if (getpid() != opener)
+        fail(ISP_ERR_STATE, call,
+             "opened by process " + std::to_string(opener) + "; a forked child opens cameras of its own");
 }
 
 std::string fourcc_text(uint32_t fourcc)
@@ -56,15 +67,20 @@ constexpr uint32_t kNoBuffer = 0xFFFFFFFFu;
 
 /* ---- CameraCore ---- */
 
+CameraCore::CameraCore(unsigned long handle) : handle_(handle), opener_(getpid()) {}
+
 CameraCore::~CameraCore()
 {
-    if (handle_ != 0 && !member_)
+    if (handle_ != 0 && !member_) {
         isp_close_video(handle_);
+        log_library_lines();
+    }
 }
 
 std::shared_ptr<CameraCore> CameraCore::open(uint32_t index, int mode)
 {
     unsigned long handle = isp_open_video(index, mode);
+    log_library_lines();
     if (handle == 0)
         fail(ISP_ERR_OPEN, "isp_open_video",
              "camera " + std::to_string(index) + " mode " + std::to_string(mode) + " could not be opened");
@@ -75,6 +91,12 @@ void CameraCore::require_open(const char *call) const
 {
     if (handle_ == 0)
         fail(ISP_ERR_STATE, call, "the camera is closed");
+}
+
+void CameraCore::require_streaming_process(const char *call) const
+{
+    require_open(call);
+    require_opening_process(opener_, call);
 }
 
 void CameraCore::require_no_frames_out(const char *what) const
@@ -93,24 +115,26 @@ void CameraCore::read_formats()
         else
             formats_[view] = ViewFormat{};
     }
+    log_library_lines();
 }
 
 void CameraCore::configure(uint32_t view_mask, int buffers, const zelvideo::_resize_param_t *resize)
 {
-    require_open("isp_init_video");
+    require_streaming_process("isp_init_video");
     if (borrowed())
         fail(ISP_ERR_STATE, "isp_init_video", "a group member is configured through its group");
     require_no_frames_out("isp_init_video");
     if (resize)
         check(isp_resize_resolution(handle_, resize), "isp_resize_resolution");
     check(isp_init_video(handle_, view_mask, buffers), "isp_init_video");
+    buffers_replaced();
     view_mask_ = view_mask;
     read_formats();
 }
 
 void CameraCore::start()
 {
-    require_open("isp_start_capture");
+    require_streaming_process("isp_start_capture");
     if (borrowed())
         fail(ISP_ERR_STATE, "isp_start_capture", "a group member is started through its group");
     require_no_frames_out("isp_start_capture");
@@ -120,7 +144,7 @@ void CameraCore::start()
 
 void CameraCore::stop()
 {
-    require_open("isp_stop_capture");
+    require_streaming_process("isp_stop_capture");
     if (borrowed())
         fail(ISP_ERR_STATE, "isp_stop_capture", "a group member is stopped through its group");
     waits_.cancel("stop()");
@@ -177,7 +201,7 @@ void CameraCore::adopt_stream(uint32_t view_mask, bool capturing, bool reread_fo
 zelvideo::_isp_buf_t CameraCore::take_frame(int timeout_ms, bool expected)
 {
     const char *call = expected ? "isp_get_expected_frame" : "isp_get_frame_buf";
-    require_open(call);
+    require_streaming_process(call);
     const uint64_t since = waits_.epoch();
     std::optional<Deadline> deadline; /* from the first miss: a waiting frame costs no clock read */
     for (;;) {
@@ -186,8 +210,12 @@ zelvideo::_isp_buf_t CameraCore::take_frame(int timeout_ms, bool expected)
         zelvideo::_isp_buf_t buf{};
         const CallLines lines;
         const int result = expected ? isp_get_expected_frame(handle_, &buf, 0) : isp_get_frame_buf(handle_, &buf, 0);
+        log_library_lines();
         if (result == ISP_OK)
             return buf;
+        // Logging the lines let other threads run: one may have stopped or
+        // closed the camera meanwhile.
+        waits_.check(since, call);
         // A frame that does not follow the last one (number or 12 ms rule)
         // went back to the driver: ask again, as after a frame the
         // decimation dropped, which leaves the descriptor idle until the next.
@@ -206,7 +234,8 @@ zelvideo::_isp_buf_t CameraCore::take_frame(int timeout_ms, bool expected)
 
 void CameraCore::give_back(const zelvideo::_isp_buf_t &buf, uint64_t stream)
 {
-    if (handle_ == 0 || stream <= stale_stream_ || !capturing_)
+    // A forked child's copy of a frame: the buffer is the parent's.
+    if (handle_ == 0 || stream <= stale_stream_ || !capturing_ || getpid() != opener_)
         return;
     check(isp_put_frame_buf(handle_, &buf), "isp_put_frame_buf");
 }
@@ -216,7 +245,7 @@ void CameraCore::give_back(const zelvideo::_isp_buf_t &buf, uint64_t stream)
 FrameCore::FrameCore(std::shared_ptr<CameraCore> camera, const zelvideo::_isp_buf_t &buf,
                      std::shared_ptr<void> owner)
     : owner_(std::move(owner)), camera_(std::move(camera)), buf_(buf), view_mask_(camera_->view_mask()),
-      stream_(camera_->stream())
+      stream_(camera_->stream()), buffer_set_(camera_->buffer_set())
 {
     for (int view = 0; view < 3; ++view)
         formats_[size_t(view)] = camera_->view_formats_cached(view);
@@ -263,6 +292,11 @@ void FrameCore::array_gone()
 
 /* ---- GroupCore ---- */
 
+GroupCore::GroupCore(unsigned long handle, std::vector<int> members)
+    : handle_(handle), members_(std::move(members)), opener_(getpid())
+{
+}
+
 std::shared_ptr<GroupCore> GroupCore::create(const std::vector<int> &cameras, const std::string &name,
                                              uint32_t group_type)
 {
@@ -274,14 +308,22 @@ std::shared_ptr<GroupCore> GroupCore::create(const std::vector<int> &cameras, co
 
 GroupCore::~GroupCore()
 {
-    if (handle_ != 0)
+    if (handle_ != 0) {
         isp_destroy_video_group(handle_);
+        log_library_lines();
+    }
 }
 
 void GroupCore::require_alive(const char *call) const
 {
     if (handle_ == 0)
         fail(ISP_ERR_STATE, call, "the group was destroyed");
+}
+
+void GroupCore::require_streaming_process(const char *call) const
+{
+    require_alive(call);
+    require_opening_process(opener_, call);
 }
 
 void GroupCore::require_no_frames_out(const char *what) const
@@ -296,9 +338,10 @@ void GroupCore::require_no_frames_out(const char *what) const
 
 std::vector<int> GroupCore::open(int mode)
 {
-    require_alive("isp_group_open_video");
+    require_streaming_process("isp_group_open_video");
     std::vector<int> results(members_.size(), 0);
     int result = isp_group_open_video(handle_, mode, results.data());
+    log_library_lines();
     if (result < 0) {
         std::string failed;
         for (size_t i = 0; i < members_.size(); ++i)
@@ -319,24 +362,26 @@ std::vector<int> GroupCore::open(int mode)
 
 void GroupCore::configure(uint32_t view_mask, uint32_t buffers)
 {
-    require_alive("isp_group_init_video");
+    require_streaming_process("isp_group_init_video");
     require_no_frames_out("isp_group_init_video");
     check(isp_group_init_video(handle_, view_mask, buffers), "isp_group_init_video");
     view_mask_ = view_mask;
-    for (const auto &camera : cameras_)
+    for (const auto &camera : cameras_) {
+        camera->buffers_replaced();
         camera->adopt_stream(view_mask_, false, true);
+    }
 }
 
 void GroupCore::set_view_format(int view, const ViewFormat &format)
 {
-    require_alive("isp_group_set_view_format");
+    require_streaming_process("isp_group_set_view_format");
     check(zelvideo::isp_group_set_view_format(handle_, view, {format.fourcc, format.width, format.height}),
           "isp_group_set_view_format");
 }
 
 void GroupCore::start()
 {
-    require_alive("isp_group_start_captrue");
+    require_streaming_process("isp_group_start_captrue");
     require_no_frames_out("isp_group_start_captrue");
     check(isp_group_start_captrue(handle_), "isp_group_start_captrue");
     for (const auto &camera : cameras_)
@@ -351,7 +396,7 @@ void GroupCore::end_waits(const char *by)
 
 void GroupCore::stop()
 {
-    require_alive("isp_group_stop_captrue");
+    require_streaming_process("isp_group_stop_captrue");
     end_waits("Group.stop()");
     check(isp_group_stop_captrue(handle_), "isp_group_stop_captrue");
     for (const auto &camera : cameras_)
@@ -364,8 +409,10 @@ void GroupCore::close()
     require_no_frames_out("isp_group_close_video");
     end_waits("Group.close()");
     check(isp_group_close_video(handle_), "isp_group_close_video");
-    for (const auto &camera : cameras_)
+    for (const auto &camera : cameras_) {
+        camera->buffers_replaced();
         camera->adopt_stream(view_mask_, false, false);
+    }
     opened_ = false;
 }
 
@@ -407,16 +454,19 @@ std::shared_ptr<CameraCore> GroupCore::camera(int index)
 std::vector<std::shared_ptr<FrameCore>> GroupCore::take_frame_set(int timeout_ms)
 {
     const char *call = "isp_group_get_sync_frame";
-    require_alive(call);
+    require_streaming_process(call);
     const size_t count = members_.size();
+    // The members outlive the call even when destroy() drops them meanwhile.
+    const std::vector<std::shared_ptr<CameraCore>> members = cameras_;
+    std::vector<uint64_t> since;
+    for (const auto &camera : members)
+        since.push_back(camera->waits().epoch());
     // Wait until every member holds a filled buffer, so that the library's
     // member-by-member read, given no time of its own, takes all of them.
-    if (timeout_ms != 0 && !cameras_.empty() && cameras_[0]->capturing()) {
-        // The members outlive the wait even when destroy() drops them meanwhile.
-        const std::vector<std::shared_ptr<CameraCore>> members = cameras_;
+    if (timeout_ms != 0 && !members.empty() && members[0]->capturing()) {
         std::vector<WaitTarget> targets;
-        for (const auto &camera : members)
-            targets.push_back(WaitTarget{camera->fileno(), &camera->waits(), camera->waits().epoch()});
+        for (size_t i = 0; i < members.size(); ++i)
+            targets.push_back(WaitTarget{members[i]->fileno(), &members[i]->waits(), since[i]});
         if (!wait_for_nodes(targets, WaitFor::All, Deadline(timeout_ms), call))
             fail(ISP_ERR_TIMEOUT, call);
     }
@@ -424,10 +474,15 @@ std::vector<std::shared_ptr<FrameCore>> GroupCore::take_frame_set(int timeout_ms
     for (auto &frame : frames)
         frame.index = kNoBuffer;
     int result = zelvideo::isp_group_get_sync_frame(handle_, frames.data(), int(count), 0);
+    log_library_lines();
+    // Logging the lines let other threads run: one may have stopped, closed
+    // or destroyed the group meanwhile, which took the buffers back.
+    for (size_t i = 0; i < members.size(); ++i)
+        members[i]->waits().check(since[i], call);
     std::vector<std::shared_ptr<FrameCore>> set;
-    for (size_t i = 0; i < count && i < cameras_.size(); ++i) {
+    for (size_t i = 0; i < count && i < members.size(); ++i) {
         if (frames[i].index != kNoBuffer)
-            set.push_back(std::make_shared<FrameCore>(cameras_[i], frames[i], shared_from_this()));
+            set.push_back(std::make_shared<FrameCore>(members[i], frames[i], shared_from_this()));
     }
     if (result < 0) {
         // The members read before the failure hand their frames back at once.
@@ -446,6 +501,7 @@ std::vector<size_t> wait_any(const std::vector<std::shared_ptr<CameraCore>> &cam
     std::vector<unsigned long> handles;
     std::vector<WaitTarget> targets;
     for (const auto &camera : cameras) {
+        require_opening_process(camera->opener(), call);
         handles.push_back(camera->handle());
         targets.push_back(WaitTarget{camera->fileno(), &camera->waits(), camera->waits().epoch()});
     }
@@ -456,6 +512,7 @@ std::vector<size_t> wait_any(const std::vector<std::shared_ptr<CameraCore>> &cam
         // time of its own, so that the wait below can be ended.
         timeval now{0, 0};
         const int result = isp_camera_wait_for_data(handles.data(), ready.data(), int(handles.size()), &now);
+        log_library_lines();
         if (result > 0) {
             std::vector<size_t> which;
             for (size_t i = 0; i < cameras.size(); ++i)

@@ -23,6 +23,8 @@
 #include <string>
 #include <vector>
 
+#include <sys/types.h>
+
 namespace zelpy {
 
 /* A negative result of a library call, with the name of the call. */
@@ -42,6 +44,14 @@ struct ViewFormat {
     uint32_t height = 0;
 };
 
+/*
+ * A forked child inherits the descriptors of its parent's cameras: a
+ * request it made on them would act on the parent's queue (stop its stream,
+ * take its frames, hand back a buffer the parent is reading). The child may
+ * still close them, which releases only its own copies.
+ */
+void require_opening_process(pid_t opener, const char *call);
+
 std::string fourcc_text(uint32_t fourcc);
 uint32_t fourcc_value(const std::string &text);
 
@@ -50,7 +60,7 @@ class GroupCore;
 /* One camera handle, owned (closed by us) or borrowed from a group. */
 class CameraCore {
 public:
-    explicit CameraCore(unsigned long handle) : handle_(handle) {}
+    explicit CameraCore(unsigned long handle);
     ~CameraCore();
     CameraCore(const CameraCore &) = delete;
     CameraCore &operator=(const CameraCore &) = delete;
@@ -67,6 +77,7 @@ public:
     bool capturing() const { return capturing_; }
     ViewFormat view_formats_cached(int view) const { return formats_[size_t(view)]; }
     int outstanding() const { return outstanding_; }
+    pid_t opener() const { return opener_; }
     /* Frames the library refused (sequence or 12 ms rule) while a frame was asked for. */
     uint64_t refused() const { return refused_; }
     WaitCancel &waits() { return waits_; }
@@ -88,6 +99,10 @@ public:
      * stream went back to the driver when that stream stopped. */
     void give_back(const zelvideo::_isp_buf_t &buf, uint64_t stream);
     uint64_t stream() const { return stream_; }
+    /* The buffers (and their descriptors) were unmapped and closed: by a
+     * configure, or by the group closing its members. */
+    void buffers_replaced() { ++buffer_set_; }
+    uint64_t buffer_set() const { return buffer_set_; }
     void frame_out() { ++outstanding_; }
     void frame_in() { --outstanding_; }
 
@@ -97,6 +112,7 @@ public:
 
 private:
     void require_open(const char *call) const;
+    void require_streaming_process(const char *call) const;
     void require_no_frames_out(const char *what) const;
     void read_formats();
 
@@ -108,8 +124,10 @@ private:
     uint64_t stream_ = 1;
     uint64_t stale_stream_ = 0; /* frames of streams up to this one were taken back by a stop */
     int outstanding_ = 0;
+    uint64_t buffer_set_ = 0;
     uint64_t refused_ = 0;
     WaitCancel waits_;
+    pid_t opener_;
 };
 
 /* One buffer in the hands of Python. */
@@ -129,6 +147,8 @@ public:
     bool released() const { return release_requested_; }
     bool returned() const { return returned_; }
     int live_arrays() const { return live_arrays_; }
+    /* The planes' descriptors are still the camera's. */
+    bool descriptors_open() const { return camera_->is_open() && camera_->buffer_set() == buffer_set_; }
 
     /* The caller is done; the buffer goes back now or when the last array dies. */
     void release();
@@ -144,6 +164,7 @@ private:
     std::array<ViewFormat, 3> formats_{};
     uint32_t view_mask_;
     uint64_t stream_;
+    uint64_t buffer_set_;
     bool release_requested_ = false;
     bool returned_ = false;
     int live_arrays_ = 0;
@@ -154,7 +175,7 @@ class GroupCore : public std::enable_shared_from_this<GroupCore> {
 public:
     static std::shared_ptr<GroupCore> create(const std::vector<int> &cameras, const std::string &name,
                                              uint32_t group_type);
-    GroupCore(unsigned long handle, std::vector<int> members) : handle_(handle), members_(std::move(members)) {}
+    GroupCore(unsigned long handle, std::vector<int> members);
     ~GroupCore();
     GroupCore(const GroupCore &) = delete;
     GroupCore &operator=(const GroupCore &) = delete;
@@ -175,6 +196,7 @@ public:
 
 private:
     void require_alive(const char *call) const;
+    void require_streaming_process(const char *call) const;
     void require_no_frames_out(const char *what) const;
     void end_waits(const char *by);
 
@@ -185,6 +207,7 @@ private:
     std::vector<std::shared_ptr<CameraCore>> cameras_;
     uint32_t view_mask_ = 0;
     bool opened_ = false;
+    pid_t opener_;
 };
 
 /* The cameras (by position) with a filled buffer, as the library's

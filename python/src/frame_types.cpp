@@ -182,7 +182,17 @@ const zelvideo::_isp_view_buf_t &plane_of(PyObject *self)
 
 ViewFormat format_of(PyObject *self) { return view_of(self).frame->format(view_of(self).view); }
 
-PyObject *view_get_fd(PyObject *self, void *) { return PyLong_FromLong(plane_of(self).fd); }
+PyObject *view_get_fd(PyObject *self, void *)
+{
+    return guarded([&] {
+        // Closing or re-configuring the camera closes these descriptors:
+        // after that the number may be any other file of the process.
+        if (!view_of(self).frame->descriptors_open())
+            fail(ISP_ERR_STATE, "View.fd",
+                 "the camera was closed or re-configured, and the descriptor with it; os.dup the fd first");
+        return PyLong_FromLong(plane_of(self).fd);
+    });
+}
 PyObject *view_get_length(PyObject *self, void *) { return PyLong_FromUnsignedLong(plane_of(self).length); }
 PyObject *view_get_width(PyObject *self, void *) { return PyLong_FromUnsignedLong(format_of(self).width); }
 PyObject *view_get_height(PyObject *self, void *) { return PyLong_FromUnsignedLong(format_of(self).height); }
@@ -210,7 +220,8 @@ PyGetSetDef view_getset[] = {
      "makes a new array over the same memory.",
      nullptr},
     {"fd", view_get_fd, nullptr,
-     "The plane's DMA-buf descriptor. The camera owns it: duplicate it (os.dup) to keep it past close().",
+     "The plane's DMA-buf descriptor. The camera owns it: duplicate it (os.dup) to keep it past close(); "
+     "once the camera (or its group) is closed, BadState.",
      nullptr},
     {"length", view_get_length, nullptr, "Bytes of the plane the driver filled.", nullptr},
     {"format", view_get_format, nullptr, "The pixel format as four characters, such as 'NV12'.", nullptr},

@@ -11,6 +11,8 @@
 #include <atomic>
 #include <cstdio>
 #include <cstring>
+#include <string>
+#include <vector>
 
 namespace py = pybind11;
 
@@ -22,6 +24,16 @@ constexpr int kWarning = 30; /* logging.WARNING */
 
 PyObject *logger = nullptr;          /* logging.getLogger("zelisp"), for the life of the process */
 std::atomic<bool> python_gone{false}; /* the interpreter has finalized */
+
+/* A line kept until the library call that made it has returned. */
+struct KeptLine {
+    int32_t kind;
+    int32_t error_number;
+    std::string text;
+    std::string dev_path;
+    bool has_dev_path;
+};
+thread_local std::vector<KeptLine> kept_lines;
 
 struct LinesOfCall {
     bool failure = false;
@@ -39,16 +51,16 @@ bool ends_with(const char *text, const char *tail)
 /* logger.log(level, "%s", text, extra={"errno": ..., "dev_path": ...}), with
  * the lock held. A line can come while an exception is on its way (a call
  * that failed prints before it returns): that exception is kept aside. */
-void log_line(const zelvideo::_isp_message_t &message)
+void log_line(const KeptLine &line)
 {
     PyObject *type, *value, *traceback;
     PyErr_Fetch(&type, &value, &traceback);
-    const int level = message.kind == ISP_MESSAGE_PROGRESS ? kDebug : kWarning;
+    const int level = line.kind == ISP_MESSAGE_PROGRESS ? kDebug : kWarning;
     PyObject *result = nullptr;
     PyObject *method = PyObject_GetAttrString(logger, "log");
-    PyObject *arguments = Py_BuildValue("(iss)", level, "%s", message.text);
-    PyObject *keywords = Py_BuildValue("{s:{s:i,s:z}}", "extra", "errno", message.error_number, "dev_path",
-                                       message.dev_path);
+    PyObject *arguments = Py_BuildValue("(iss)", level, "%s", line.text.c_str());
+    PyObject *keywords = Py_BuildValue("{s:{s:i,s:z}}", "extra", "errno", line.error_number, "dev_path",
+                                       line.has_dev_path ? line.dev_path.c_str() : nullptr);
     if (method && arguments && keywords)
         result = PyObject_Call(method, arguments, keywords);
     if (!result)
@@ -73,8 +85,18 @@ void handle_line(const zelvideo::_isp_message_t *message, void *)
             std::fprintf(stderr, "%s\n", message->text);
         return;
     }
+    KeptLine line{message->kind, message->error_number, message->text, message->dev_path ? message->dev_path : "",
+                  message->dev_path != nullptr};
+    if (PyGILState_Check()) {
+        // A call of this package, which holds the lock. Logging runs Python
+        // code, which lets other threads run, and one of them could then
+        // enter the library on the same camera, or close it, while this
+        // call is still inside: the line waits until the call has returned.
+        kept_lines.push_back(std::move(line));
+        return;
+    }
     const PyGILState_STATE state = PyGILState_Ensure();
-    log_line(*message);
+    log_line(line);
     PyGILState_Release(state);
 }
 
@@ -96,6 +118,16 @@ void route_library_lines(py::object zelisp_logger)
     PyThreadState *state = release_interpreter();
     isp_set_message_handler(handle_line, nullptr);
     reacquire_interpreter(state);
+}
+
+void log_library_lines()
+{
+    if (kept_lines.empty())
+        return;
+    std::vector<KeptLine> lines;
+    lines.swap(kept_lines);
+    for (const KeptLine &line : lines)
+        log_line(line);
 }
 
 CallLines::CallLines() { lines_of_call = LinesOfCall{}; }

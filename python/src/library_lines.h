@@ -8,7 +8,9 @@
  * reaches standard output. The handler takes the interpreter lock, which
  * the caller may have released, except while the interpreter finalizes:
  * failure lines then go to standard error as they are, progress lines are
- * dropped.
+ * dropped. A line of a call this package made with the lock held is logged
+ * once that call has returned (log_library_lines), never from inside the
+ * library: logging runs Python code, which lets other threads run.
  */
 #ifndef ZELISP_PYTHON_LIBRARY_LINES_H
 #define ZELISP_PYTHON_LIBRARY_LINES_H
@@ -19,6 +21,10 @@ namespace zelpy {
 
 /* Installs the handler; logger: logging.getLogger("zelisp"), kept. */
 void route_library_lines(pybind11::object logger);
+
+/* Logs the lines the library gave this thread during its last calls; run
+ * with the lock held once the call has returned (check() and fail() do). */
+void log_library_lines();
 
 /*
  * What the library said on this thread during one call: a refused frame

@@ -34,7 +34,7 @@ int Deadline::remaining_ms() const
     return left <= 0 ? 0 : int(left);
 }
 
-WaitCancel::WaitCancel() : wake_fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+WaitCancel::WaitCancel() : wake_fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), opener_(getpid())
 {
     if (wake_fd_ < 0) {
         PyErr_SetFromErrno(PyExc_OSError);
@@ -55,6 +55,11 @@ void WaitCancel::cancel(const char *by)
 {
     ++epoch_;
     by_ = by;
+    // In a forked child the waiting threads, and the count and lock that
+    // follow them, are the parent's (and so is the wake descriptor): none
+    // of the child's own can wait, its waits on the camera being refused.
+    if (getpid() != opener_)
+        return;
     std::unique_lock<std::mutex> lock(mutex_);
     if (waiting_ == 0)
         return;

@@ -22,6 +22,8 @@
 #include <mutex>
 #include <vector>
 
+#include <sys/types.h>
+
 namespace zelpy {
 
 /* The end of a time limit; none for a wait without limit. */
@@ -70,6 +72,7 @@ private:
     std::mutex mutex_;
     std::condition_variable left_;
     int waiting_ = 0;
+    pid_t opener_;
 };
 
 /* One node descriptor a wait watches, the waits of its camera, and the

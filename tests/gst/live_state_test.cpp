@@ -248,5 +248,45 @@ TEST_F(LiveStateTest, ARequestPadReleasedWhileStreamingLeavesTheOthersStreaming)
     EXPECT_EQ(zsim::live_descriptors(), 0u);
 }
 
+// A request pad asked for while the stream is being set up (here by
+// downstream, while it answers the negotiation's caps query) comes too late
+// for the views the set-up chose: refused, never a pad without caps that
+// the streaming thread would start with none.
+TEST_F(LiveStateTest, ARequestPadAskedForDuringTheSetUpIsRefused)
+{
+    launch("zelispsrc name=s ! fakesink name=sink");
+    GstElement *source = gst_bin_get_by_name(GST_BIN(pipeline_), "s");
+    GstElement *sink = gst_bin_get_by_name(GST_BIN(pipeline_), "sink");
+    GstPad *sink_pad = gst_element_get_static_pad(sink, "sink");
+    struct Ask {
+        GstElement *source;
+        bool asked = false;
+        GstPad *granted = nullptr;
+    } ask{source};
+    gst_pad_add_probe(
+        sink_pad, GST_PAD_PROBE_TYPE_QUERY_DOWNSTREAM,
+        [](GstPad *, GstPadProbeInfo *info, gpointer data) {
+            auto *ask = static_cast<Ask *>(data);
+            if (GST_QUERY_TYPE(GST_PAD_PROBE_INFO_QUERY(info)) == GST_QUERY_CAPS && !ask->asked) {
+                ask->asked = true;
+                ask->granted = gst_element_request_pad_simple(ask->source, "src_2");
+            }
+            return GST_PAD_PROBE_OK;
+        },
+        &ask, nullptr);
+    ASSERT_NE(gst_element_set_state(pipeline_, GST_STATE_PAUSED), GST_STATE_CHANGE_FAILURE);
+    EXPECT_TRUE(ask.asked);
+    EXPECT_EQ(ask.granted, nullptr);
+    EXPECT_EQ(source->numsrcpads, 1u);
+    std::vector<std::string> logged = warnings();
+    ASSERT_EQ(logged.size(), 1u) << testing::PrintToString(logged);
+    EXPECT_NE(logged[0].find("s: no request pad: the stream's views are chosen when it is set up"), std::string::npos)
+        << logged[0];
+    gst_object_unref(sink_pad);
+    gst_object_unref(sink);
+    gst_object_unref(source);
+    stop();
+}
+
 } // namespace
 } // namespace zelisp_gst_test

@@ -96,6 +96,42 @@ TEST_F(PluginTest, TheProviderListsEveryCameraWithItsCapsAndAnElementThatCapture
     gst_object_unref(provider);
 }
 
+// An application lists the cameras (a device picker, GstDeviceMonitor)
+// while one of them streams in its own pipeline: the list is whole, and the
+// stream goes on untouched.
+TEST_F(PluginTest, ProbingWhileACameraStreamsListsItAndLeavesTheStreamAlone)
+{
+    zsim::set_frame_mode(0, zsim::FrameMode::Scripted);
+    GstHarness *harness = gst_harness_new_parse("zelispsrc camera=0");
+    gst_harness_play(harness);
+    push_frames(0, 1, 1);
+    GstBuffer *buffer = gst_harness_pull(harness);
+    ASSERT_NE(buffer, nullptr);
+    EXPECT_EQ(painted_number(buffer, 1920, 1080), 1u);
+    gst_buffer_unref(buffer);
+
+    GstDeviceProvider *provider = camera_provider();
+    for (int round = 0; round < 2; ++round) {
+        std::vector<GstDevice *> devices = probe(provider);
+        EXPECT_EQ(devices.size(), 4u) << "round " << round;
+        for (GstDevice *device : devices)
+            gst_object_unref(device);
+    }
+    gst_object_unref(provider);
+
+    push_frames(0, 2, 1, 1033000);
+    buffer = gst_harness_pull(harness);
+    ASSERT_NE(buffer, nullptr);
+    EXPECT_EQ(painted_number(buffer, 1920, 1080), 2u);
+    EXPECT_EQ(GST_BUFFER_OFFSET(buffer), 2u);
+    gst_buffer_unref(buffer);
+    GstElement *source = gst_harness_find_element(harness, "zelispsrc");
+    EXPECT_EQ(stats_field(source, "frames"), 2u);
+    gst_object_unref(source);
+    EXPECT_EQ(error_text(harness), "");
+    gst_harness_teardown(harness);
+}
+
 TEST_F(PluginTest, ZelispsrcOutranksV4l2srcAndTheGroupIsNeverPickedAutomatically)
 {
     GstPluginFeature *source = GST_PLUGIN_FEATURE(gst_element_factory_find("zelispsrc"));

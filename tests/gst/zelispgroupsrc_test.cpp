@@ -229,5 +229,31 @@ TEST_F(ZelispGroupSrcTest, AMissingMemberFailsTheStartWithTheLibraryWords)
     EXPECT_EQ(zsim::live_descriptors(), 0u);
 }
 
+// An unplugged member fails every request on its node: the stream ends at
+// once with the driver's failure, not as frames the library refused, and
+// not as a time-out (with none set, not at all).
+TEST_F(ZelispGroupSrcTest, AMemberUnpluggedMidStreamEndsItAtOnceWithTheDriversFailure)
+{
+    for (int node : {0, 1})
+        zsim::set_frame_mode(node, zsim::FrameMode::Scripted);
+    launch("zelispgroupsrc name=g cameras=0,1 timeout-ms=-1 g.src_0 ! queue ! appsink name=a0 "
+           "g.src_1 ! queue ! appsink name=a1");
+    ASSERT_NE(gst_element_set_state(pipeline_, GST_STATE_PLAYING), GST_STATE_CHANGE_FAILURE);
+    push_frames(0, 0, 1);
+    push_frames(1, 0, 1);
+    for (const char *sink : {"a0", "a1"}) {
+        GstSample *sample = pull(sink);
+        ASSERT_NE(sample, nullptr) << sink;
+        gst_sample_unref(sample);
+    }
+    zsim::disconnect_camera(1);
+    push_frames(0, 1, 1, 1033000);
+    EXPECT_EQ(bus_error(), "isp_group_get_sync_frame: a driver request failed, or the frame was refused (-11)");
+    GstElement *element = group();
+    EXPECT_EQ(stats_field(element, "frames"), 1u);
+    EXPECT_EQ(stats_field(element, "refused"), 0u);
+    gst_object_unref(element);
+}
+
 } // namespace
 } // namespace zelisp_gst_test

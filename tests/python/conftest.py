@@ -65,6 +65,18 @@ def camera():
         yield cam
 
 
+@pytest.fixture
+def group():
+    """Cameras 0 and 1 as a group with views 0 and 2, started, frames scripted."""
+    scripts = [small_camera(0), small_camera(1)]
+    with zelisp.Group([0, 1], name="pair") as pair:
+        pair.open()
+        pair.configure(views=(0, 2), buffers=3)
+        pair.start()
+        pair.scripts = scripts
+        yield pair
+
+
 def luma(view_format, array):
     """The luma (or, for RGB, red) plane of an image array."""
     fourcc, width, height = view_format
@@ -173,5 +185,35 @@ class Blocked(threading.Thread):
         return self.error if self.error is not None else self.result
 
 
+def in_forked_child(body):
+    """Runs body() in a forked child and returns what it returned (repr'd),
+    or the repr of what it raised; fails when the child hangs."""
+    import os
+    import signal
+    reading, writing = os.pipe()
+    pid = os.fork()
+    if pid == 0:  # the child: never back into pytest
+        try:
+            os.close(reading)
+            try:
+                outcome = repr(body())
+            except BaseException as error:
+                outcome = "raised " + repr(error)
+            os.write(writing, outcome.encode())
+        finally:
+            os._exit(0)
+    os.close(writing)
+    deadline = time.monotonic() + 60  # a generous limit, for a loaded machine
+    while os.waitpid(pid, os.WNOHANG) == (0, 0):
+        if time.monotonic() > deadline:
+            os.kill(pid, signal.SIGKILL)
+            os.waitpid(pid, 0)
+            os.close(reading)
+            pytest.fail("the forked child hung")
+        time.sleep(0.01)
+    with os.fdopen(reading, "rb") as pipe:
+        return pipe.read().decode()
+
+
 __all__ = ["np", "small_camera", "Script", "read_stamp", "stamp_of", "luma", "assert_shares",
-           "array_mapping", "in_poll", "Blocked", "SMALL_VIEWS"]
+           "array_mapping", "in_poll", "Blocked", "in_forked_child", "SMALL_VIEWS"]

@@ -2,24 +2,14 @@
 one reads frames while another sets controls."""
 
 import gc
+import os
 import threading
 
 import pytest
 
 import zelisp
 import zsim
-from conftest import Script, small_camera, stamp_of
-
-
-@pytest.fixture
-def group():
-    scripts = [small_camera(0), small_camera(1)]
-    with zelisp.Group([0, 1], name="pair") as pair:
-        pair.open()
-        pair.configure(views=(0, 2), buffers=3)
-        pair.start()
-        pair.scripts = scripts
-        yield pair
+from conftest import Script, in_forked_child, small_camera, stamp_of
 
 
 def test_frame_sets_hold_one_stamped_frame_per_member(group):
@@ -65,12 +55,17 @@ def test_member_cameras_controls_triggers_and_closing(group):
     with pytest.raises(zelisp.BadState, match="still out"):
         group.close()
     array = frames[0].views[0].array
+    view = frames[1].views[2]
     frames.release()
     with pytest.raises(zelisp.BadState):
         group.destroy()
     del array
     group.stop()
+    assert os.fstat(view.fd).st_size >= view.length  # stopped: still the member's descriptor
     group.close()
+    # The members closed their descriptors; the number may be another file now.
+    with pytest.raises(zelisp.BadState, match="closed or re-configured"):
+        view.fd
     group.destroy()
     with pytest.raises(zelisp.BadState, match="closed"):
         member.brightness
@@ -173,3 +168,30 @@ def test_leaving_a_group_block_by_an_exception_keeps_that_exception():
     del group, frames
     gc.collect()
     assert zsim.live_descriptors() == 0
+
+
+def test_a_forked_child_leaves_the_parents_group_alone(group):
+    """A child's group calls are refused, its copies of the parent's frame set
+    never go back to the driver, and it may destroy its copy of the group."""
+    numbers = [script.push() for script in group.scripts]
+    frames = group.get_frame_set()
+    refusal = f"opened by process {os.getpid()}; a forked child opens cameras of its own"
+
+    def child():
+        zsim.clear_log()
+        refusals = []
+        for call in (lambda: group.get_frame_set(0), group.stop, group.start, lambda: group.configure(views=(0,))):
+            with pytest.raises(zelisp.BadState) as refused:
+                call()
+            refusals.append(refused.value.detail)
+        frames.release()
+        group.destroy()
+        return (refusals == [refusal] * 4, group.destroyed,
+                [zsim.requests(name) for name in ("VIDIOC_DQBUF", "VIDIOC_QBUF", "VIDIOC_STREAMOFF")])
+
+    assert in_forked_child(child) == repr((True, True, [[], [], []]))
+    assert [stamp_of(frame.views[2]) for frame in frames] == numbers
+    frames.release()
+    numbers = [script.push() for script in group.scripts]
+    with group.get_frame_set() as frames:
+        assert [stamp_of(frame.views[2]) for frame in frames] == numbers

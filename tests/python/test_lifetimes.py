@@ -9,7 +9,7 @@ import pytest
 
 import zelisp
 import zsim
-from conftest import small_camera, stamp_of
+from conftest import Blocked, in_forked_child, small_camera, stamp_of
 
 
 
@@ -114,8 +114,17 @@ def test_close_with_frames_or_arrays_out_raises_and_keeps_the_camera_open():
     del array
     with camera.get_frame() as second:
         assert second.sequence == 2
+        view = second.views[0]
+        kept = os.dup(view.fd)
     camera.close()
     assert camera.closed
+    # The view's descriptor number went with the camera; the duplicate stays.
+    with pytest.raises(zelisp.BadState) as gone:
+        view.fd
+    assert (gone.value.call, gone.value.detail) == (
+        "View.fd", "the camera was closed or re-configured, and the descriptor with it; os.dup the fd first")
+    assert os.fstat(kept).st_size >= view.length
+    os.close(kept)
     camera.close()  # closing twice is harmless
     with pytest.raises(zelisp.BadState, match="closed"):
         camera.brightness
@@ -212,3 +221,40 @@ def test_a_frame_in_a_reference_cycle_is_collected_and_the_camera_closes():
     gc.collect()
     camera.close()
     assert camera.closed
+
+
+def stream_requests():
+    return {name: [entry["detail"] for entry in zsim.requests(name)]
+            for name in ("VIDIOC_DQBUF", "VIDIOC_QBUF", "VIDIOC_STREAMOFF", "VIDIOC_STREAMON")}
+
+
+def test_a_forked_child_leaves_the_parents_stream_alone(camera):
+    """The child shares the parent's descriptors: its frame calls are
+    refused, its copy of a held frame never goes back to the driver, and
+    closing its copy of the camera neither waits for the parent's reader nor
+    touches the queue."""
+    camera.script.push()
+    held = camera.get_frame()
+    reader = Blocked(camera.get_frame).started()
+    refusal = f"opened by process {os.getpid()}; a forked child opens cameras of its own"
+
+    def child():
+        zsim.clear_log()
+        refusals = []
+        for call in (lambda: camera.get_frame(0), camera.stop, camera.start, lambda: camera.configure(views=(0,)),
+                     lambda: zelisp.wait([camera], 0)):
+            with pytest.raises(zelisp.BadState) as refused:
+                call()
+            refusals.append(refused.value.detail)
+        held.release()
+        camera.close()
+        return refusals == [refusal] * 5, held.returned, camera.closed, stream_requests()
+
+    no_requests = {"VIDIOC_DQBUF": [], "VIDIOC_QBUF": [], "VIDIOC_STREAMOFF": [], "VIDIOC_STREAMON": []}
+    assert in_forked_child(child) == repr((True, True, True, no_requests))
+    # The parent's frame, its reader and its stream go on as before.
+    assert stamp_of(held.views[0]) == 1
+    held.release()
+    camera.script.push(2)
+    with reader.outcome() as second, camera.get_frame() as third:
+        assert [stamp_of(second.views[0]), stamp_of(third.views[0])] == [2, 3]

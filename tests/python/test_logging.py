@@ -3,6 +3,7 @@ system errors (with their errno text) at WARNING, progress at DEBUG, never
 on standard output, where a script's own data goes."""
 
 import errno
+import threading
 import logging
 import subprocess
 import sys
@@ -11,7 +12,7 @@ import pytest
 
 import zelisp
 import zsim
-from conftest import small_camera
+from conftest import Blocked, small_camera
 
 
 def zelisp_records(caplog):
@@ -70,3 +71,65 @@ def test_a_scripts_piped_output_holds_only_its_own_data():
     assert run.stdout == "7\n"
     assert run.stderr.splitlines()[0] == "video device /dev/video5 not exist"
     assert run.stderr.splitlines()[-1].startswith("zelisp.Error: isp_open_video: ")
+
+
+def close_while_a_handler_blocks(read, close, on_line=lambda: None):
+    """Runs read() in a thread whose first zelisp line blocks in a logging
+    handler (a socket, a slow disk); close() runs meanwhile in this thread.
+    Returns what read() raised or returned."""
+    in_handler, closed = threading.Event(), threading.Event()
+
+    class Blocking(logging.Handler):
+        def emit(self, record):
+            if threading.current_thread() is not threading.main_thread() and not in_handler.is_set():
+                on_line()
+                in_handler.set()
+                closed.wait(60)
+
+    handler = Blocking()
+    logging.getLogger("zelisp").addHandler(handler)
+    try:
+        reader = Blocked(read)
+        reader.start()
+        assert in_handler.wait(60)
+        close()
+        closed.set()
+        return reader.outcome()
+    finally:
+        closed.set()
+        logging.getLogger("zelisp").removeHandler(handler)
+
+
+def test_a_handler_that_lets_other_threads_run_never_sees_the_library_mid_call():
+    """While a refused frame is logged, another thread closes the camera.
+    The line is logged once the library has put the refused buffer back, and
+    the reader ends with Cancelled rather than in a camera that is gone."""
+    small_camera(0)
+    with zelisp.Camera(0) as camera:
+        camera.configure(views=(0,), buffers=3)
+        camera.start()
+        zsim.push_frame(0, 4, 2_000_000)
+        zsim.push_frame(0, 4, 2_100_000)  # numbered like the last one: refused
+        with camera.get_frame() as first:
+            assert first.sequence == 4
+        zsim.clear_log()
+        requeued_before_logging = []
+
+        def note_requeues():
+            requeued_before_logging.append([entry["detail"] for entry in zsim.requests("VIDIOC_QBUF")])
+
+        error = close_while_a_handler_blocks(camera.get_frame, camera.close, note_requeues)
+    assert requeued_before_logging == [["index=1"]]
+    assert isinstance(error, zelisp.Cancelled)
+    assert (error.call, error.detail) == ("isp_get_frame_buf", "close() ended the wait")
+
+
+def test_a_group_closed_while_a_handler_blocks_ends_the_frame_set_read(group):
+    for script in group.scripts:
+        script.push()
+    group.get_frame_set().release()
+    zsim.push_frame(0, 1, 3_000_000)  # camera 0 repeats its number: refused, with a line
+    group.scripts[1].push()
+    error = close_while_a_handler_blocks(group.get_frame_set, group.close)
+    assert isinstance(error, zelisp.Cancelled)
+    assert (error.call, error.detail) == ("isp_group_get_sync_frame", "Group.close() ended the wait")

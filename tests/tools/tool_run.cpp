@@ -36,7 +36,7 @@ std::string test_folder()
     return folder.string();
 }
 
-ToolRun run_tool(const std::string &arguments, const std::string &config)
+ToolRun run_tool(const std::string &arguments, const std::string &config, const std::string &output)
 {
     const testing::TestInfo *test = testing::UnitTest::GetInstance()->current_test_info();
     fs::path scratch = fs::path(TOOL_RUNS_DIR) / "io" / (std::string(test->test_suite_name()) + "." + test->name());
@@ -46,8 +46,10 @@ ToolRun run_tool(const std::string &arguments, const std::string &config)
         std::ofstream(scratch / "sim.ini") << config;
         environment = "ZELISP_SIM_CONFIG='" + (scratch / "sim.ini").string() + "' ";
     }
+    std::ofstream(scratch / "out").close();
     std::string command = environment + "'" ZELISP_SIM_RUN "' -- '" ZELISP_CAM "' " + arguments + " >'" +
-                          (scratch / "out").string() + "' 2>'" + (scratch / "err").string() + "' </dev/null";
+                          (output.empty() ? (scratch / "out").string() : output) + "' 2>'" +
+                          (scratch / "err").string() + "' </dev/null";
     int status = std::system(command.c_str());
     ToolRun run;
     run.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);

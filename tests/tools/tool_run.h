@@ -24,7 +24,8 @@ std::string test_folder();
 
 // Runs "zelisp-sim-run -- zelisp-cam <arguments>" in the test's folder, with
 // the simulator configured by `config` (INI text) when it is not empty.
-ToolRun run_tool(const std::string &arguments, const std::string &config = "");
+// Standard output goes to `output` when given (`out` stays empty then).
+ToolRun run_tool(const std::string &arguments, const std::string &config = "", const std::string &output = "");
 
 // Files of a folder whose names start with `prefix`, sorted.
 std::vector<std::string> files_in(const std::string &folder, const std::string &prefix = "");

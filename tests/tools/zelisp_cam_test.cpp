@@ -560,6 +560,25 @@ TEST(ZelispCam, StandardOutputCarriesOnlyWhatTheToolPrints)
         << run.err;
 }
 
+// A summary, document or table that never reached its reader (a full
+// disk, a reader gone with SIGPIPE ignored) is a failed run, whatever the
+// capture did; files already written stay.
+TEST(ZelispCam, StandardOutputThatCannotBeWrittenFailsTheRunWithStatus73)
+{
+    const std::string full = "zelisp-cam: cannot write standard output: No space left on device\n";
+    const std::string folder = test_folder();
+    ToolRun run = run_tool("capture -c 0 --views 0 --frames 2 --out '" + folder + "'", "", "/dev/full");
+    EXPECT_EQ(run.status, 73);
+    EXPECT_EQ(own_lines(run.err), full);
+    EXPECT_EQ(files_in(folder).size(), 3u) << "the frame, the contact sheet and summary.json";
+    run = run_tool("capture -c 0 --views 0 --frames 2 --json", "", "/dev/full");
+    EXPECT_EQ(run.status, 73);
+    EXPECT_EQ(own_lines(run.err), full);
+    run = run_tool("list", "", "/dev/full");
+    EXPECT_EQ(run.status, 73);
+    EXPECT_EQ(own_lines(run.err), full);
+}
+
 TEST(ZelispCam, ARefusedTriggerModeIsReportedAndTheStatusIs20)
 {
     // Every trigger call answers 0 when the platform driver refuses the
@@ -680,7 +699,7 @@ TEST(ZelispCam, HelpReadsAsSentences)
                                "23 the library refused frames, for coming too soon after the last or out of sequence",
                                "64: a wrong command line", "69: serve cannot listen on its address",
                                "71: the system would not give serve what it needs",
-                               "73: an output file could not be written"})
+                               "73: an output file, or standard output, could not be written"})
         EXPECT_NE(flat.find(status), std::string::npos) << status;
 
     // --help-all, which the manual is made from, has every command's options.

@@ -140,12 +140,14 @@ int run_capture(CaptureArguments &arguments)
         return report_output_failure(run.files.failed_path(), error);
     if (options.writes_files() && (status = write_summary_file(run)) != kExitOk)
         return status;
-    if (json_out)
-        fprintf(json_out.get(), "%s\n", summary_json(run).dump(2).c_str());
-    else
+    if (!json_out) {
+        // Flushed, and judged, with the rest of standard output at exit.
         print_summary(stdout, run);
-    // The capture ran, but not as asked (trigger, view format, resize).
-    return run.problem_status;
+        // The capture ran, but not as asked (trigger, view format, resize).
+        return run.problem_status;
+    }
+    fprintf(json_out.get(), "%s\n", summary_json(run).dump(2).c_str());
+    return finish_output(json_out.get(), run.problem_status);
 }
 
 } // namespace

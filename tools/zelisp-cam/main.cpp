@@ -30,7 +30,8 @@ const char kExitStatus[] =
     "refused the trigger mode, so the cameras ran free; 21 a view's format differs from --view-format; 22 the "
     "resize was not applied as asked; 23 the library refused frames, for coming too soon after the last or out "
     "of sequence. 64: a wrong command line (no camera was opened). 69: serve cannot listen on its address, or use its TLS key "
-    "or certificate. 71: the system would not give serve what it needs. 73: an output file could not be written.";
+    "or certificate. 71: the system would not give serve what it needs. 73: an output file, or standard output, "
+    "could not be written.";
 
 // What the library does by design that a user of the tool meets, and how
 // the tool shows it.
@@ -103,6 +104,5 @@ int main(int argc, char **argv)
             return app.exit(e);
         return zcam::report_usage(zcam::parse_error_sentence(app, e, argc, argv));
     }
-    fflush(stdout);
-    return status;
+    return zcam::finish_output(stdout, status);
 }

@@ -45,7 +45,6 @@ void print_summary(FILE *out, const CaptureRun &run)
     }
     for (const std::string &problem : run.problems)
         fprintf(out, "not as asked: %s\n", problem.c_str());
-    fflush(out);
 }
 
 } // namespace zcam

@@ -1,7 +1,9 @@
 // tool_errors.cpp - failure sentences and exit statuses of zelisp-cam.
 #include "tool_errors.h"
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 #include "zelisp.h"
 
@@ -62,6 +64,18 @@ int report_output_failure(const std::string &path, const std::string &why)
     fflush(stdout);
     fprintf(stderr, "zelisp-cam: cannot write %s: %s\n", path.c_str(), why.c_str());
     return kExitOutput;
+}
+
+int finish_output(FILE *stream, int status)
+{
+    errno = 0;
+    if (fflush(stream) == 0 && !ferror(stream))
+        return status;
+    // An earlier write may have failed with nothing left to flush now.
+    const std::string why = errno != 0 ? strerror(errno) : "a write failed";
+    int output_status = report_output_failure("standard output", why);
+    const bool ran = status == kExitOk || (status >= kExitTriggerRefused && status <= kExitFramesRefused);
+    return ran ? output_status : status;
 }
 
 void report_warning(const std::string &message)

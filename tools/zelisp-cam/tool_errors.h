@@ -12,6 +12,7 @@
 #ifndef ZELISP_CAM_TOOL_ERRORS_H
 #define ZELISP_CAM_TOOL_ERRORS_H
 
+#include <cstdio>
 #include <string>
 
 namespace zcam {
@@ -24,7 +25,7 @@ constexpr int kExitFramesRefused = 23;     // the library refused frames: too so
 constexpr int kExitUsage = 64;             // EX_USAGE: the command line is wrong
 constexpr int kExitUnavailable = 69;       // EX_UNAVAILABLE: serve cannot listen on its address
 constexpr int kExitSystem = 71;            // EX_OSERR: the system would not give serve what it needs
-constexpr int kExitOutput = 73;            // EX_CANTCREAT: an output file could not be written
+constexpr int kExitOutput = 73;            // EX_CANTCREAT: an output file, or standard output, could not be written
 
 // Exit status of a library result: 0 for success, else its magnitude.
 int exit_status(int result);
@@ -57,6 +58,13 @@ int report_usage(const std::string &message);
 
 // "zelisp-cam: cannot write <path>: <why>"; returns kExitOutput.
 int report_output_failure(const std::string &path, const std::string &why);
+
+// Flushes `stream` (standard output, or the JSON document's copy of it)
+// and returns `status`, or, when anything written to it was lost (a full
+// disk, a reader gone while SIGPIPE is ignored), says so and returns
+// kExitOutput: the run's result never reached its reader. A failure
+// status of its own (a library call, the command line) is kept.
+int finish_output(FILE *stream, int status);
 
 // "zelisp-cam: warning: <message>" for what a run did not get as asked.
 void report_warning(const std::string &message);

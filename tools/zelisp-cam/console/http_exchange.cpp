@@ -17,7 +17,11 @@
 #include <algorithm>
 #include <cctype>
 
+#include <nlohmann/json.hpp>
+
 namespace zcam {
+
+std::string json_error_body(const std::string &message) { return nlohmann::json{{"error", message}}.dump(); }
 
 namespace {
 

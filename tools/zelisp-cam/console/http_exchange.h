@@ -52,6 +52,10 @@ struct HttpResponse {
     HeaderList headers;
 };
 
+// {"error": message} as JSON text, quoted and escaped: a message can carry
+// GStreamer's error text, which quotes element names.
+std::string json_error_body(const std::string &message);
+
 // Where an endless answer comes from.
 class StreamSource {
 public:

@@ -50,7 +50,7 @@ HttpResponse error_response(int status, const std::string &message)
 {
     HttpResponse response;
     response.status = status;
-    response.body = "{\"error\":\"" + message + "\"}";
+    response.body = json_error_body(message);
     response.headers.emplace_back("Connection", "close");
     return response;
 }

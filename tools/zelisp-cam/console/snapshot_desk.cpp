@@ -15,7 +15,7 @@ HttpResponse json_error(int status, const std::string &message)
 {
     HttpResponse response;
     response.status = status;
-    response.body = "{\"error\":\"" + message + "\"}";
+    response.body = json_error_body(message);
     response.headers = {{"Cache-Control", "no-store"}};
     return response;
 }

@@ -9,6 +9,7 @@
 #include <gst/webrtc/webrtc.h>
 #include <nice/agent.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "picture_workers.h"
@@ -45,7 +46,15 @@ std::string encoder_description(const WebRtcSettings &settings)
            ",h264_i_frame_period=30\"";
 }
 
-// The profile-level-id the offer gives payload type `pt` in its fmtp line.
+// Six hex digits: the id goes into the sending pipeline's description, so
+// nothing else an offer writes there may reach the parser.
+bool is_profile_level_id(const std::string &id)
+{
+    return id.size() == 6 && std::all_of(id.begin(), id.end(), [](char c) { return g_ascii_isxdigit(c); });
+}
+
+// The profile-level-id the offer gives payload type `pt` in its fmtp line;
+// empty when it has none or it is malformed.
 std::string offered_profile(const GstSDPMedia *media, int pt)
 {
     std::string prefix = std::to_string(pt) + " ";
@@ -55,8 +64,10 @@ std::string offered_profile(const GstSDPMedia *media, int pt)
             return "";
         std::string line = fmtp;
         size_t at = line.find("profile-level-id=");
-        if (line.rfind(prefix, 0) == 0 && at != std::string::npos)
-            return line.substr(at + 17, 6);
+        if (line.rfind(prefix, 0) == 0 && at != std::string::npos) {
+            std::string id = line.substr(at + 17, 6);
+            return is_profile_level_id(id) ? id : "";
+        }
     }
 }
 

@@ -21,7 +21,7 @@ HttpResponse error_answer(int status, const std::string &message)
 {
     HttpResponse response;
     response.status = status;
-    response.body = "{\"error\":\"" + message + "\"}";
+    response.body = json_error_body(message);
     return response;
 }
 

@@ -190,7 +190,7 @@ void ConsoleRoutes::login(const Exchange &exchange, const Segments &)
         return;
     }
     if (!console_.rules->token_matches(token)) {
-        console_.events.note("warning", "a wrong token was given at /login from " + request.peer);
+        note_wrong_token(request.peer);
         exchange->reply(error_response(401, "wrong token"));
         return;
     }
@@ -202,6 +202,27 @@ void ConsoleRoutes::login(const Exchange &exchange, const Segments &)
     }
     response.headers.emplace_back("Set-Cookie", console_.rules->token_cookie(request));
     exchange->reply(std::move(response));
+}
+
+// A wrong token is an event, but one a minute at most: a client trying
+// tokens in a loop would otherwise push everything else out of the events
+// and flood standard error. The next line counts the ones left out.
+void ConsoleRoutes::note_wrong_token(const std::string &peer)
+{
+    constexpr auto kWrongTokenLineEvery = std::chrono::minutes(1);
+    std::lock_guard<std::mutex> lock(wrong_tokens_mutex_);
+    auto now = std::chrono::steady_clock::now();
+    if (wrong_token_noted_ && now - last_wrong_token_line_ < kWrongTokenLineEvery) {
+        ++wrong_tokens_not_noted_;
+        return;
+    }
+    std::string line = "a wrong token was given at /login from " + peer;
+    if (wrong_tokens_not_noted_)
+        line += " (and " + std::to_string(wrong_tokens_not_noted_) + " more since the last such line)";
+    console_.events.note("warning", line);
+    wrong_token_noted_ = true;
+    last_wrong_token_line_ = now;
+    wrong_tokens_not_noted_ = 0;
 }
 
 void ConsoleRoutes::logout(const Exchange &exchange, const Segments &)

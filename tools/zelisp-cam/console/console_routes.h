@@ -8,6 +8,7 @@
 #ifndef ZELISP_CAM_CONSOLE_CONSOLE_ROUTES_H
 #define ZELISP_CAM_CONSOLE_CONSOLE_ROUTES_H
 
+#include <chrono>
 #include <functional>
 #include <map>
 #include <memory>
@@ -77,11 +78,16 @@ private:
     // (it is then withdrawn and never runs). `what` names it in the events.
     void on_capture_thread(const Exchange &exchange, const std::string &what, std::function<HttpResponse()> work);
     nlohmann::json camera_json(int camera) const;
+    void note_wrong_token(const std::string &peer);
 
     Console &console_;
     std::vector<Route> routes_;
     std::mutex set_only_mutex_;
     std::map<std::pair<int, std::string>, nlohmann::json> set_only_; // values of the set-only controls last sent
+    std::mutex wrong_tokens_mutex_;
+    std::chrono::steady_clock::time_point last_wrong_token_line_;
+    bool wrong_token_noted_ = false;
+    unsigned wrong_tokens_not_noted_ = 0;
 };
 
 } // namespace zcam

@@ -100,6 +100,14 @@ TEST(ZelispRtsp, ServesTheCamerasThatExistAndStopsOnSigterm)
     ASSERT_TRUE(image.has_value());
     EXPECT_EQ(image->width, 640u);
     EXPECT_TRUE(frame_number(*image).has_value());
+    // A second server on the same port says why it cannot listen.
+    std::string port = server.url.substr(server.url.rfind(':') + 1);
+    port = port.substr(0, port.find('/'));
+    Launch second = run(folder, on_simulator("'" ZELISP_RTSP "' --cameras 0 --port " + port, config));
+    EXPECT_EQ(second.status, 1);
+    EXPECT_EQ(second.out, "zelisp-rtsp: H.264 encoder: x264enc (software: this board has no V4L2 memory-to-memory "
+                          "H.264 encoder)\nzelisp-rtsp: cannot listen on 0.0.0.0:" + port +
+                              ": Error binding to address 0.0.0.0:" + port + ": Address already in use\n");
     kill(server.process.pid, SIGTERM);
     std::optional<int> status = server.process.finish(30);
     ASSERT_TRUE(status.has_value()) << "still running 30 s after SIGTERM";

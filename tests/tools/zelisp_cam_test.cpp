@@ -577,6 +577,12 @@ TEST(ZelispCam, StandardOutputThatCannotBeWrittenFailsTheRunWithStatus73)
     run = run_tool("list", "", "/dev/full");
     EXPECT_EQ(run.status, 73);
     EXPECT_EQ(own_lines(run.err), full);
+    // The summary file on a full disk gives the system's reason too.
+    const std::string full_disk = test_folder(); // the same folder, emptied
+    std::filesystem::create_symlink("/dev/full", full_disk + "/summary.json");
+    run = run_tool("capture -c 0 --views 0 --frames 2 --out '" + full_disk + "'");
+    EXPECT_EQ(run.status, 73);
+    EXPECT_EQ(own_lines(run.err), "zelisp-cam: cannot write " + full_disk + "/summary.json: No space left on device\n");
 }
 
 TEST(ZelispCam, ARefusedTriggerModeIsReportedAndTheStatusIs20)

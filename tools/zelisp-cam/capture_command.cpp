@@ -102,11 +102,12 @@ FILE *divert_stdout_for_json()
 int write_summary_file(const CaptureRun &run)
 {
     std::string path = (std::filesystem::path(run.options.out_dir) / "summary.json").string();
+    errno = 0;
     std::ofstream file(path);
     file << summary_json(run).dump(2) << '\n';
     file.close();
     if (!file)
-        return report_output_failure(path, "write failed");
+        return report_output_failure(path, write_failure_reason());
     return kExitOk;
 }
 

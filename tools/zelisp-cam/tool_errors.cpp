@@ -66,14 +66,15 @@ int report_output_failure(const std::string &path, const std::string &why)
     return kExitOutput;
 }
 
+std::string write_failure_reason() { return errno != 0 ? strerror(errno) : "a write failed"; }
+
 int finish_output(FILE *stream, int status)
 {
     errno = 0;
     if (fflush(stream) == 0 && !ferror(stream))
         return status;
     // An earlier write may have failed with nothing left to flush now.
-    const std::string why = errno != 0 ? strerror(errno) : "a write failed";
-    int output_status = report_output_failure("standard output", why);
+    int output_status = report_output_failure("standard output", write_failure_reason());
     const bool ran = status == kExitOk || (status >= kExitTriggerRefused && status <= kExitFramesRefused);
     return ran ? output_status : status;
 }

@@ -58,6 +58,9 @@ int report_usage(const std::string &message);
 
 // "zelisp-cam: cannot write <path>: <why>"; returns kExitOutput.
 int report_output_failure(const std::string &path, const std::string &why);
+// Why a write failed, from errno (cleared before the writes): streams keep
+// no reason of their own.
+std::string write_failure_reason();
 
 // Flushes `stream` (standard output, or the JSON document's copy of it)
 // and returns `status`, or, when anything written to it was lost (a full

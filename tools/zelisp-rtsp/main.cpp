@@ -338,12 +338,20 @@ int main(int argc, char **argv)
     zrtsp::ClientLimits limits;
     limits.max_clients = unsigned(options.max_clients);
     zrtsp::limit_clients(server, limits);
-    guint listening = gst_rtsp_server_attach(server, nullptr);
-    if (listening == 0) {
-        std::fprintf(stderr, "zelisp-rtsp: cannot listen on %s:%d\n", options.address.c_str(), options.port);
+    // The server's listening source made here rather than by
+    // gst_rtsp_server_attach(), which keeps the reason a bind failed to
+    // itself.
+    GError *error = nullptr;
+    GSource *listener = gst_rtsp_server_create_source(server, nullptr, &error);
+    if (!listener) {
+        std::fprintf(stderr, "zelisp-rtsp: cannot listen on %s:%d: %s\n", options.address.c_str(), options.port,
+                     error ? error->message : "no reason given");
+        g_clear_error(&error);
         g_object_unref(server);
         return 1;
     }
+    guint listening = g_source_attach(listener, nullptr);
+    g_source_unref(listener);
     int port = gst_rtsp_server_get_bound_port(server);
     std::string host = options.address == "0.0.0.0" ? "127.0.0.1" : options.address;
     for (const zrtsp::Mount &mount : mounts)

@@ -255,7 +255,17 @@ TEST(Loopback, RecorderLinesUpAGroupMountWhoseStreamsShareTheirTimes)
     // the RTP clock's tick) and one frame number in every set.
     auto sets = rigtest::by_set(rows);
     EXPECT_GE(sets.size(), 80u);
+    // The recording's start and its stop after 3 s can fall between the
+    // two frames of one trigger: the first and the last set alone may hold
+    // one frame, and name the other stream missing.
+    ASSERT_FALSE(sets.empty());
+    const uint64_t first_set = sets.begin()->first, last_set = sets.rbegin()->first;
     for (const auto &set : sets) {
+        if ((set.first == first_set || set.first == last_set) && set.second.size() == 1) {
+            std::string other = name + (set.second[0].stream == name + "-0" ? "-1" : "-0");
+            EXPECT_EQ(set.second[0].missing, std::vector<std::string>{other});
+            continue;
+        }
         ASSERT_EQ(set.second.size(), 2u) << "set " << set.first;
         EXPECT_TRUE(set.second[0].missing.empty());
         EXPECT_LE(set.second[0].skew_us, kRtpTickUs) << "set " << set.first;

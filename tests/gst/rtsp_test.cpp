@@ -12,6 +12,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <regex>
 
 #include "../tools/tool_run.h"
@@ -51,6 +52,22 @@ struct Server {
                 url = match[1].str();
         }
         return true;
+    }
+    std::string port() const
+    {
+        size_t colon = url.rfind(':') + 1;
+        return url.substr(colon, url.find('/', colon) - colon);
+    }
+    // Sends `signal` and waits: success when the server exits with status 0.
+    testing::AssertionResult stops_on(int signal)
+    {
+        kill(process.pid, signal);
+        std::optional<int> status = process.finish(30);
+        if (!status)
+            return testing::AssertionFailure() << "still running 30 s after " << strsignal(signal);
+        if (!WIFEXITED(*status) || WEXITSTATUS(*status) != 0)
+            return testing::AssertionFailure() << "wait status " << *status << "\n" << read_text(process.err_path);
+        return testing::AssertionSuccess();
     }
 };
 
@@ -101,17 +118,13 @@ TEST(ZelispRtsp, ServesTheCamerasThatExistAndStopsOnSigterm)
     EXPECT_EQ(image->width, 640u);
     EXPECT_TRUE(frame_number(*image).has_value());
     // A second server on the same port says why it cannot listen.
-    std::string port = server.url.substr(server.url.rfind(':') + 1);
-    port = port.substr(0, port.find('/'));
+    std::string port = server.port();
     Launch second = run(folder, on_simulator("'" ZELISP_RTSP "' --cameras 0 --port " + port, config));
     EXPECT_EQ(second.status, 1);
     EXPECT_EQ(second.out, "zelisp-rtsp: H.264 encoder: x264enc (software: this board has no V4L2 memory-to-memory "
                           "H.264 encoder)\nzelisp-rtsp: cannot listen on 0.0.0.0:" + port +
                               ": Error binding to address 0.0.0.0:" + port + ": Address already in use\n");
-    kill(server.process.pid, SIGTERM);
-    std::optional<int> status = server.process.finish(30);
-    ASSERT_TRUE(status.has_value()) << "still running 30 s after SIGTERM";
-    EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0);
+    EXPECT_TRUE(server.stops_on(SIGTERM));
     EXPECT_EQ(read_text(server.process.err_path),
               "zelisp-rtsp: camera 5 skipped: the platform lists no such camera (it lists 0,1,2,3)\n"
               "zelisp-rtsp: H.264 encoder: x264enc (software: this board has no V4L2 memory-to-memory H.264 "
@@ -163,10 +176,7 @@ TEST(ZelispRtsp, EveryKindOfClientLeavingLeavesItServing)
         // Serving again, for a new client.
         EXPECT_EQ(probe_width(folder, server.url), "640\n") << "after " << kind << ", round " << round;
     }
-    kill(server.process.pid, SIGINT);
-    std::optional<int> status = server.process.finish(30);
-    ASSERT_TRUE(status.has_value()) << "still running 30 s after SIGINT";
-    EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << read_text(server.process.err_path);
+    EXPECT_TRUE(server.stops_on(SIGINT));
 }
 
 // A TCP connection to 127.0.0.1:port whose reads give up after a minute; -1 when refused.
@@ -201,7 +211,7 @@ TEST(ZelispRtsp, IdleConnectionsCannotCrowdOutClients)
     std::string config = write_config(folder, kSmallCameras);
     Server server(folder, "--cameras 0 --max-clients 4", config);
     ASSERT_TRUE(server.started(1)) << read_text(server.process.err_path);
-    int port = std::stoi(server.url.substr(server.url.rfind(':') + 1));
+    int port = std::stoi(server.port());
     // A viewer plays through all of it.
     Background player(folder, "ffmpeg -v error -rtsp_transport tcp -i " + server.url + " -f rawvideo -pix_fmt gray -",
                       "player.err");
@@ -229,10 +239,7 @@ TEST(ZelispRtsp, IdleConnectionsCannotCrowdOutClients)
     EXPECT_EQ(probe_width(folder, server.url), "640\n");
     kill(player.pid, SIGKILL);
     ASSERT_TRUE(player.finish(30).has_value());
-    kill(server.process.pid, SIGTERM);
-    std::optional<int> status = server.process.finish(30);
-    ASSERT_TRUE(status.has_value()) << "still running 30 s after SIGTERM";
-    EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0);
+    EXPECT_TRUE(server.stops_on(SIGTERM));
     EXPECT_EQ(read_text(server.process.err_path),
               "zelisp-rtsp: H.264 encoder: x264enc (software: this board has no V4L2 memory-to-memory H.264 "
               "encoder)\n"
@@ -255,10 +262,7 @@ TEST(ZelispRtsp, SigintStopsItWhileAClientPlays)
                       "client.err");
     std::vector<char> frame(640 * 360);
     ASSERT_EQ(std::fread(frame.data(), 1, frame.size(), client.out), frame.size()) << read_text(client.err_path);
-    kill(server.process.pid, SIGINT);
-    std::optional<int> status = server.process.finish(30);
-    ASSERT_TRUE(status.has_value()) << "still running 30 s after SIGINT";
-    EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << read_text(server.process.err_path);
+    EXPECT_TRUE(server.stops_on(SIGINT));
 }
 
 } // namespace

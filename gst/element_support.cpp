@@ -99,10 +99,11 @@ GstBuffer *view_buffer(Stream *stream, Stream::Frame *frame, const zelvideo::_is
 {
     const zelvideo::_isp_view_buf_t &plane = buf.views[output.view];
     gsize size = GST_VIDEO_INFO_SIZE(&output.info);
-    if (plane.length < size || !plane.addr || plane.addr == MAP_FAILED)
-        return nullptr;
     GstBuffer *buffer = nullptr;
     if (copy) {
+        // A copy reads the library's mapping; a wrapped plane checks its own.
+        if (plane.length < size || !plane.addr || plane.addr == MAP_FAILED)
+            return nullptr;
         CopyPool::Result result = output.copies.copy(plane.addr, size, output.dmabuf, most_copies, &buffer);
         *copy_limit = result == CopyPool::Result::Full;
         if (result != CopyPool::Result::Copied)

@@ -17,38 +17,31 @@ namespace gstzelisp {
 std::shared_ptr<PlaneMaps> PlaneMaps::map(unsigned long handle, const std::vector<int> &views)
 {
     auto maps = std::make_shared<PlaneMaps>();
-    // A camera has at most 8 buffers; an index past its last is refused.
-    for (uint32_t index = 0; index < 8; ++index) {
-        std::array<Plane, 3> planes{};
-        bool past_last = false;
+    // An index past the camera's last buffer is refused.
+    for (uint32_t index = 0; index < kMostBuffers; ++index) {
         for (int view : views) {
             int export_fd = isp_get_view_buf_fd(handle, index, uint32_t(view));
-            if (export_fd == ISP_ERR_INVALID) {
-                past_last = true;
-                break;
-            }
+            if (export_fd == ISP_ERR_INVALID)
+                return index == 0 ? nullptr : maps;
             if (export_fd < 0)
                 return nullptr;
             off_t length = lseek(export_fd, 0, SEEK_END);
             if (length <= 0)
                 return nullptr;
-            Plane &plane = planes[size_t(view)];
+            // Filled in place: whatever is open or mapped goes with `maps`.
+            Plane &plane = maps->buffers_[index][size_t(view)];
             plane.fd = fcntl(export_fd, F_DUPFD_CLOEXEC, 0);
             if (plane.fd < 0)
                 return nullptr;
-            plane.length = size_t(length);
-            plane.address = mmap(nullptr, plane.length, PROT_READ | PROT_WRITE, MAP_SHARED, plane.fd, 0);
+            plane.address = mmap(nullptr, size_t(length), PROT_READ | PROT_WRITE, MAP_SHARED, plane.fd, 0);
             if (plane.address == MAP_FAILED) {
                 plane.address = nullptr;
-                maps->buffers_.push_back(planes); // closes the descriptor with the rest
                 return nullptr;
             }
+            plane.length = size_t(length);
         }
-        if (past_last)
-            break;
-        maps->buffers_.push_back(planes);
     }
-    return maps->buffers_.empty() ? nullptr : maps;
+    return maps;
 }
 
 PlaneMaps::~PlaneMaps()
@@ -64,7 +57,7 @@ PlaneMaps::~PlaneMaps()
 
 const PlaneMaps::Plane *PlaneMaps::plane(uint32_t index, int view) const
 {
-    if (index >= buffers_.size() || !buffers_[index][size_t(view)].address)
+    if (index >= kMostBuffers || !buffers_[index][size_t(view)].address)
         return nullptr;
     return &buffers_[index][size_t(view)];
 }
@@ -211,7 +204,7 @@ GstBuffer *Stream::wrap(Frame *frame, const zelvideo::_isp_buf_t &buf, int view,
     void *address = own ? own->address : plane.addr;
     int fd = own ? own->fd : plane.fd;
     gsize length = own ? own->length : plane.length;
-    if (length < size || plane.length < size)
+    if (length < size)
         return nullptr;
     if (dmabuf) {
         if (fd < 0)

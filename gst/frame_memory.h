@@ -56,7 +56,10 @@ public:
     const Plane *plane(uint32_t index, int view) const;
 
 private:
-    std::vector<std::array<Plane, 3>> buffers_; // by V4L2 buffer index, then view
+    // A camera has at most 8 buffers: a fixed table makes a frame's lookup
+    // one comparison.
+    static constexpr uint32_t kMostBuffers = 8;
+    std::array<std::array<Plane, 3>, kMostBuffers> buffers_{}; // by V4L2 buffer index, then view
 };
 
 class Stream {

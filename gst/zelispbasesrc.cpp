@@ -477,9 +477,9 @@ void Source::note_resume()
 // Waits until every camera of the set has a filled buffer waiting. A
 // group's nodes are waited for one at a time; a single node keeps its read
 // interest from set-up on.
-WaitResult Source::wait_for_all(int timeout, gint64 deadline, gint64 now_us)
+template <size_t kFrames> WaitResult Source::wait_for_all(int timeout, gint64 deadline, gint64 now_us)
 {
-    const bool alone = poll_fds_.size() == 1;
+    const bool alone = kFrames == 1 || poll_fds_.size() == 1;
     for (auto &fd : poll_fds_) {
         if (!alone)
             gst_poll_fd_ctl_read(poll_, &fd, TRUE);
@@ -498,7 +498,7 @@ WaitResult Source::wait_for_all(int timeout, gint64 deadline, gint64 now_us)
 
 // Takes the next set the library accepts; the flow return on failure,
 // FLUSHING when a state change or an EOS request woke the wait.
-GstFlowReturn Source::take_set(FrameSet *set)
+template <size_t kFrames> GstFlowReturn Source::take_set(FrameSet *set)
 {
     int timeout = timeout_ms.load(std::memory_order_relaxed);
     gint64 now_us = g_get_monotonic_time();
@@ -509,7 +509,7 @@ GstFlowReturn Source::take_set(FrameSet *set)
             std::lock_guard<std::mutex> guard(stream_->library_lock());
             stream_->put_back_released();
         }
-        WaitResult wait = wait_for_all(timeout, deadline, now_us);
+        WaitResult wait = wait_for_all<kFrames>(timeout, deadline, now_us);
         if (wait == WaitResult::Flushing)
             return GST_FLOW_FLUSHING;
         if (wait != WaitResult::Ready) {
@@ -555,10 +555,10 @@ G_NO_INLINE bool Source::retry_refused(int refused_in_a_row)
 
 // The capture time of a set is its earliest frame's; the spread up to its
 // latest is the set's skew.
-static CaptureSpan capture_span(const FrameSet &set, int view)
+template <size_t kFrames> static CaptureSpan capture_span(const FrameSet &set, int view)
 {
     CaptureSpan span{UINT64_MAX, 0};
-    for (size_t i = 0; i < set.count; ++i) {
+    for (size_t i = 0; i < frames_in<kFrames>(set); ++i) {
         uint64_t timestamp = set.frames[i].views[view].timestamp;
         span.first = std::min(span.first, timestamp);
         span.last = std::max(span.last, timestamp);
@@ -568,15 +568,11 @@ static CaptureSpan capture_span(const FrameSet &set, int view)
 
 // A driver timestamp before the stream started or in the future is not a
 // capture time this element can place; such a frame counts as captured
-// when it arrived.
-static bool trusted_capture(uint64_t capture_us, gint64 stream_on_us, gint64 now_us)
+// when it arrived (`now_us`).
+gint64 Source::placed_capture(uint64_t capture_us, gint64 now_us) const
 {
-    return gint64(capture_us) >= stream_on_us && gint64(capture_us) <= now_us;
-}
-
-bool Source::captured_before_resume(uint64_t capture_us, gint64 now_us) const
-{
-    return trusted_capture(capture_us, stream_on_us_, now_us) && gint64(capture_us) < resume_floor_us_;
+    gint64 capture = gint64(capture_us);
+    return capture >= stream_on_us_ && capture <= now_us ? capture : now_us;
 }
 
 void Source::give_back(const FrameSet &set)
@@ -585,10 +581,9 @@ void Source::give_back(const FrameSet &set)
         stream_->done(stream_->hold(handles_[i], set.frames[i]));
 }
 
-// The PTS: the running time of the capture, after the previous set's.
-GstClockTime Source::set_pts(uint64_t capture_us, gint64 now_us)
+// The PTS: the running time `age_us` ago, after the previous set's.
+GstClockTime Source::set_pts(gint64 age_us)
 {
-    gint64 age_us = trusted_capture(capture_us, stream_on_us_, now_us) ? now_us - gint64(capture_us) : 0;
     GstClockTime pts = running_time_ago(clock_, base_time_, age_us);
     if (pts == GST_CLOCK_TIME_NONE)
         return pts;
@@ -638,12 +633,17 @@ void Source::loop()
     // the task's round (its locks and state check) and this scope would
     // otherwise cost every frame. The round ends when the thread pauses its
     // task; a pause or stop of the element wakes it to do so.
-    while (stream_next_set()) {
+    if (handles_.size() == 1) {
+        while (stream_next_set<1>()) {
+        }
+    } else {
+        while (stream_next_set<0>()) {
+        }
     }
 }
 
 // False once the task is paused.
-bool Source::stream_next_set()
+template <size_t kFrames> [[gnu::flatten]] bool Source::stream_next_set()
 {
     if (!wait_until_playing())
         return pause_streaming(GST_FLOW_FLUSHING);
@@ -671,7 +671,7 @@ bool Source::stream_next_set()
     }
 
     FrameSet set;
-    GstFlowReturn flow = take_set(&set);
+    GstFlowReturn flow = take_set<kFrames>(&set);
     if (flow == GST_FLOW_FLUSHING)
         return true; // woken: the next round waits for PLAYING, stops or ends
     if (flow != GST_FLOW_OK)
@@ -683,18 +683,20 @@ bool Source::stream_next_set()
     }
     // One reading of the monotonic clock serves the frame's checks and PTS.
     gint64 taken_us = g_get_monotonic_time();
-    CaptureSpan capture = capture_span(set, streaming_outputs_[0]->output.view);
-    if (captured_before_resume(capture.first, taken_us)) {
+    CaptureSpan capture = capture_span<kFrames>(set, streaming_outputs_[0]->output.view);
+    gint64 captured_us = placed_capture(capture.first, taken_us);
+    if (captured_us < resume_floor_us_) {
         GST_LOG_OBJECT(element_, "frame %u was captured before the resume: not pushed",
                        set.frames[0].views[streaming_outputs_[0]->output.view].sequence);
         give_back(set);
         return true;
     }
-    return push_set(set, capture, taken_us);
+    return push_set<kFrames>(set, capture, taken_us - captured_us);
 }
 
-bool Source::push_set(FrameSet &set, CaptureSpan capture, gint64 taken_us)
+template <size_t kFrames> bool Source::push_set(FrameSet &set, CaptureSpan capture, gint64 age_us)
 {
+    const size_t count = frames_in<kFrames>(set);
     const auto &outputs = streaming_outputs_;
     // One PTS for the whole set: its earliest capture; the spread of the
     // capture times is the set's skew.
@@ -720,13 +722,13 @@ bool Source::push_set(FrameSet &set, CaptureSpan capture, gint64 taken_us)
     last_timestamp_us_ = first;
     resumed_ = false;
     unpushed_since_pushed_ = 0;
-    GstClockTime pts = set_pts(first, taken_us);
+    GstClockTime pts = set_pts(age_us);
 
     // Wrap unless that would leave the driver fewer than two buffers.
     Stream::Frame *frames[kMostFramesInSet];
     bool copy[kMostFramesInSet];
     guint64 copies = 0;
-    for (size_t i = 0; i < set.count; ++i) {
+    for (size_t i = 0; i < count; ++i) {
         int held = 0;
         frames[i] = stream_->hold(handles_[i], set.frames[i], &held);
         copy[i] = held >= buffers - kQueuedReserve;
@@ -735,7 +737,7 @@ bool Source::push_set(FrameSet &set, CaptureSpan capture, gint64 taken_us)
     GstFlowReturn flow = GST_FLOW_OK;
     bool no_copy_left = false;
     // A pad per view (three) or per member (eight) at most.
-    std::array<GstBuffer *, kMostFramesInSet> out{};
+    std::array<GstBuffer *, kMostFramesInSet> out; // one for each output, made below
     size_t made = 0;
     for (auto &output : outputs) {
         bool copy_limit = false;
@@ -757,7 +759,7 @@ bool Source::push_set(FrameSet &set, CaptureSpan capture, gint64 taken_us)
         }
         out[made++] = buffer;
     }
-    for (size_t i = 0; i < set.count; ++i)
+    for (size_t i = 0; i < count; ++i)
         stream_->done(frames[i]);
     if (flow != GST_FLOW_OK || no_copy_left) {
         for (size_t i = 0; i < made; ++i)
@@ -778,19 +780,21 @@ bool Source::push_set(FrameSet &set, CaptureSpan capture, gint64 taken_us)
         counters_.dropped.fetch_add(missing, std::memory_order_relaxed);
     if (copies)
         counters_.copied.fetch_add(copies, std::memory_order_relaxed);
-    counters_.skew_us.store(last - first, std::memory_order_relaxed);
-    if (last - first > counters_.max_skew_us.load(std::memory_order_relaxed))
-        counters_.max_skew_us.store(last - first, std::memory_order_relaxed);
     discont_pending_ = false;
     ++pushed_;
-    check_skew(last - first, frame_interval_);
+    if (kFrames != 1) { // one frame has no spread
+        counters_.skew_us.store(last - first, std::memory_order_relaxed);
+        if (last - first > counters_.max_skew_us.load(std::memory_order_relaxed))
+            counters_.max_skew_us.store(last - first, std::memory_order_relaxed);
+        check_skew(last - first, frame_interval_);
+    }
     GST_LOG_OBJECT(element_, "frame %u%s%s, skew %" G_GUINT64_FORMAT " us, pts %" GST_TIME_FORMAT, sequence,
                    copies ? " (copied)" : "", missing ? " after a gap" : "", last - first, GST_TIME_ARGS(pts));
     if (GST_CLOCK_TIME_IS_VALID(pts))
         sync_controlled_values(pts);
 
     // The last pads first: the always pad's peer is often the slowest.
-    size_t finished = 0, unlinked = 0;
+    size_t finished = 0, delivered = 0;
     for (size_t i = outputs.size(); i-- > 0;) {
         PadOutput &output = *outputs[i];
         if (!out[i]) {
@@ -799,21 +803,22 @@ bool Source::push_set(FrameSet &set, CaptureSpan capture, gint64 taken_us)
         }
         GstFlowReturn pushed = gst_pad_push(output.pad, out[i]);
         if (output.released) {
-            ++unlinked; // released while this set went out: whatever it answered
+            continue; // released while this set went out: whatever it answered
+        } else if (pushed == GST_FLOW_OK) {
+            ++delivered;
         } else if (pushed == GST_FLOW_EOS) {
             output.eos = true;
             ++finished;
-        } else if (pushed == GST_FLOW_NOT_LINKED) {
-            ++unlinked; // an unlinked pad does not stop the others
-        } else if (pushed != GST_FLOW_OK) {
+        } else if (pushed != GST_FLOW_NOT_LINKED) { // an unlinked pad does not stop the others
             flow = pushed;
         }
     }
-    if (flow == GST_FLOW_OK && finished == outputs.size())
-        flow = GST_FLOW_EOS;
-    else if (flow == GST_FLOW_OK && unlinked + finished == outputs.size())
-        flow = GST_FLOW_NOT_LINKED;
-    return flow == GST_FLOW_OK || pause_streaming(flow);
+    // Streaming goes on while a pad takes the frames and none failed.
+    if (flow == GST_FLOW_OK && delivered > 0)
+        return true;
+    if (flow == GST_FLOW_OK)
+        flow = finished == outputs.size() ? GST_FLOW_EOS : GST_FLOW_NOT_LINKED;
+    return pause_streaming(flow);
 }
 
 } // namespace gstzelisp

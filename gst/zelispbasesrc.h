@@ -69,6 +69,11 @@ struct FrameSet {
     size_t count = 0;
 };
 
+// The frame loop is made twice: for sets of as many frames as a group's
+// set holds (kFrames 0) and for one camera's single frame (kFrames 1),
+// where every loop over a set's frames is a straight line.
+template <size_t kFrames> size_t frames_in(const FrameSet &set) { return kFrames ? kFrames : set.count; }
+
 // The earliest and latest capture times of a set's frames, microseconds.
 struct CaptureSpan {
     uint64_t first;
@@ -192,15 +197,19 @@ private:
     bool wait_for_live_change();
     void note_resume();
     void wake_streaming_thread(gboolean woken);
-    GstFlowReturn take_set(FrameSet *set);
+    template <size_t kFrames> GstFlowReturn take_set(FrameSet *set);
     bool retry_refused(int refused_in_a_row);
-    WaitResult wait_for_all(int timeout_ms, gint64 deadline, gint64 now_us);
-    bool captured_before_resume(uint64_t capture_us, gint64 now_us) const;
+    template <size_t kFrames> WaitResult wait_for_all(int timeout_ms, gint64 deadline, gint64 now_us);
+    gint64 placed_capture(uint64_t capture_us, gint64 now_us) const;
     void give_back(const FrameSet &set);
-    GstClockTime set_pts(uint64_t capture_us, gint64 now_us);
+    GstClockTime set_pts(gint64 age_us);
     void refresh_outputs();
-    bool stream_next_set();
-    bool push_set(FrameSet &set, CaptureSpan capture, gint64 taken_us);
+    // A frame's whole path, inlined into one function, where registers
+    // carry the frame from the wait to the push; paths kept out of line
+    // (G_NO_INLINE) stay out.
+    template <size_t kFrames> [[gnu::flatten]] bool stream_next_set();
+    // age_us: how long ago the set was captured, as far as it can be placed.
+    template <size_t kFrames> bool push_set(FrameSet &set, CaptureSpan capture, gint64 age_us);
     // Pauses the task (with EOS downstream when the stream ended or
     // failed); false, for the frame loop to end its round.
     bool pause_streaming(GstFlowReturn flow);

@@ -337,6 +337,29 @@ def test_an_unplugged_cameras_streams_end_and_newcomers_are_refused():
         streams[2][0].close()
 
 
+def test_a_group_ends_with_a_member_unplugged():
+    # The group's frame sets need every member: with one pulled out, the
+    # viewers of the others end too, and the frame-set loop stops reading
+    # instead of failing again on every wake-up (the failure is said once).
+    with Console(["--group", "--views", "2"], config=TWO_CAMERAS) as console:
+        conn, response = open_stream(console, "/stream/0/2.mjpg")
+        mjpeg_parts(response, 2)
+        console.unplug(1)
+        assert response.read().endswith(b"\r\n--zelispframe--\r\n")
+        conn.close()
+        failed = "reading a frame set: a driver request failed, or the frame was refused"
+        stopped = "the group stopped with camera 1"
+        assert [(c["camera"], c["error"]) for c in console.stats()["cameras"]] == [(0, stopped), (1, failed)]
+        status, answer = console.json("GET", "/stream/0/2.mjpg")
+        assert (status, answer) == (503, {"error": "camera 0 stopped: " + stopped})
+        # A command the capture thread runs: it has been round its loop since.
+        assert console.json("PUT", "/api/cameras/0/running", {"value": False})[0] == 409
+        texts = [e["text"] for e in console.events()]
+        assert texts.count("camera 1 stopped: " + failed) == 1 and texts.count("camera 0 stopped: " + stopped) == 1
+        failures = [e for e in console.events() if e["source"] == "library" and e["kind"] == "failure"]
+        assert [(e["node"], e["text"]) for e in failures] == [("/dev/video1", "/dev/video1 get frame failed")]
+
+
 # Slow cameras and deep queues: capture only drops a frame if its thread
 # stalls for 1.4 s, so any drop below is the server's fault, not the machine's.
 CALM = "[cameras]\npresent = 0, 1\n" + "".join(f"[camera {c}]\nfps = 5\nmax_buffers = 8\n" for c in (0, 1))

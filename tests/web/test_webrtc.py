@@ -50,6 +50,34 @@ def test_webrtc_view_plays_the_cameras_frames():
         assert any(e["text"].startswith("WebRTC viewer on camera 0 view 1 ended after ") for e in console.events())
 
 
+def test_an_unplugged_cameras_live_view_ends_and_says_why():
+    # The camera of the live view is pulled out: the console ends the
+    # session, and the page says why in the viewer instead of falling back
+    # to a stream that is over, while the other camera's tile goes on.
+    why = "camera 1 stopped: taking a frame: a driver request failed, or the frame was refused"
+    with Console(["--cameras", "0,1"]) as console, Browser() as browser:
+        page = browser.driver
+        page.get(f"http://127.0.0.1:{console.port}/")
+        wait_for(lambda: page.find_elements(By.CSS_SELECTOR, "figure.tile") or None, "the tiles")
+        page.find_element(By.CSS_SELECTOR, "figure[data-camera='1'][data-view='2']").find_element(
+            By.XPATH, ".//button[text()='Live']").click()
+        mode = page.find_element(By.ID, "viewer-mode")
+        wait_for(lambda: mode.get_attribute("data-frames-decoded"), "the WebRTC view", tries=LONG_WAIT_S * 5)
+        console.unplug(1)
+        wait_for(lambda: mode.text == why, "the viewer to say why")
+        assert not page.find_element(By.ID, "viewer-video").is_displayed()
+        assert not page.find_element(By.ID, "viewer-image").is_displayed()
+        card = page.find_element(By.CSS_SELECTOR, "section.camera-card[data-camera='1'] header .error")
+        assert card.text == why.split(": ", 1)[1]
+        wait_for(lambda: (lambda s: (s["webrtc"]["sessions"], s["streams"]["active"]) == (0, 0))(console.stats()),
+                 "the session to end")
+        ended = [e["text"] for e in console.events() if e["text"].startswith("WebRTC viewer on camera 1 view 2 ended")]
+        assert len(ended) == 1 and ended[0].endswith(" frames: " + why), ended
+        first = wait_for(lambda: browser.painted_number("tile-0-2", 640, 360), "a picture on tile 0/2")
+        wait_for(lambda: (lambda n: n is not None and n > first)(browser.painted_number("tile-0-2", 640, 360)),
+                 "the next picture of camera 0")
+
+
 def test_viewer_falls_back_to_mjpeg_without_webrtc():
     # Host candidates on an address this machine does not have: no ICE
     # connection can be made, so no picture comes by WebRTC.

@@ -328,6 +328,7 @@ def test_an_unplugged_cameras_streams_end_and_newcomers_are_refused():
         # Newcomers are told at once, and take no slot.
         for method, path, body, headers in (
                 ("GET", "/stream/1/1.mjpg", None, None), ("GET", "/api/preview/1/0.jpg?after=1000000", None, None),
+                ("GET", "/api/snapshot/1/2.png", None, None),
                 ("POST", "/whep/1/2", "v=0\r\n", {"Content-Type": "application/sdp"})):
             status, _, answer = console.request(method, path, body, headers)
             assert (status, json.loads(answer)) == (503, {"error": why}), path

@@ -76,6 +76,12 @@ def test_an_unplugged_cameras_live_view_ends_and_says_why():
         first = wait_for(lambda: browser.painted_number("tile-0-2", 640, 360), "a picture on tile 0/2")
         wait_for(lambda: (lambda n: n is not None and n > first)(browser.painted_number("tile-0-2", 640, 360)),
                  "the next picture of camera 0")
+        # Opened again, the view is refused and says the same, taking no slot.
+        page.find_element(By.ID, "viewer-close").click()
+        page.find_element(By.CSS_SELECTOR, "figure[data-camera='1'][data-view='0']").find_element(
+            By.XPATH, ".//button[text()='Live']").click()
+        wait_for(lambda: mode.text == why, "the viewer to say why again")
+        assert console.stats()["streams"]["active"] == 0
 
 
 def test_viewer_falls_back_to_mjpeg_without_webrtc():

@@ -207,6 +207,10 @@ export class Tiles {
     $('viewer-title').textContent = `camera ${camera.camera} · view ${view.view} · ${view.format} ${view.width}x${view.height}`;
     $('viewer-snapshot').href = view.snapshot;
     $('viewer-snapshot').download = `camera${camera.camera}-view${view.view}.png`;
+    // Nothing of the viewer before is said of this one.
+    const mode = $('viewer-mode');
+    mode.textContent = '';
+    for (const key of Object.keys(mode.dataset)) delete mode.dataset[key];
     $('viewer').hidden = false;
     $('viewer-close').focus();
     const viewer = { camera: camera.camera, closed: false, ended: false, session: null };

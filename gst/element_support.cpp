@@ -55,20 +55,15 @@ bool check_camera_present(GstElement *element, int camera, int mode)
     return false;
 }
 
-GstClockTime running_time_ago(GstElement *element, gint64 age_us)
+GstClockTime running_time_ago(GstClock *clock, GstClockTime base_time, gint64 age_us)
 {
-    GST_OBJECT_LOCK(element);
-    GstClock *clock = element->clock ? GST_CLOCK_CAST(gst_object_ref(element->clock)) : nullptr;
-    GstClockTime base = element->base_time;
-    GST_OBJECT_UNLOCK(element);
     if (!clock)
         return GST_CLOCK_TIME_NONE;
     GstClockTime now = gst_clock_get_time(clock);
-    gst_object_unref(clock);
     GstClockTime age = GstClockTime(MAX(age_us, 0)) * GST_USECOND;
-    if (now < base + age)
+    if (now < base_time + age)
         return 0;
-    return now - age - base;
+    return now - age - base_time;
 }
 
 WaitResult wait_readable(GstPoll *poll, GstClockTime timeout)

@@ -28,10 +28,9 @@ void refuse_property(GObject *object, const char *property, const std::string &r
 // list `camera` (or, without a platform node, its video node is missing).
 bool check_camera_present(GstElement *element, int camera, int mode);
 
-// The running time of the element's pipeline `age_us` microseconds ago
-// (clock and base time read together under the object lock);
+// The running time on `clock` with `base_time` `age_us` microseconds ago;
 // GST_CLOCK_TIME_NONE without a clock, 0 for a moment before the start.
-GstClockTime running_time_ago(GstElement *element, gint64 age_us);
+GstClockTime running_time_ago(GstClock *clock, GstClockTime base_time, gint64 age_us);
 
 // Waits until the node's descriptor is readable (a filled buffer waits).
 enum class WaitResult { Ready, TimedOut, Flushing, Failed };

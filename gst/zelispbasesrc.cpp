@@ -330,12 +330,20 @@ void Source::start_streaming() { gst_pad_start_task(task_pad_, stream_loop, elem
 
 void Source::play()
 {
+    GST_OBJECT_LOCK(element_);
+    GstClock *clock = element_->clock ? GST_CLOCK_CAST(gst_object_ref(element_->clock)) : nullptr;
+    GstClockTime base_time = element_->base_time;
+    GST_OBJECT_UNLOCK(element_);
     {
         std::lock_guard<std::mutex> guard(live_lock_);
         playing_ = true;
         ++resumes_;
         resumed_at_us_ = g_get_monotonic_time();
+        std::swap(resumed_clock_, clock);
+        resumed_base_time_ = base_time;
     }
+    if (clock)
+        gst_object_unref(clock);
     live_changed_.notify_all();
     wake_streaming_thread(FALSE);
 }
@@ -410,6 +418,9 @@ void Source::tear_down()
         output->output.copies.reset();
     streaming_outputs_.clear();
     streaming_version_ = G_MAXUINT64;
+    gst_object_replace(reinterpret_cast<GstObject **>(&clock_), nullptr);
+    std::lock_guard<std::mutex> guard(live_lock_);
+    gst_object_replace(reinterpret_cast<GstObject **>(&resumed_clock_), nullptr);
 }
 
 // An EOS sent to the element (gst-launch-1.0 -e, an application ending a
@@ -459,6 +470,8 @@ void Source::note_resume()
     resumes_seen_ = resumes_;
     resume_floor_us_ = resumed_at_us_;
     resumed_ = have_sequence_;
+    gst_object_replace(reinterpret_cast<GstObject **>(&clock_), GST_OBJECT_CAST(resumed_clock_));
+    base_time_ = resumed_base_time_;
 }
 
 // Waits until every camera of the set has a filled buffer waiting. A
@@ -576,7 +589,7 @@ void Source::give_back(const FrameSet &set)
 GstClockTime Source::set_pts(uint64_t capture_us, gint64 now_us)
 {
     gint64 age_us = trusted_capture(capture_us, stream_on_us_, now_us) ? now_us - gint64(capture_us) : 0;
-    GstClockTime pts = running_time_ago(element_, age_us);
+    GstClockTime pts = running_time_ago(clock_, base_time_, age_us);
     if (pts == GST_CLOCK_TIME_NONE)
         return pts;
     if (have_pts_ && pts <= last_pts_)

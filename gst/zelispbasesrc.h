@@ -231,6 +231,10 @@ private:
     std::atomic<bool> stopping_{false};
     std::atomic<uint64_t> resumes_{0}; // PAUSED to PLAYING transitions since set-up
     gint64 resumed_at_us_ = 0;  // CLOCK_MONOTONIC of the last one
+    // The pipeline's clock (a reference of its own) and base time: a
+    // pipeline hands them to its elements on every way to PLAYING.
+    GstClock *resumed_clock_ = nullptr;
+    GstClockTime resumed_base_time_ = 0;
     std::atomic<bool> eos_pending_{false};
 
     // Streaming thread only.
@@ -238,6 +242,8 @@ private:
     bool started_pads_ = false;
     uint64_t resumes_seen_ = 0;
     gint64 resume_floor_us_ = 0;   // frames captured before it belong to the pause
+    GstClock *clock_ = nullptr;    // the last resume's, for the PTS: no lock a frame
+    GstClockTime base_time_ = 0;
     bool resumed_ = false;         // no set pushed since a resume: the gap is the pause's
     bool discont_pending_ = false; // a set was lost since the last push
     gint64 stream_on_us_ = 0;

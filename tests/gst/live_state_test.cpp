@@ -129,6 +129,32 @@ TEST_F(LiveStateTest, TwentyPauseResumeCyclesWithClockSyncedSinksNeverWaitAndPts
     EXPECT_EQ(zsim::live_descriptors(), 0u);
 }
 
+// A pipeline may run on another clock after a pause (a clock provider
+// added, or the application's choice): the PTS follow the clock the
+// pipeline gives with the resume. Kept on the old clock with the new base
+// time, every PTS would fall before the start and be nudged by 1 ns.
+TEST_F(LiveStateTest, PtsFollowTheClockThePipelineChoseForTheResume)
+{
+    launch("zelispsrc name=s ! fakesink sync=false");
+    GstClock *monotonic = gst_system_clock_obtain();
+    GstClock *realtime = GST_CLOCK(g_object_new(GST_TYPE_SYSTEM_CLOCK, "clock-type", GST_CLOCK_TYPE_REALTIME, nullptr));
+    gst_object_ref_sink(realtime);
+    gst_pipeline_use_clock(GST_PIPELINE(pipeline_), monotonic);
+    ASSERT_NE(set_state(GST_STATE_PLAYING), GST_STATE_CHANGE_FAILURE);
+    ASSERT_TRUE(wait_pushed(3));
+    ASSERT_EQ(set_state(GST_STATE_PAUSED), GST_STATE_CHANGE_NO_PREROLL);
+    const size_t before_resume = pushed_count();
+    gst_pipeline_use_clock(GST_PIPELINE(pipeline_), realtime);
+    ASSERT_NE(set_state(GST_STATE_PLAYING), GST_STATE_CHANGE_FAILURE);
+    ASSERT_TRUE(wait_pushed(before_resume + 4));
+    stop();
+    std::vector<Pushed> all = pushed();
+    for (size_t i = before_resume + 1; i < all.size(); ++i)
+        EXPECT_GT(all[i].pts, all[i - 1].pts + GST_USECOND) << "buffer " << i << " of a sensor at 60 frames a second";
+    gst_object_unref(realtime);
+    gst_object_unref(monotonic);
+}
+
 TEST_F(LiveStateTest, FramesCapturedWhilePausedAreNotPushedAndTimeMovesOn)
 {
     zsim::set_frame_mode(0, zsim::FrameMode::Scripted);

@@ -20,6 +20,7 @@ import numpy as np
 
 SIM_RUN = os.environ.get("ZELISP_SIM_RUN", "zelisp-sim-run")
 CAM = os.environ.get("ZELISP_CAM", "zelisp-cam")
+UNPLUG = os.environ.get("ZELISP_WEB_UNPLUG", "zelisp-web-unplug")
 OUT = os.environ.get("WEB_TEST_OUT", tempfile.gettempdir())
 
 # Bounds for loops that wait on the server: generous, for a loaded machine.
@@ -33,11 +34,12 @@ class Console:
     def __init__(self, args=(), config=None, env=None, listen="127.0.0.1:0"):
         os.makedirs(OUT, exist_ok=True)
         command = [SIM_RUN]
+        self.config = None
         if config:
-            fd, path = tempfile.mkstemp(suffix=".ini", dir=OUT)
+            fd, self.config = tempfile.mkstemp(suffix=".ini", dir=OUT)
             with os.fdopen(fd, "w") as f:
                 f.write(config)
-            command += ["--config", path]
+            command += ["--config", self.config]
         command += ["--", CAM, "serve", "--listen", listen, *args]
         self.process = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
                                         env={**os.environ, **(env or {})})
@@ -105,6 +107,19 @@ class Console:
         # exit (a leak, say) makes it fail the test that ran it.
         if running and exc_type is None:
             assert self.process.returncode == 0, self.stderr()[-3000:]
+
+    def unplug(self, camera):
+        """Pulls the camera out of the console's board, as a USB camera is
+        pulled out: a program joins the board through the console's
+        descriptor of it, described by the same configuration file."""
+        pid = self.process.pid
+        board = next(fd for fd in os.listdir(f"/proc/{pid}/fd")
+                     if os.readlink(f"/proc/{pid}/fd/{fd}").startswith("/memfd:zelisp-sim-board"))
+        env = {**os.environ, "ZELISP_SIM_BOARD": f"{pid}/{board}"}
+        env.pop("ZELISP_SIM_CONFIG", None)
+        if self.config:
+            env["ZELISP_SIM_CONFIG"] = self.config
+        subprocess.run([UNPLUG, str(camera)], env=env, check=True, timeout=LONG_WAIT_S)
 
     def connection(self, timeout=LONG_WAIT_S):
         if self.scheme == "https":

@@ -296,6 +296,71 @@ def test_stream_limit_answers_503_and_frees_on_close():
             assert all_slots_free()
 
 
+UNPLUGGED = "taking a frame: a driver request failed, or the frame was refused"
+
+
+def test_an_unplugged_cameras_streams_end_and_newcomers_are_refused():
+    # A camera pulled out while viewers watch: their streams end at once as
+    # a multipart body ends (the closing boundary, then the chunked body's
+    # end), their slots are free, the stats and the event list say why in
+    # the library's words, and the other camera's viewer goes on.
+    with Console(config=TWO_CAMERAS) as console:
+        streams = [open_stream(console, path) for path in ("/stream/1/0.mjpg", "/stream/1/2.mjpg?size=full",
+                                                           "/stream/0/2.mjpg")]
+        for _, response in streams:
+            mjpeg_parts(response, 2)
+        console.unplug(1)
+        for conn, response in streams[:2]:
+            rest = response.read()  # returns once the chunked body has ended
+            assert rest.endswith(b"\r\n--zelispframe--\r\n"), rest[-40:]
+            conn.close()
+        [(sequence, image)] = mjpeg_parts(streams[2][1], 1)
+        assert frame_number(image, 640, 360) == sequence
+        stats = console.stats()
+        assert [(c["camera"], c["error"]) for c in stats["cameras"]] == [(0, None), (1, UNPLUGGED)]
+        assert stats["streams"]["active"] == 1
+        why = "camera 1 stopped: " + UNPLUGGED
+        events = console.events()
+        assert [(e["kind"], e["text"]) for e in events if e["source"] == "console"][-1] == ("warning", why)
+        assert ("failure", "/dev/video1", "/dev/video1 get frame failed") in [
+            (e["kind"], e["node"], e["text"]) for e in events if e["source"] == "library"]
+
+        # Newcomers are told at once, and take no slot.
+        for method, path, body, headers in (
+                ("GET", "/stream/1/1.mjpg", None, None), ("GET", "/api/preview/1/0.jpg?after=1000000", None, None),
+                ("GET", "/api/snapshot/1/2.png", None, None),
+                ("POST", "/whep/1/2", "v=0\r\n", {"Content-Type": "application/sdp"})):
+            status, _, answer = console.request(method, path, body, headers)
+            assert (status, json.loads(answer)) == (503, {"error": why}), path
+        assert console.stats()["streams"] == {**stats["streams"], "active": 1}
+        [(later, _)] = mjpeg_parts(streams[2][1], 1)
+        assert later > sequence
+        streams[2][0].close()
+
+
+def test_a_group_ends_with_a_member_unplugged():
+    # The group's frame sets need every member: with one pulled out, the
+    # viewers of the others end too, and the frame-set loop stops reading
+    # instead of failing again on every wake-up (the failure is said once).
+    with Console(["--group", "--views", "2"], config=TWO_CAMERAS) as console:
+        conn, response = open_stream(console, "/stream/0/2.mjpg")
+        mjpeg_parts(response, 2)
+        console.unplug(1)
+        assert response.read().endswith(b"\r\n--zelispframe--\r\n")
+        conn.close()
+        failed = "reading a frame set: a driver request failed, or the frame was refused"
+        stopped = "the group stopped with camera 1"
+        assert [(c["camera"], c["error"]) for c in console.stats()["cameras"]] == [(0, stopped), (1, failed)]
+        status, answer = console.json("GET", "/stream/0/2.mjpg")
+        assert (status, answer) == (503, {"error": "camera 0 stopped: " + stopped})
+        # A command the capture thread runs: it has been round its loop since.
+        assert console.json("PUT", "/api/cameras/0/running", {"value": False})[0] == 409
+        texts = [e["text"] for e in console.events()]
+        assert texts.count("camera 1 stopped: " + failed) == 1 and texts.count("camera 0 stopped: " + stopped) == 1
+        failures = [e for e in console.events() if e["source"] == "library" and e["kind"] == "failure"]
+        assert [(e["node"], e["text"]) for e in failures] == [("/dev/video1", "/dev/video1 get frame failed")]
+
+
 # Slow cameras and deep queues: capture only drops a frame if its thread
 # stalls for 1.4 s, so any drop below is the server's fault, not the machine's.
 CALM = "[cameras]\npresent = 0, 1\n" + "".join(f"[camera {c}]\nfps = 5\nmax_buffers = 8\n" for c in (0, 1))

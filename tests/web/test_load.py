@@ -10,7 +10,7 @@ import signal
 import statistics
 import time
 
-from console import LONG_WAIT_S, Console
+from console import LONG_WAIT_S, Console, frame_number, mjpeg_parts, open_stream
 from load import MANY_CLIENTS_FROM_LOOPBACK, SlowClients, answer_times, connect_from, flood, watch_and_snap
 
 MB = 1024  # in kB, as /proc reports RSS
@@ -129,6 +129,56 @@ def test_webrtc_sessions_that_end_give_back_descriptors_and_threads():
         print(f"\n16 WebRTC sessions started and ended: descriptors {before[0]} -> {after[0]}, "
               f"threads {before[1]} -> {after[1]}")
         # One session held some 20 descriptors and 2 threads until it was released.
+        assert after[0] - before[0] < 10 and after[1] - before[1] < 4, (before, after)
+
+
+def test_an_unplugged_cameras_viewers_give_back_slots_descriptors_and_threads():
+    # WebRTC sessions and MJPEG streams of a camera pulled out end by
+    # themselves: their pipelines, sockets, threads and slots are released,
+    # the event list says why, and the other camera is watched on.
+    sdp = {"Content-Type": "application/sdp"}
+    why = "camera 1 stopped: taking a frame: a driver request failed, or the frame was refused"
+    with Console(["--cameras", "0,1"]) as console:
+        # GStreamer's registry, thread pools and first buffers come once: as
+        # many sessions at once as below, on the other camera.
+        warm_up = [console.request("POST", "/whep/0/2", whep_offer(), sdp) for _ in range(3)]
+        for status, headers, _ in warm_up:
+            assert status == 201 and console.request("DELETE", headers["Location"])[0] == 200
+        deadline = time.monotonic() + LONG_WAIT_S
+        while console.stats()["webrtc"]["sessions"] and time.monotonic() < deadline:
+            time.sleep(0.05)
+        before = descriptors_and_threads(console)
+        sessions = []
+        for view in (1, 2, 2):
+            status, headers, answer = console.request("POST", f"/whep/1/{view}", whep_offer(), sdp)
+            assert status == 201, (status, answer)
+            sessions.append(headers["Location"])
+        streams = [open_stream(console, path) for path in ("/stream/1/0.mjpg", "/stream/1/1.mjpg", "/stream/0/2.mjpg")]
+        for _, response in streams:
+            mjpeg_parts(response, 1)
+        assert console.stats()["streams"]["active"] == 6
+        console.unplug(1)
+        for conn, response in streams[:2]:
+            assert response.read().endswith(b"--zelispframe--\r\n")
+            conn.close()
+        deadline = time.monotonic() + LONG_WAIT_S
+        while console.stats()["streams"]["active"] > 1 and time.monotonic() < deadline:
+            time.sleep(0.05)
+        stats = console.stats()
+        assert (stats["webrtc"]["sessions"], stats["streams"]["active"]) == (0, 1)
+        texts = [e["text"] for e in console.events()]
+        for view in (1, 2):
+            assert f"WebRTC viewer on camera 1 view {view} ended after 0 frames: {why}" in texts
+        for location in sessions:  # nothing left to end
+            assert console.request("DELETE", location)[0] == 404
+        [(sequence, image)] = mjpeg_parts(streams[2][1], 1)
+        assert frame_number(image, 640, 360) == sequence
+        streams[2][0].close()
+        while console.stats()["streams"]["active"] and time.monotonic() < deadline:
+            time.sleep(0.05)
+        after = descriptors_and_threads(console)
+        print(f"\n3 WebRTC sessions and 2 streams of an unplugged camera: descriptors {before[0]} -> {after[0]}, "
+              f"threads {before[1]} -> {after[1]}")
         assert after[0] - before[0] < 10 and after[1] - before[1] < 4, (before, after)
 
 

@@ -31,6 +31,12 @@ int64_t unix_time_of(uint64_t timestamp_us)
     return real_us - (monotonic_us - int64_t(timestamp_us));
 }
 
+// Why a failed camera gives no more frames, for its viewers and the event log.
+std::string stop_text(int camera, const std::string &error)
+{
+    return "camera " + std::to_string(camera) + " stopped: " + error;
+}
+
 } // namespace
 
 uint32_t HubOptions::combination() const
@@ -124,10 +130,23 @@ void CameraHub::attach(int camera, int view, std::shared_ptr<ViewTap> tap)
     Camera *state = find(camera);
     if (state == nullptr)
         return;
-    std::lock_guard<std::mutex> lock(taps_mutex_);
-    auto taps = std::make_shared<std::vector<TapEntry>>(*state->taps);
-    taps->push_back({view, std::move(tap)});
-    state->taps = std::move(taps);
+    std::string error;
+    {
+        // fail() takes the same locks in the same order: a tap is either
+        // in the list it tells, or sees the error here.
+        std::lock_guard<std::mutex> lock(taps_mutex_);
+        {
+            std::lock_guard<std::mutex> stats_lock(stats_mutex_);
+            error = state->error;
+        }
+        if (error.empty()) {
+            auto taps = std::make_shared<std::vector<TapEntry>>(*state->taps);
+            taps->push_back({view, tap});
+            state->taps = std::move(taps);
+        }
+    }
+    if (!error.empty())
+        tap->ended(stop_text(camera, error));
 }
 
 void CameraHub::detach(int camera, int view, const ViewTap *tap)
@@ -177,10 +196,41 @@ void CameraHub::capture_loop()
     run_commands();
 }
 
-void CameraHub::note_error(Camera &camera, const std::string &error)
+// A camera whose driver request failed gives no more frames: the frame
+// loop leaves it alone from then on (an unplugged camera's node answers
+// every request with ENODEV, and poll() reports it at once, again and
+// again). Its first failure is kept, logged, and told to its taps, so that
+// no viewer waits for a frame that will not come.
+void CameraHub::fail(Camera &camera, const std::string &error)
+{
+    std::shared_ptr<const std::vector<TapEntry>> taps;
+    {
+        std::lock_guard<std::mutex> lock(taps_mutex_);
+        std::lock_guard<std::mutex> stats_lock(stats_mutex_);
+        if (!camera.error.empty())
+            return;
+        camera.error = error;
+        taps = camera.taps;
+    }
+    const std::string why = stop_text(camera.number, error);
+    events_.note("warning", why);
+    for (const TapEntry &entry : *taps)
+        entry.tap->ended(why);
+}
+
+// A group reads its members' frames together: one member that fails ends
+// the frame sets of all.
+void CameraHub::fail_group(Camera &member, const std::string &error)
+{
+    fail(member, error);
+    for (auto &camera : cameras_)
+        fail(*camera, "the group stopped with camera " + std::to_string(member.number));
+}
+
+bool CameraHub::group_failed() const
 {
     std::lock_guard<std::mutex> lock(stats_mutex_);
-    camera.error = error;
+    return std::any_of(cameras_.begin(), cameras_.end(), [](const auto &camera) { return !camera->error.empty(); });
 }
 
 void CameraHub::handle_frame(Camera &camera, const zelvideo::_isp_buf_t &frame)
@@ -250,14 +300,14 @@ void CameraHub::take_frame(Camera &camera)
     if (result == ISP_ERR_NOT_READY || result == ISP_ERR_TIMEOUT)
         return;
     if (result != ISP_OK) {
-        note_error(camera, std::string("taking a frame: ") + isp_get_result_text(result));
+        fail(camera, std::string("taking a frame: ") + isp_get_result_text(result));
         return;
     }
     handle_frame(camera, frame);
     // The frame goes straight back: the taps made their copies.
     result = isp_put_frame_buf(camera.handle, &frame);
     if (result != ISP_OK)
-        note_error(camera, std::string("giving a frame back: ") + isp_get_result_text(result));
+        fail(camera, std::string("giving a frame back: ") + isp_get_result_text(result));
 }
 
 // Sleeps until a camera has a frame, a command comes, or kWaitMs pass.
@@ -311,14 +361,15 @@ void CameraHub::group_loop()
     // GetFrame writes a member's record only when it hands a frame over; an
     // index no buffer has marks the members a failed set read did not reach.
     constexpr uint32_t kNoFrame = 0xffffffffu;
-    std::vector<Camera *> members;
+    std::vector<Camera *> members, none;
     for (auto &camera : cameras_)
         members.push_back(camera.get());
     std::vector<bool> ready;
     while (!stopping_) {
         run_commands();
-        // A set is read once a member has a frame; the read waits for the rest.
-        if (!wait_for_frames(members, &ready))
+        // A set is read once a member has a frame; the read waits for the
+        // rest. Once a member failed, only commands are waited for.
+        if (!wait_for_frames(group_failed() ? none : members, &ready))
             continue;
         for (auto &frame : set_frames_)
             frame.index = kNoFrame;
@@ -346,11 +397,12 @@ void CameraHub::group_loop()
                 isp_put_frame_buf(cameras_[failed]->handle, &set_frames_[failed]);
                 ++failed;
             }
-            std::lock_guard<std::mutex> lock(stats_mutex_);
-            if (failed > 0)
+            if (failed > 0) {
+                std::lock_guard<std::mutex> lock(stats_mutex_);
                 sets_.incomplete();
+            }
             if (!refused && result != ISP_ERR_NOT_READY && failed < set_frames_.size())
-                cameras_[failed]->error = std::string("reading a frame set: ") + isp_get_result_text(result);
+                fail_group(*cameras_[failed], std::string("reading a frame set: ") + isp_get_result_text(result));
             continue;
         }
         std::vector<uint64_t> timestamps;
@@ -368,7 +420,7 @@ void CameraHub::group_loop()
         }
         result = zelvideo::isp_group_put_frame(group_, set_frames_.data(), int(set_frames_.size()));
         if (result != ISP_OK)
-            note_error(*cameras_.front(), std::string("giving a frame set back: ") + isp_get_result_text(result));
+            fail_group(*cameras_.front(), std::string("giving a frame set back: ") + isp_get_result_text(result));
     }
 }
 
@@ -385,6 +437,13 @@ std::vector<CameraHub::CameraFigures> CameraHub::camera_figures() const
                            camera->error});
     }
     return figures;
+}
+
+std::string CameraHub::stop_reason(int camera) const
+{
+    Camera *state = find(camera);
+    std::lock_guard<std::mutex> lock(stats_mutex_);
+    return state == nullptr || state->error.empty() ? "" : stop_text(camera, state->error);
 }
 
 bool CameraHub::last_sequence(int camera, uint32_t *sequence) const

@@ -87,7 +87,8 @@ public:
     std::vector<CameraLayout> layout() const;
     std::optional<zelvideo::_view_format_t> view_format(int camera, int view) const;
 
-    // Taps see every frame of their camera's view from the next one on.
+    // Taps see every frame of their camera's view from the next one on; a
+    // tap attached to a camera that has ended is told so at once.
     void attach(int camera, int view, std::shared_ptr<ViewTap> tap);
     void detach(int camera, int view, const ViewTap *tap);
 
@@ -112,6 +113,9 @@ public:
         std::string error;
     };
     std::vector<CameraFigures> camera_figures() const;
+    // Why the camera gives no more frames ("camera 1 stopped: taking a
+    // frame: ..."), or "" while it can.
+    std::string stop_reason(int camera) const;
     // The sequence number of the camera's latest frame, and whether it had one.
     bool last_sequence(int camera, uint32_t *sequence) const;
     struct GroupFigures {
@@ -143,7 +147,9 @@ private:
     bool wait_for_frames(std::vector<Camera *> &cameras, std::vector<bool> *ready);
     void take_frame(Camera &camera);
     void handle_frame(Camera &camera, const zelvideo::_isp_buf_t &frame);
-    void note_error(Camera &camera, const std::string &error);
+    void fail(Camera &camera, const std::string &error);
+    void fail_group(Camera &member, const std::string &error);
+    bool group_failed() const;
     bool count_refusal(Camera &camera, const LineWatch &watch);
     void log_lines(const LineWatch &watch);
     Camera *find(int camera) const;

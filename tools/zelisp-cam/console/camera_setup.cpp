@@ -295,7 +295,7 @@ std::string CameraHub::set_view_format(int number, int view, const zelvideo::_vi
     if (!error.empty()) {
         std::string restored = reopen(former);
         if (!restored.empty())
-            note_error(*camera, "the camera could not be set up again: " + restored);
+            fail(*camera, "the camera could not be set up again: " + restored);
     }
     return error;
 }

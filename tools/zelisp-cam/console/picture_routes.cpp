@@ -13,7 +13,9 @@ constexpr const char *kBoundary = "zelispframe";
 
 // One viewer of an MJPEG stream: each part is the feed's latest picture,
 // sent from the shared JPEG without a copy. A viewer that reads slowly
-// skips the pictures made meanwhile.
+// skips the pictures made meanwhile. When the camera gives no more frames
+// the stream ends as a multipart body ends, with the closing boundary, and
+// the answer is complete: a player or an <img> sees the end at once.
 class MjpegViewer : public StreamSource {
 public:
     MjpegViewer(PreviewFeed &feed, StreamSlots &slots, int64_t later_than, std::weak_ptr<HttpExchange> exchange)
@@ -26,17 +28,16 @@ public:
     {
         if (part_ == 3) {
             picture_ = feed_.next(generation_, later_than_, exchange_);
-            if (!picture_)
+            if (picture_)
+                begin_part();
+            else if (feed_.has_ended())
+                part_ = 4; // the camera gives no more frames
+            else
                 return 0;
-            generation_ = picture_->generation;
-            later_than_ = -1;
-            head_ = std::string("--") + kBoundary + "\r\nContent-Type: image/jpeg\r\nContent-Length: " +
-                    std::to_string(picture_->jpeg->size()) + "\r\nX-Frame-Sequence: " +
-                    std::to_string(picture_->mark.sequence) + "\r\n\r\n";
-            part_ = 0;
-            offset_ = 0;
         }
-        const std::string &text = part_ == 0 ? head_ : part_ == 1 ? *picture_->jpeg : kPartEnd;
+        if (part_ == 5)
+            return -1;
+        const std::string &text = part_ == 0 ? head_ : part_ == 1 ? *picture_->jpeg : part_ == 2 ? kPartEnd : kClose;
         size_t count = std::min(max, text.size() - offset_);
         memcpy(out, text.data() + offset_, count);
         offset_ += count;
@@ -54,7 +55,19 @@ public:
     }
 
 private:
+    void begin_part()
+    {
+        generation_ = picture_->generation;
+        later_than_ = -1;
+        head_ = std::string("--") + kBoundary + "\r\nContent-Type: image/jpeg\r\nContent-Length: " +
+                std::to_string(picture_->jpeg->size()) + "\r\nX-Frame-Sequence: " +
+                std::to_string(picture_->mark.sequence) + "\r\n\r\n";
+        part_ = 0;
+        offset_ = 0;
+    }
+
     inline static const std::string kPartEnd = "\r\n";
+    inline static const std::string kClose = std::string("--") + kBoundary + "--\r\n";
     PreviewFeed &feed_;
     StreamSlots &slots_;
     int64_t later_than_; // the first picture shows a frame taken after the stream was asked for
@@ -62,7 +75,7 @@ private:
     std::shared_ptr<const Picture> picture_;
     uint64_t generation_ = 0;
     std::string head_;
-    int part_ = 3; // 0 head, 1 JPEG, 2 line end, 3 between parts
+    int part_ = 3; // 0 head, 1 JPEG, 2 line end, 3 between parts, 4 closing boundary, 5 done
     size_t offset_ = 0;
 };
 
@@ -107,6 +120,11 @@ void ConsoleRoutes::get_stream(const Exchange &exchange, const Segments &capture
         head.type = type;
         head.headers = {{"Cache-Control", "no-store"}};
         exchange->reply(std::move(head));
+        return;
+    }
+    std::string failure = console_.hub.stop_reason(camera);
+    if (!failure.empty()) {
+        exchange->reply(error_response(503, failure));
         return;
     }
     if (!console_.slots.take()) {

@@ -30,6 +30,14 @@ HttpResponse picture_response(const Picture &picture)
     return response;
 }
 
+HttpResponse ended_response(const std::string &why)
+{
+    HttpResponse response;
+    response.status = 503;
+    response.body = json_error_body(why);
+    return response;
+}
+
 } // namespace
 
 PreviewFeed::PreviewFeed(int camera, int view, uint32_t max_width, int quality, PictureWorkers &workers,
@@ -116,19 +124,48 @@ void PreviewFeed::publish(std::shared_ptr<const Picture> shared)
             exchange->wake();
 }
 
+void PreviewFeed::ended(const std::string &why)
+{
+    std::vector<Poller> answered;
+    std::vector<std::weak_ptr<HttpExchange>> sleepers;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        ended_ = why;
+        answered.swap(pollers_);
+        sleepers.swap(sleepers_);
+    }
+    for (const Poller &poller : answered)
+        poller.exchange->reply(ended_response(why));
+    for (const auto &sleeper : sleepers)
+        if (auto exchange = sleeper.lock())
+            exchange->wake();
+}
+
+bool PreviewFeed::has_ended() const
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    return !ended_.empty();
+}
+
 void PreviewFeed::poll(uint64_t after, const std::shared_ptr<HttpExchange> &exchange, std::chrono::milliseconds wait)
 {
     std::shared_ptr<const Picture> now_ready;
+    std::string ended;
     {
         std::lock_guard<std::mutex> lock(mutex_);
+        ended = ended_;
         auto now = Clock::now();
         polled_until_ = now + kPollKeepsFeedFor;
         if (latest_ && latest_->generation > after && now - latest_->mark.taken_at < kFreshFor) {
             now_ready = latest_;
-        } else {
+        } else if (ended.empty()) {
             pollers_.push_back({after, exchange});
             ask();
         }
+    }
+    if (!ended.empty() && !now_ready) {
+        exchange->reply(ended_response(ended));
+        return;
     }
     if (now_ready) {
         exchange->reply(picture_response(*now_ready));
@@ -163,6 +200,8 @@ std::shared_ptr<const Picture> PreviewFeed::next(uint64_t after, int64_t later_t
     std::lock_guard<std::mutex> lock(mutex_);
     if (latest_ && latest_->generation > after && int64_t(latest_->mark.sequence) > later_than)
         return latest_;
+    if (!ended_.empty())
+        return nullptr; // nothing more will come: the caller looks at has_ended()
     sleepers_.push_back(exchange);
     ask();
     return nullptr;

@@ -45,6 +45,10 @@ public:
 
     void take(const ViewImage &image, const FrameMark &mark) override;
     void work() override; // makes the picture of the copied frame
+    // The camera gives no more frames: polls are answered 503 with `why`,
+    // and streams end once they have sent the pictures made before.
+    void ended(const std::string &why) override;
+    bool has_ended() const;
 
     // A picture newer than `after` for `exchange`: at once when the latest
     // is newer and fresh, else the next one, or 204 after `wait`.
@@ -52,7 +56,7 @@ public:
 
     // For endless streams: the latest picture if it is newer than `after`
     // and shows a frame later than `later_than`; otherwise null, and
-    // `exchange` is woken when the next picture is out.
+    // `exchange` is woken when the next picture is out or the feed ends.
     std::shared_ptr<const Picture> next(uint64_t after, int64_t later_than, const std::weak_ptr<HttpExchange> &exchange);
     void viewer_joined();
     void viewer_left();
@@ -97,6 +101,7 @@ private:
     RateMeter rate_;
     double encode_ms_total_ = 0;
     std::string error_;
+    std::string ended_; // why the camera gives no more frames
 };
 
 } // namespace zcam

@@ -30,13 +30,19 @@ SnapshotDesk::SnapshotDesk(int camera, int view, PictureWorkers &workers, Timers
 void SnapshotDesk::request(const std::shared_ptr<HttpExchange> &exchange, std::chrono::milliseconds wait)
 {
     bool queued = false;
+    std::string ended;
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        if (waiting_.size() < kMaxWaiting) {
+        ended = ended_;
+        if (ended.empty() && waiting_.size() < kMaxWaiting) {
             waiting_.push_back(exchange);
             wanted_ = !encoding_;
             queued = true;
         }
+    }
+    if (!ended.empty()) {
+        exchange->reply(json_error(503, ended));
+        return;
     }
     if (!queued) {
         exchange->reply(json_error(503, std::to_string(kMaxWaiting) + " snapshots of camera " +
@@ -77,6 +83,19 @@ void SnapshotDesk::expire(const std::shared_ptr<HttpExchange> &exchange, std::ch
     exchange->reply(json_error(503, busy ? "the snapshot could not be made in time: the board is too busy"
                                               : "no frame from camera " + std::to_string(camera_) + " within " +
                                                     std::to_string(wait.count() / 1000) + " s"));
+}
+
+void SnapshotDesk::ended(const std::string &why)
+{
+    std::vector<std::shared_ptr<HttpExchange>> waiting;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        ended_ = why;
+        waiting.swap(waiting_);
+        wanted_ = false;
+    }
+    for (const auto &exchange : waiting)
+        exchange->reply(json_error(503, why));
 }
 
 // On the capture thread: it only tries the lock (a worker may hold it), and

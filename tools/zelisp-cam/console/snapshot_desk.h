@@ -12,6 +12,7 @@
 #include <chrono>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <vector>
 
 #include "http_exchange.h"
@@ -32,6 +33,9 @@ public:
     void request(const std::shared_ptr<HttpExchange> &exchange, std::chrono::milliseconds wait);
     void take(const ViewImage &image, const FrameMark &mark) override;
     void work() override; // encodes the batch's frame and answers it
+    // The camera gives no more frames: the requests waiting for one, and
+    // those that come later, are answered 503 with `why` at once.
+    void ended(const std::string &why) override;
 
     static constexpr size_t kMaxWaiting = 64;
 
@@ -46,6 +50,7 @@ private:
     std::mutex mutex_;
     std::vector<std::shared_ptr<HttpExchange>> waiting_;
     bool encoding_ = false;
+    std::string ended_; // why the camera gives no more frames
     // The batch being encoded: written by the capture thread, then read by
     // a worker, never both at once (wanted_ stays false meanwhile).
     std::vector<std::shared_ptr<HttpExchange>> batch_;

@@ -4,13 +4,15 @@
  * preview feed, a snapshot desk, a WebRTC session). A tap that wants the
  * frame copies the view and hands the copy to another thread; it never
  * converts, encodes or waits, and the frame goes back to the driver as soon
- * as the taps have returned.
+ * as the taps have returned. A camera that fails tells its taps it ended,
+ * so that nothing waits for a frame that will not come.
  */
 #ifndef ZELISP_CAM_CONSOLE_VIEW_TAP_H
 #define ZELISP_CAM_CONSOLE_VIEW_TAP_H
 
 #include <chrono>
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "formats.h"
@@ -39,6 +41,11 @@ public:
     virtual ~ViewTap() = default;
     // Capture thread, for every frame of the tap's camera and view.
     virtual void take(const ViewImage &image, const FrameMark &mark) = 0;
+    // Once, when the camera gives no more frames (a driver request failed:
+    // the camera was unplugged, say); `why` says so in the library's words.
+    // From the capture thread, or from attach() for a camera that ended
+    // before. A tap that keeps nothing waiting ignores it.
+    virtual void ended(const std::string & /* why */) {}
 };
 
 } // namespace zcam

@@ -390,6 +390,22 @@ void WebRtcSession::end()
         ended();
 }
 
+void WebRtcSession::ended(const std::string &why)
+{
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        end_reason_ = why;
+    }
+    answer(503, why);
+    end();
+}
+
+std::string WebRtcSession::end_reason() const
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    return end_reason_;
+}
+
 void WebRtcSession::close()
 {
     ended_ = true;

@@ -66,6 +66,11 @@ public:
 
     // Capture thread: hands the frame to the feeder once the viewer is connected.
     void take(const ViewImage &image, const FrameMark &mark) override;
+    // The camera gives no more frames: an offer not answered yet gets 503
+    // with `why`, and the session ends.
+    void ended(const std::string &why) override;
+    // Why the session ended, when its camera ended it; else "".
+    std::string end_reason() const;
 
     struct Figures {
         uint64_t sent = 0;    // frames handed to the encoder
@@ -91,9 +96,10 @@ private:
     std::atomic<bool> connected_{false};
     std::atomic<bool> ended_{false};
     std::atomic<uint64_t> sent_{0}, skipped_{0};
-    std::mutex mutex_; // guards the callbacks below
+    mutable std::mutex mutex_; // guards the callbacks and the reason below
     Answered answered_;
     std::function<void()> on_ended_;
+    std::string end_reason_;
 };
 
 } // namespace zcam

@@ -57,6 +57,11 @@ void WebRtcViewers::offer(int camera, int view, const std::string &sdp, const st
                                               std::to_string(view)));
         return;
     }
+    std::string failure = hub_.stop_reason(camera);
+    if (!failure.empty()) {
+        exchange->reply(error_answer(503, failure));
+        return;
+    }
     if (!slots_.take()) {
         exchange->reply(error_answer(503, "at most " + std::to_string(slots_.max()) +
                                               " streams at once: close one first"));
@@ -150,8 +155,11 @@ void WebRtcViewers::reap()
         WebRtcSession::Figures figures = session->figures();
         session->close();
         slots_.give_back();
-        events_.note("info", "WebRTC viewer on " + where(session->camera(), session->view()) + " ended after " +
-                                 std::to_string(figures.sent) + " frames");
+        std::string why = session->end_reason();
+        events_.note(why.empty() ? "info" : "warning", "WebRTC viewer on " +
+                                                           where(session->camera(), session->view()) + " ended after " +
+                                                           std::to_string(figures.sent) + " frames" +
+                                                           (why.empty() ? "" : ": " + why));
         lock.lock();
         sent_closed_ += figures.sent;
         skipped_closed_ += figures.skipped;

@@ -181,7 +181,25 @@ export class Tiles {
         card.error.textContent = camera.error;
         card.error.hidden = false;
       }
+      if (camera.error && this.viewer?.camera === camera.camera) {
+        this.endViewer(this.viewer, `camera ${camera.camera} stopped: ${camera.error}`);
+      }
     }
+  }
+
+  // A camera that gives no more frames (unplugged) has ended its WebRTC
+  // session and its stream: the viewer says why in their place, with the
+  // console's own words, rather than falling back to a stream that is over.
+  endViewer(viewer, why) {
+    if (viewer.closed || viewer.ended) return;
+    viewer.ended = true;
+    clearInterval(viewer.figures);
+    if (viewer.session) viewer.session.close();
+    viewer.session = null;
+    $('viewer-image').removeAttribute('src');
+    $('viewer-image').hidden = true;
+    $('viewer-video').hidden = true;
+    $('viewer-mode').textContent = why;
   }
 
   async openViewer(camera, view) {
@@ -189,19 +207,24 @@ export class Tiles {
     $('viewer-title').textContent = `camera ${camera.camera} · view ${view.view} · ${view.format} ${view.width}x${view.height}`;
     $('viewer-snapshot').href = view.snapshot;
     $('viewer-snapshot').download = `camera${camera.camera}-view${view.view}.png`;
+    // Nothing of the viewer before is said of this one.
+    const mode = $('viewer-mode');
+    mode.textContent = '';
+    for (const key of Object.keys(mode.dataset)) delete mode.dataset[key];
     $('viewer').hidden = false;
     $('viewer-close').focus();
-    const viewer = { closed: false, session: null };
+    const viewer = { camera: camera.camera, closed: false, ended: false, session: null };
     this.viewer = viewer;
     const video = $('viewer-video');
     try {
       viewer.session = await playWebRtc(video, view.whep, () => this.fallBack(viewer, view, 'the connection ended'));
-      if (viewer.closed) { viewer.session.close(); return; }
+      if (viewer.closed || viewer.ended) { viewer.session.close(); return; }
       video.hidden = false;
       $('viewer-mode').textContent = 'WebRTC · H.264 · connecting';
       const started = performance.now();
-      while (!viewer.closed && video.videoWidth === 0 && performance.now() - started < FIRST_FRAME_LIMIT_MS) await sleep(100);
-      if (viewer.closed) return;
+      const waiting = () => !viewer.closed && !viewer.ended && video.videoWidth === 0;
+      while (waiting() && performance.now() - started < FIRST_FRAME_LIMIT_MS) await sleep(100);
+      if (viewer.closed || viewer.ended) return;
       if (video.videoWidth === 0) throw new Error('no picture within 5 s');
       $('viewer-mode').textContent = 'WebRTC · H.264';
       viewer.figures = setInterval(() => this.showWebRtcFigures(viewer), 1000);
@@ -228,7 +251,7 @@ export class Tiles {
   }
 
   fallBack(viewer, view, why) {
-    if (viewer.closed || viewer !== this.viewer) return;
+    if (viewer.closed || viewer.ended || viewer !== this.viewer) return;
     clearInterval(viewer.figures);
     if (viewer.session) viewer.session.close();
     viewer.session = null;

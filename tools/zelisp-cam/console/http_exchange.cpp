@@ -23,6 +23,14 @@ namespace zcam {
 
 std::string json_error_body(const std::string &message) { return nlohmann::json{{"error", message}}.dump(); }
 
+HttpResponse json_error_response(int status, const std::string &message)
+{
+    HttpResponse response;
+    response.status = status;
+    response.body = json_error_body(message);
+    return response;
+}
+
 namespace {
 
 constexpr size_t kStreamBlock = 64 * 1024;

@@ -55,6 +55,8 @@ struct HttpResponse {
 // {"error": message} as JSON text, quoted and escaped: a message can carry
 // GStreamer's error text, which quotes element names.
 std::string json_error_body(const std::string &message);
+// An answer of `status` with that body.
+HttpResponse json_error_response(int status, const std::string &message);
 
 // Where an endless answer comes from.
 class StreamSource {

@@ -48,9 +48,7 @@ std::string address_text(const sockaddr *address)
 
 HttpResponse error_response(int status, const std::string &message)
 {
-    HttpResponse response;
-    response.status = status;
-    response.body = json_error_body(message);
+    HttpResponse response = json_error_response(status, message);
     response.headers.emplace_back("Connection", "close");
     return response;
 }

@@ -30,14 +30,6 @@ HttpResponse picture_response(const Picture &picture)
     return response;
 }
 
-HttpResponse ended_response(const std::string &why)
-{
-    HttpResponse response;
-    response.status = 503;
-    response.body = json_error_body(why);
-    return response;
-}
-
 } // namespace
 
 PreviewFeed::PreviewFeed(int camera, int view, uint32_t max_width, int quality, PictureWorkers &workers,
@@ -135,7 +127,7 @@ void PreviewFeed::ended(const std::string &why)
         sleepers.swap(sleepers_);
     }
     for (const Poller &poller : answered)
-        poller.exchange->reply(ended_response(why));
+        poller.exchange->reply(json_error_response(503, why));
     for (const auto &sleeper : sleepers)
         if (auto exchange = sleeper.lock())
             exchange->wake();
@@ -164,7 +156,7 @@ void PreviewFeed::poll(uint64_t after, const std::shared_ptr<HttpExchange> &exch
         }
     }
     if (!ended.empty() && !now_ready) {
-        exchange->reply(ended_response(ended));
+        exchange->reply(json_error_response(503, ended));
         return;
     }
     if (now_ready) {

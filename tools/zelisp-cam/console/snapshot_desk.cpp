@@ -13,9 +13,7 @@ namespace {
 
 HttpResponse json_error(int status, const std::string &message)
 {
-    HttpResponse response;
-    response.status = status;
-    response.body = json_error_body(message);
+    HttpResponse response = json_error_response(status, message);
     response.headers = {{"Cache-Control", "no-store"}};
     return response;
 }

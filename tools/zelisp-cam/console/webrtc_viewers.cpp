@@ -17,14 +17,6 @@ constexpr auto kAnswerWithin = std::chrono::seconds(15);
 // (its answer went nowhere): its slot is given back.
 constexpr auto kConnectWithin = std::chrono::seconds(30);
 
-HttpResponse error_answer(int status, const std::string &message)
-{
-    HttpResponse response;
-    response.status = status;
-    response.body = json_error_body(message);
-    return response;
-}
-
 std::string where(int camera, int view)
 {
     return "camera " + std::to_string(camera) + " view " + std::to_string(view);
@@ -47,24 +39,24 @@ WebRtcViewers::~WebRtcViewers()
 void WebRtcViewers::offer(int camera, int view, const std::string &sdp, const std::shared_ptr<HttpExchange> &exchange)
 {
     if (settings_.encoder.empty()) {
-        exchange->reply(error_answer(501, "no H.264 encoder on this machine (x264enc, openh264enc or v4l2h264enc): "
-                                          "use the MJPEG stream"));
+        exchange->reply(json_error_response(
+            501, "no H.264 encoder on this machine (x264enc, openh264enc or v4l2h264enc): use the MJPEG stream"));
         return;
     }
     auto format = hub_.view_format(camera, view);
     if (!format) {
-        exchange->reply(error_answer(404, "camera " + std::to_string(camera) + " has no enabled view " +
-                                              std::to_string(view)));
+        exchange->reply(json_error_response(404, "camera " + std::to_string(camera) + " has no enabled view " +
+                                                     std::to_string(view)));
         return;
     }
     std::string failure = hub_.stop_reason(camera);
     if (!failure.empty()) {
-        exchange->reply(error_answer(503, failure));
+        exchange->reply(json_error_response(503, failure));
         return;
     }
     if (!slots_.take()) {
-        exchange->reply(error_answer(503, "at most " + std::to_string(slots_.max()) +
-                                              " streams at once: close one first"));
+        exchange->reply(json_error_response(503, "at most " + std::to_string(slots_.max()) +
+                                                     " streams at once: close one first"));
         return;
     }
     std::string id = generate_token();
@@ -73,7 +65,7 @@ void WebRtcViewers::offer(int camera, int view, const std::string &sdp, const st
     std::string peer = exchange->request().peer;
     auto answered = [this, exchange, location, id, camera, view, peer](int status, const std::string &body) {
         if (status != 201) {
-            exchange->reply(error_answer(status, body));
+            exchange->reply(json_error_response(status, body));
             retire(id);
             return;
         }
@@ -89,7 +81,7 @@ void WebRtcViewers::offer(int camera, int view, const std::string &sdp, const st
     if (!error.empty()) {
         slots_.give_back();
         session->close();
-        exchange->reply(error_answer(400, error));
+        exchange->reply(json_error_response(400, error));
         return;
     }
     {
